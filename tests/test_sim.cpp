@@ -1,0 +1,325 @@
+// The emulated sensor, seen through the real libusb-1.0 as the library sees it,
+// and its firmware model on its own.
+
+#include <gtest/gtest.h>
+#include <libusb.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "orb_sim.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// libusb's default context is left to the library under test.
+struct Usb {
+    libusb_context* ctx = nullptr;
+    Usb() { EXPECT_EQ(libusb_init(&ctx), 0); }
+    ~Usb() { libusb_exit(ctx); }
+
+    // (bus, address, vid, pid) of every listed device, in libusb's order.
+    std::vector<std::array<int, 4>> list() {
+        libusb_device** devs;
+        ssize_t n = libusb_get_device_list(ctx, &devs);
+        std::vector<std::array<int, 4>> out;
+        for (ssize_t i = 0; i < n; i++) {
+            libusb_device_descriptor d;
+            libusb_get_device_descriptor(devs[i], &d);
+            out.push_back({libusb_get_bus_number(devs[i]), libusb_get_device_address(devs[i]), d.idVendor, d.idProduct});
+        }
+        libusb_free_device_list(devs, 1);
+        return out;
+    }
+
+    libusb_device_handle* open(const orbsim::Sensor& s, int* error = nullptr) {
+        libusb_device** devs;
+        ssize_t n = libusb_get_device_list(ctx, &devs);
+        libusb_device_handle* h = nullptr;
+        int r = LIBUSB_ERROR_NOT_FOUND;
+        for (ssize_t i = 0; i < n; i++)
+            if (libusb_get_bus_number(devs[i]) == s.bus() && libusb_get_device_address(devs[i]) == s.address())
+                r = libusb_open(devs[i], &h);
+        libusb_free_device_list(devs, 1);
+        if (error) *error = r;
+        return h;
+    }
+};
+
+// A class read as the library sends it; returns the byte count or the libusb error.
+int read_code(libusb_device_handle* h, uint8_t code, uint16_t value, std::vector<uint8_t>& buf,
+              unsigned timeout_ms = 1000) {
+    return libusb_control_transfer(h, 0xA1, code, value, 0, buf.data(), static_cast<uint16_t>(buf.size()), timeout_ms);
+}
+
+uint8_t first_byte(libusb_device_handle* h, uint8_t code, uint16_t value = 0) {
+    std::vector<uint8_t> buf(1, 0xEE);
+    EXPECT_EQ(read_code(h, code, value, buf), 1) << "code " << int(code);
+    return buf[0];
+}
+
+int command(libusb_device_handle* h, uint8_t code, uint16_t value = 0, uint16_t index = 1) {
+    return libusb_control_transfer(h, 0x21, code, value, index, nullptr, 0, 1000);
+}
+
+// One asynchronous bulk read of 0x81, serviced on the calling thread.
+struct BulkRead {
+    std::vector<uint8_t> buf;
+    libusb_transfer* t = libusb_alloc_transfer(0);
+    int completed = 0;
+
+    BulkRead(libusb_device_handle* h, std::size_t size = orbsim::kFrameBytes, unsigned timeout_ms = 0) : buf(size) {
+        libusb_fill_bulk_transfer(t, h, orbsim::kBulkInEndpoint, buf.data(), static_cast<int>(size),
+                                  [](libusb_transfer* x) { static_cast<BulkRead*>(x->user_data)->completed = 1; },
+                                  this, timeout_ms);
+    }
+    ~BulkRead() { libusb_free_transfer(t); }
+
+    // Submits and waits (at most `limit`); returns the transfer status.
+    int run(libusb_context* ctx, std::chrono::milliseconds limit = 2000ms) {
+        completed = 0;
+        EXPECT_EQ(libusb_submit_transfer(t), 0);
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (!completed && std::chrono::steady_clock::now() < end) {
+            timeval tv{0, 50000};
+            libusb_handle_events_timeout_completed(ctx, &tv, &completed);
+        }
+        if (!completed) {
+            libusb_cancel_transfer(t);
+            while (!completed) libusb_handle_events_completed(ctx, &completed);
+            return -1;
+        }
+        return t->status;
+    }
+    uint16_t sample(std::size_t i) const { return static_cast<uint16_t>(buf[2 * i] << 4 | buf[2 * i + 1] >> 4); }
+};
+
+}  // namespace
+
+TEST(SimEnumeration, ListsBusByBusInTheOrderAddedAndKeepsOtherDevices) {
+    orbsim::Testbed tb;
+    auto& b3 = tb.add_sensor(3);
+    tb.add_other_device(0x1234, 0x5678);
+    auto& b1 = tb.add_sensor(1);
+    auto& led = tb.add_led_module(1);
+    auto& b3_12 = tb.add_sensor(3, 12);
+    EXPECT_THROW(tb.add_sensor(3, 12), std::invalid_argument);
+    Usb usb;
+
+    std::vector<std::array<int, 4>> sensors, others;
+    for (const auto& d : usb.list()) (d[2] == 0x0483 && d[3] == 0x5740 ? sensors : others).push_back(d);
+    const std::vector<std::array<int, 4>> expected = {{1, b1.address(), 0x0483, 0x5740},
+                                                      {1, led.address(), 0x0483, 0x5740},
+                                                      {3, b3.address(), 0x0483, 0x5740},
+                                                      {3, 12, 0x0483, 0x5740}};
+    EXPECT_EQ(sensors, expected);
+    EXPECT_EQ(b3_12.address(), 12);
+    EXPECT_EQ(tb.size(), 4u);
+    EXPECT_EQ(&tb.sensor(1), &b1);
+    // The other device and a root hub per bus.
+    EXPECT_EQ(others.size(), 3u);
+    EXPECT_NE(std::find(others.begin(), others.end(), std::array<int, 4>{1, 2, 0x1234, 0x5678}), others.end());
+}
+
+TEST(SimEnumeration, DescribesOneConfigurationWithABulkInEndpoint) {
+    orbsim::Testbed tb;
+    auto& s = tb.add_sensor();
+    Usb usb;
+    libusb_device_handle* h = usb.open(s);
+    ASSERT_NE(h, nullptr);
+    libusb_device* dev = libusb_get_device(h);
+    libusb_config_descriptor* c;
+    ASSERT_EQ(libusb_get_active_config_descriptor(dev, &c), 0);
+    EXPECT_EQ(c->bConfigurationValue, 1);
+    ASSERT_EQ(c->bNumInterfaces, 1);
+    const libusb_interface_descriptor& i = c->interface[0].altsetting[0];
+    EXPECT_EQ(i.bInterfaceNumber, 0);
+    ASSERT_EQ(i.bNumEndpoints, 1);
+    EXPECT_EQ(i.endpoint[0].bEndpointAddress, 0x81);
+    EXPECT_EQ(i.endpoint[0].bmAttributes & 3, LIBUSB_TRANSFER_TYPE_BULK);
+    EXPECT_EQ(libusb_get_max_packet_size(dev, 0x81), 512);
+    libusb_free_config_descriptor(c);
+    unsigned char text[64];
+    EXPECT_GT(libusb_get_string_descriptor_ascii(h, 2, text, sizeof text), 0);
+    EXPECT_STREQ(reinterpret_cast<char*>(text), "Emulated spectral sensor");
+    libusb_close(h);
+}
+
+TEST(SimControl, RegistersEchoWritesAndAnswerTheirPairedReads) {
+    orbsim::Testbed tb;
+    auto& s = tb.add_sensor();
+    Usb usb;
+    libusb_device_handle* h = usb.open(s);
+    ASSERT_NE(h, nullptr);
+    const std::pair<uint8_t, uint8_t> pairs[] = {{37, 36}, {5, 4}, {34, 39}, {33, 38}, {19, 35}, {20, 40}, {54, 53}};
+    uint8_t v = 0x10;
+    for (auto [write, read] : pairs) {
+        // Only the low byte of wValue is stored.
+        EXPECT_EQ(first_byte(h, write, 0x300 | v), v) << "write " << int(write);
+        EXPECT_EQ(first_byte(h, read), v) << "read " << int(read);
+        EXPECT_EQ(s.reg(write), v);
+        v++;
+    }
+    s.set_reg(37, 0x0B);
+    EXPECT_EQ(first_byte(h, 36), 0x0B);
+    EXPECT_EQ(s.shutter(), 0x0B00 | 0x11);
+
+    // Reads without a register answer zeros over the whole length asked for.
+    std::vector<uint8_t> big(2048, 0xEE);
+    EXPECT_EQ(read_code(h, 2, 0, big), 2048);
+    EXPECT_EQ(std::count(big.begin(), big.end(), 0), 2048);
+    std::vector<uint8_t> four(4, 0xEE);
+    EXPECT_EQ(read_code(h, 8, 0, four), 4);
+    EXPECT_EQ(four, std::vector<uint8_t>(4, 0));
+    libusb_close(h);
+}
+
+TEST(SimControl, EachSensorHasItsOwnIdentity) {
+    orbsim::Testbed tb;
+    auto& a = tb.add_sensor();
+    auto& b = tb.add_sensor();
+    auto& led = tb.add_led_module();
+    Usb usb;
+    std::vector<uint8_t> id(5);
+    libusb_device_handle* ha = usb.open(a);
+    libusb_device_handle* hb = usb.open(b);
+    libusb_device_handle* hl = usb.open(led);
+    ASSERT_TRUE(ha && hb && hl);
+    EXPECT_EQ(read_code(ha, 1, 0, id), 5);
+    EXPECT_EQ(id, (std::vector<uint8_t>{0x10, 0x9A, 0x47, 0x28, 0x85}));  // C1234-7-20-33-1
+    EXPECT_EQ(read_code(hb, 1, 0, id), 5);
+    EXPECT_EQ(id, (std::vector<uint8_t>{0x10, 0x9A, 0x47, 0x2A, 0x85}));  // C1234-7-21-33-1
+    EXPECT_EQ(read_code(hl, 1, 0, id), 5);
+    EXPECT_EQ(id, std::vector<uint8_t>(5, 0));
+    b.set_identity({0x0A, 0x30, 0xCC, 0xA1, 0x5A});
+    EXPECT_EQ(read_code(hb, 1, 0, id), 5);
+    EXPECT_EQ(id, (std::vector<uint8_t>{0x0A, 0x30, 0xCC, 0xA1, 0x5A}));
+    for (auto* h : {ha, hb, hl}) libusb_close(h);
+}
+
+TEST(SimControl, CommandsSetStreamingAndLedState) {
+    orbsim::Testbed tb;
+    auto& s = tb.add_led_module();
+    Usb usb;
+    libusb_device_handle* h = usb.open(s);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(command(h, 9, 0x0105, 0), 0);
+    EXPECT_EQ(s.led_state(), 0x0105);
+    EXPECT_EQ(command(h, 70), 0);
+    EXPECT_TRUE(s.streaming());
+    EXPECT_EQ(command(h, 71), 0);
+    EXPECT_FALSE(s.streaming());
+    // The same codes as class reads are not commands.
+    first_byte(h, 70);
+    EXPECT_FALSE(s.streaming());
+    libusb_close(h);
+}
+
+TEST(SimFaults, StallNoReplyAndWrongEchoLastUntilCleared) {
+    orbsim::Testbed tb;
+    auto& s = tb.add_sensor();
+    Usb usb;
+    libusb_device_handle* h = usb.open(s);
+    ASSERT_NE(h, nullptr);
+    std::vector<uint8_t> buf(1);
+    s.stall(36);
+    s.no_reply(4);
+    s.echo_wrong(35, 0x7F);
+    EXPECT_EQ(read_code(h, 36, 0, buf), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(read_code(h, 36, 0, buf), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(read_code(h, 4, 0, buf, 50), LIBUSB_ERROR_TIMEOUT);
+    EXPECT_EQ(first_byte(h, 19, 0x84), 0x84);
+    EXPECT_EQ(first_byte(h, 35), 0x7F);
+    EXPECT_EQ(command(h, 36), LIBUSB_ERROR_PIPE);  // by bRequest, whatever the direction
+
+    s.clear_faults();
+    EXPECT_EQ(first_byte(h, 36), 0);
+    EXPECT_EQ(first_byte(h, 4), 0);
+    EXPECT_EQ(first_byte(h, 35), 0x84);
+    // Every request was seen, the failed ones too.
+    EXPECT_EQ(s.requests().size(), 9u);
+    libusb_close(h);
+}
+
+TEST(SimFaults, RefusedOpenIsAnAccessError) {
+    orbsim::Testbed tb;
+    auto& s = tb.add_sensor();
+    tb.refuse_open(s);
+    Usb usb;
+    int r = 0;
+    {
+        orbsim::DropDacOverride not_root;
+        EXPECT_EQ(usb.open(s, &r), nullptr);
+        EXPECT_EQ(r, LIBUSB_ERROR_ACCESS);
+    }
+    if (geteuid() == 0) {
+        // The capability is back once the guard is gone.
+        libusb_device_handle* h = usb.open(s, &r);
+        EXPECT_EQ(r, 0);
+        if (h) libusb_close(h);
+    }
+}
+
+TEST(SimFaults, RefusedClaimIsBusyAndOnlyInterfaceZeroExists) {
+    orbsim::Testbed tb;
+    auto& s = tb.add_sensor();
+    Usb usb;
+    libusb_device_handle* h = usb.open(s);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(libusb_claim_interface(h, 1), LIBUSB_ERROR_NOT_FOUND);
+    s.refuse_claim();
+    EXPECT_EQ(libusb_claim_interface(h, 0), LIBUSB_ERROR_BUSY);
+    s.clear_faults();
+    EXPECT_EQ(libusb_claim_interface(h, 0), 0);
+    libusb_close(h);
+}
+
+TEST(SimLog, RecordsEveryOperationInOrder) {
+    orbsim::Testbed tb;
+    auto& s = tb.add_sensor();
+    Usb usb;
+    libusb_device_handle* h = usb.open(s);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(libusb_set_configuration(h, 1), 0);
+    EXPECT_EQ(libusb_claim_interface(h, 0), 0);
+    EXPECT_EQ(libusb_set_interface_alt_setting(h, 0, 0), 0);
+    first_byte(h, 37, 0x12);
+    EXPECT_EQ(libusb_clear_halt(h, 0x81), 0);
+    EXPECT_EQ(libusb_release_interface(h, 0), 0);
+    EXPECT_EQ(libusb_reset_device(h), 0);
+    libusb_close(h);
+
+    using E = orbsim::Event;
+    std::vector<std::pair<E::Kind, int>> seen;
+    for (const E& e : s.events()) seen.push_back({e.kind, e.kind == E::Control ? e.setup.bRequest : e.value});
+    const std::vector<std::pair<E::Kind, int>> expected = {
+        {E::Open, 0},          {E::SetConfiguration, 1}, {E::Claim, 0},   {E::SetInterface, 0},
+        {E::Control, 37},      {E::ClearHalt, 0x81},     {E::Release, 0}, {E::Reset, 0}};
+    seen.resize(expected.size());
+    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(s.requests().at(0), (orbsim::ControlRequest{0xA1, 37, 0x12, 0, 1}));
+    s.clear_log();
+    EXPECT_TRUE(s.requests().empty());
+}
+
+TEST(SimUnplug, DeviceLeavesTheListAndItsHandleFails) {
+    orbsim::Testbed tb;
+    auto& stays = tb.add_sensor();
+    auto& gone = tb.add_sensor();
+    Usb usb;
+    libusb_device_handle* h = usb.open(gone);
+    ASSERT_NE(h, nullptr);
+    tb.unplug(gone);
+    int sensors = 0;
+    for (const auto& d : usb.list()) sensors += d[2] == 0x0483;
+    EXPECT_EQ(sensors, 1);
+    std::vector<uint8_t> buf(1);
+    EXPECT_EQ(read_code(h, 36, 0, buf), LIBUSB_ERROR_NO_DEVICE);
+    libusb_close(h);
+    libusb_device_handle* other = usb.open(stays);
+    ASSERT_NE(other, nullptr);
+    EXPECT_EQ(first_byte(other, 36), 0);
+    libusb_close(other);
+}
