@@ -284,8 +284,9 @@ std::vector<DoubleDataPair> orb_utils_interface::sort(std::map<int, double>& InM
 
 float orb_utils_interface::generate_rand_float(float /*fMin*/, float /*fMax*/)
 {
-    // The bounds have never been applied; callers scale the [0, 1) result
-    // themselves. Unsigned arithmetic keeps the 32-bit shift well defined.
+    // The bounds stay in the signature for existing callers but are not
+    // applied: the result is always in [0, 1). Unsigned arithmetic keeps the
+    // 32-bit shift, and r2 + 15 near RAND_MAX, well defined.
     const uint32_t r1 = static_cast<uint32_t>(rand());
     const uint32_t r2 = static_cast<uint32_t>(rand());
     const uint32_t bits = (r1 << ((r2 + 15u) % 32u)) & 0xFFFFFFu;
