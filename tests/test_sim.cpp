@@ -4,8 +4,12 @@
 #include <gtest/gtest.h>
 #include <libusb.h>
 
+#include <sys/resource.h>
+
+#include <atomic>
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "orb_sim.h"
@@ -66,34 +70,48 @@ int command(libusb_device_handle* h, uint8_t code, uint16_t value = 0, uint16_t 
 
 // One asynchronous bulk read of 0x81, serviced on the calling thread.
 struct BulkRead {
+    libusb_context* ctx;
     std::vector<uint8_t> buf;
     libusb_transfer* t = libusb_alloc_transfer(0);
     int completed = 0;
 
-    BulkRead(libusb_device_handle* h, std::size_t size = orbsim::kFrameBytes, unsigned timeout_ms = 0) : buf(size) {
+    BulkRead(libusb_context* c, libusb_device_handle* h, std::size_t size = orbsim::kFrameBytes,
+             unsigned timeout_ms = 0)
+        : ctx(c), buf(size) {
         libusb_fill_bulk_transfer(t, h, orbsim::kBulkInEndpoint, buf.data(), static_cast<int>(size),
                                   [](libusb_transfer* x) { static_cast<BulkRead*>(x->user_data)->completed = 1; },
                                   this, timeout_ms);
     }
-    ~BulkRead() { libusb_free_transfer(t); }
+    ~BulkRead() {
+        if (!completed && libusb_cancel_transfer(t) == 0)
+            while (!completed) libusb_handle_events_completed(ctx, &completed);
+        libusb_free_transfer(t);
+    }
 
-    // Submits and waits (at most `limit`); returns the transfer status.
-    int run(libusb_context* ctx, std::chrono::milliseconds limit = 2000ms) {
+    void submit() {
         completed = 0;
-        EXPECT_EQ(libusb_submit_transfer(t), 0);
+        ASSERT_EQ(libusb_submit_transfer(t), 0);
+    }
+    // Waits at most `limit` for the completion; returns its status, or -1.
+    int wait(std::chrono::milliseconds limit = 2000ms) {
         const auto end = std::chrono::steady_clock::now() + limit;
         while (!completed && std::chrono::steady_clock::now() < end) {
-            timeval tv{0, 50000};
+            timeval tv{0, 20000};
             libusb_handle_events_timeout_completed(ctx, &tv, &completed);
         }
-        if (!completed) {
-            libusb_cancel_transfer(t);
-            while (!completed) libusb_handle_events_completed(ctx, &completed);
-            return -1;
-        }
-        return t->status;
+        return completed ? t->status : -1;
+    }
+    int run() {
+        submit();
+        return wait();
     }
     uint16_t sample(std::size_t i) const { return static_cast<uint16_t>(buf[2 * i] << 4 | buf[2 * i + 1] >> 4); }
+    // Every sample holds `v` and carries the sensor's 0x5 in the discarded nibble.
+    bool all(uint16_t v) const {
+        for (std::size_t i = 0; i < orbsim::kFilters; i++)
+            if (sample(i) != v || (buf[2 * i + 1] & 0xF) != 0x5) return false;
+        return true;
+    }
 };
 
 }  // namespace
@@ -322,4 +340,190 @@ TEST(SimUnplug, DeviceLeavesTheListAndItsHandleFails) {
     ASSERT_NE(other, nullptr);
     EXPECT_EQ(first_byte(other, 36), 0);
     libusb_close(other);
+}
+
+namespace {
+
+struct Streaming : testing::Test {
+    orbsim::Testbed tb;
+    orbsim::Sensor& s = tb.add_sensor();
+    Usb usb;
+    libusb_device_handle* h = nullptr;
+
+    void SetUp() override {
+        h = usb.open(s);
+        ASSERT_NE(h, nullptr);
+        ASSERT_EQ(libusb_claim_interface(h, 0), 0);
+    }
+    void TearDown() override {
+        if (h) libusb_close(h);
+    }
+};
+
+}  // namespace
+
+TEST_F(Streaming, CounterFramesNumberFromOneEachTimeStreamingStarts) {
+    s.set_frame_generator(orbsim::counter_frames());
+    {
+        BulkRead idle(usb.ctx, h, orbsim::kFrameBytes, 100);
+        EXPECT_EQ(idle.run(), LIBUSB_TRANSFER_TIMED_OUT);
+    }
+    BulkRead r(usb.ctx, h);
+    ASSERT_EQ(command(h, 70), 0);
+    for (uint16_t k = 1; k <= 3; k++) {
+        ASSERT_EQ(r.run(), LIBUSB_TRANSFER_COMPLETED);
+        EXPECT_EQ(r.t->actual_length, 2048);
+        EXPECT_TRUE(r.all(k)) << "frame " << k << " sample 0 is " << r.sample(0);
+    }
+    ASSERT_EQ(command(h, 71), 0);
+    ASSERT_EQ(command(h, 70), 0);
+    ASSERT_EQ(r.run(), LIBUSB_TRANSFER_COMPLETED);
+    EXPECT_TRUE(r.all(1));
+    EXPECT_EQ(s.frames_sent(), 4u);
+}
+
+TEST_F(Streaming, LightGrowsWithTheShutterSpeedAndSaturates) {
+    BulkRead r(usb.ctx, h);
+    ASSERT_EQ(command(h, 70), 0);
+    for (uint16_t shutter : {40, 500, 3000}) {
+        first_byte(h, 37, shutter >> 8);
+        first_byte(h, 5, shutter & 0xFF);
+        ASSERT_EQ(r.run(), LIBUSB_TRANSFER_COMPLETED);
+        int wrong = 0;
+        for (std::size_t i = 0; i < orbsim::kFilters; i++) wrong += r.sample(i) != orbsim::light_value(i, shutter);
+        EXPECT_EQ(wrong, 0) << "shutter " << shutter;
+    }
+    EXPECT_EQ(r.sample(512), 4095);
+    EXPECT_LT(r.sample(0), 4095);
+    EXPECT_LT(orbsim::light_value(512, 40), orbsim::light_value(512, 500));
+}
+
+TEST_F(Streaming, KeepsTheFramePeriod) {
+    s.set_frame_period(20ms);
+    BulkRead r(usb.ctx, h);
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(command(h, 70), 0);
+    for (int k = 0; k < 5; k++) ASSERT_EQ(r.run(), LIBUSB_TRANSFER_COMPLETED);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, 99ms);
+    EXPECT_LT(took, 1000ms);
+}
+
+TEST_F(Streaming, ShortFrameEndsEarlyOnce) {
+    BulkRead r(usb.ctx, h);
+    ASSERT_EQ(command(h, 70), 0);
+    s.short_frame(100);
+    ASSERT_EQ(r.run(), LIBUSB_TRANSFER_COMPLETED);
+    EXPECT_EQ(r.t->actual_length, 100);
+    ASSERT_EQ(r.run(), LIBUSB_TRANSFER_COMPLETED);
+    EXPECT_EQ(r.t->actual_length, 2048);
+}
+
+TEST_F(Streaming, StalledEndpointStaysHaltedUntilClearHalt) {
+    BulkRead r(usb.ctx, h);
+    r.submit();
+    EXPECT_EQ(r.wait(50ms), -1);  // not streaming: the transfer waits
+    s.stall_bulk();
+    EXPECT_EQ(r.wait(), LIBUSB_TRANSFER_STALL);
+    ASSERT_EQ(command(h, 70), 0);
+    EXPECT_EQ(r.run(), LIBUSB_TRANSFER_STALL);
+    EXPECT_EQ(libusb_clear_halt(h, 0x81), 0);
+    EXPECT_EQ(r.run(), LIBUSB_TRANSFER_COMPLETED);
+}
+
+TEST_F(Streaming, UnplugEndsAWaitingTransferWithNoDevice) {
+    s.set_frame_period(std::chrono::seconds(10));
+    BulkRead r(usb.ctx, h);
+    ASSERT_EQ(command(h, 70), 0);
+    r.submit();
+    EXPECT_EQ(r.wait(50ms), -1);
+    tb.unplug(s);
+    EXPECT_EQ(r.wait(), LIBUSB_TRANSFER_NO_DEVICE);
+    EXPECT_EQ(libusb_submit_transfer(r.t), LIBUSB_ERROR_NO_DEVICE);
+}
+
+// A waiting transfer must leave libusb's event thread asleep, not polling.
+TEST_F(Streaming, WaitingTransferCostsNoCpu) {
+    BulkRead r(usb.ctx, h);
+    r.submit();
+    std::atomic<bool> stop{false};
+    std::thread events([&] {
+        while (!stop) {
+            timeval tv{0, 50000};
+            libusb_handle_events_timeout_completed(usb.ctx, &tv, nullptr);
+        }
+    });
+    auto cpu = [] {  // milliseconds, all threads of this process
+        rusage u;
+        getrusage(RUSAGE_SELF, &u);
+        return (u.ru_utime.tv_sec + u.ru_stime.tv_sec) * 1000 + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1000;
+    };
+    const auto before = cpu();
+    std::this_thread::sleep_for(300ms);
+    const auto used = cpu() - before;
+    stop = true;
+    events.join();
+    EXPECT_LT(used, 60) << "ms of CPU in 300 ms";
+}
+
+TEST(SimModel, EncodesTwelveBitSamplesBigEndianWithNoiseBelow) {
+    std::array<uint16_t, orbsim::kFilters> v{};
+    v[0] = 0xABC;
+    v[1] = 4095;
+    v[2] = 5000;  // clamped
+    v[3] = 1;
+    const std::vector<uint8_t> w = orbsim::encode_frame(v);
+    ASSERT_EQ(w.size(), 2048u);
+    EXPECT_EQ(std::vector<uint8_t>(w.begin(), w.begin() + 10),
+              (std::vector<uint8_t>{0xAB, 0xC5, 0xFF, 0xF5, 0xFF, 0xF5, 0x00, 0x15, 0x00, 0x05}));
+}
+
+TEST(SimModel, FrameLargerThanTheTransferCarriesOver) {
+    orbsim::SensorModel m;
+    m.set_frame_generator(orbsim::counter_frames());
+    m.handle_control({0x21, 70, 0, 1, 0});
+    const auto now = orbsim::SensorModel::Clock::now();
+    std::vector<uint8_t> got;
+    for (int i = 0; i < 4; i++) {
+        orbsim::BulkReply r = m.bulk_in(now, 512);
+        ASSERT_EQ(r.outcome, orbsim::BulkReply::Bytes);
+        ASSERT_EQ(r.data.size(), 512u);
+        got.insert(got.end(), r.data.begin(), r.data.end());
+    }
+    std::array<uint16_t, orbsim::kFilters> ones;
+    ones.fill(1);
+    EXPECT_EQ(got, orbsim::encode_frame(ones));
+    EXPECT_EQ(m.frames_sent(), 1u);
+}
+
+TEST(SimModel, LateHostGetsTheFrameAtOnceButNoBurst) {
+    using Clock = orbsim::SensorModel::Clock;
+    orbsim::SensorModel m;
+    m.set_frame_period(10ms);
+    const auto t0 = Clock::now();
+    m.handle_control({0x21, 70, 0, 1, 0});
+    EXPECT_EQ(m.bulk_in(t0 + 5ms, 2048).outcome, orbsim::BulkReply::Nothing);
+    EXPECT_EQ(m.bulk_in(t0 + 50ms, 2048).outcome, orbsim::BulkReply::Bytes);
+    EXPECT_EQ(m.next_bulk_due(t0 + 50ms), t0 + 60ms);
+    EXPECT_EQ(m.bulk_in(t0 + 59ms, 2048).outcome, orbsim::BulkReply::Nothing);
+    EXPECT_EQ(m.bulk_in(t0 + 60ms, 2048).outcome, orbsim::BulkReply::Bytes);
+}
+
+TEST(SimModel, OnlyClassRequestsReachTheRegisters) {
+    orbsim::SensorModel m;
+    orbsim::ControlReply r = m.handle_control({0xC1, 37, 9, 0, 1});  // vendor, not class
+    EXPECT_EQ(r.data, std::vector<uint8_t>{0});
+    EXPECT_EQ(m.reg(37), 0);
+    m.handle_control({0x41, 70, 0, 1, 0});
+    EXPECT_FALSE(m.streaming());
+    EXPECT_EQ(m.handle_control({0x80, 6, 0x0300, 0, 255}).outcome, orbsim::ControlReply::Stall);  // no such string
+    EXPECT_EQ(m.requests().size(), 3u);
+}
+
+TEST(SimModel, LedModuleNeverStreams) {
+    orbsim::SensorModel led(orbsim::SensorModel::Kind::LedModule);
+    led.handle_control({0x21, 70, 0, 1, 0});
+    EXPECT_TRUE(led.streaming());
+    EXPECT_EQ(led.bulk_in(orbsim::SensorModel::Clock::now() + 1s, 2048).outcome, orbsim::BulkReply::Nothing);
+    EXPECT_EQ(led.next_bulk_due(orbsim::SensorModel::Clock::now()), orbsim::SensorModel::Clock::time_point::max());
 }
