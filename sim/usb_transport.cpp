@@ -110,13 +110,18 @@ struct Testbed::Impl {
     UMockdevTestbed* tb = nullptr;
     std::string root;
 
-    // Guards every Device's URB lists, FIFO and unplugged flag. Taken before
-    // a sensor's own lock, never after it.
+    // Serialises changes to the emulated buses. The ioctl handlers never take
+    // it, so the umockdev calls made under it cannot wait on a handler that
+    // waits on us.
+    std::mutex add_mu;
+    std::map<int, std::set<int>> addresses;  // in use, per bus
+    std::map<int, int> next_port;            // per bus, counting down
+    int sensors_made = 0;
+
+    // Guards `devices` and every Device's URB lists, FIFO and unplugged flag.
+    // Taken before a sensor's own lock, never after it.
     std::mutex mu;
     std::vector<std::unique_ptr<Device>> devices;  // the 0483:5740 ones, in order added
-    std::map<int, std::set<int>> addresses;        // in use, per bus
-    std::map<int, int> next_port;                  // per bus, counting down
-    int sensors_made = 0;
 
     // The frame ticker: completes bulk URBs whose frames come due later than
     // their submission. Waits on a condition variable, never on usleep, which
@@ -135,8 +140,12 @@ struct Testbed::Impl {
         tick_cv.notify_one();
     }
 
-    void ensure_bus(int bus);
-    int take_address(int bus, int address);
+    // Where a new device goes: its address, and its sysfs parent and name.
+    struct Place {
+        int address;
+        std::string parent, name;
+    };
+    Place place(int bus, int address);
     std::string add_usb_device(int bus, int address, const std::string& parent, const std::string& name,
                                const UsbIdentity& id, const std::string& serial);
 
@@ -210,11 +219,13 @@ gboolean Testbed::Impl::handle(Device& d, UMockdevIoctlClient* client) {
         g_object_unref(p);
         return TRUE;
     }
-    case USBDEVFS_CLAIMINTERFACE:
+    case USBDEVFS_CLAIMINTERFACE: {
         if (!read_arg(arg, &n)) break;
         s.record(Event::Claim, static_cast<int>(n));
-        complete(client, n == 0 && !s.claim_refused() ? 0 : -1, n != 0 ? ENOENT : s.claim_refused() ? EBUSY : 0);
+        const int error = n != 0 ? ENOENT : s.claim_refused() ? EBUSY : 0;
+        complete(client, error ? -1 : 0, error);
         return TRUE;
+    }
     case USBDEVFS_RELEASEINTERFACE:
         if (!read_arg(arg, &n)) break;
         s.record(Event::Release, static_cast<int>(n));
@@ -437,22 +448,20 @@ void Testbed::Impl::run_ticker() {
     }
 }
 
-void Testbed::Impl::ensure_bus(int bus) {
-    if (addresses.count(bus)) return;
-    addresses[bus].insert(1);
-    next_port[bus] = 99;
+Testbed::Impl::Place Testbed::Impl::place(int bus, int address) {
+    if (bus < 1 || bus > 127) throw std::invalid_argument("orbsim: bus numbers run from 1 to 127");
     // libusb lists devices in the reverse of udev's path order: the host
     // controllers are named so that lower bus numbers come out first.
-    char parent[64], name[16];
-    std::snprintf(parent, sizeof parent, "/devices/platform/orbsim_hcd.%03d", 255 - bus);
-    std::snprintf(name, sizeof name, "usb%d", bus);
-    add_usb_device(bus, 1, parent, name,
-                   UsbIdentity{0x1d6b, 0x0002, 0x0601, 9, kHubConfig, "Linux orbsim", "EHCI Host Controller"}, "orbsim");
-}
-
-int Testbed::Impl::take_address(int bus, int address) {
-    if (bus < 1 || bus > 127) throw std::invalid_argument("orbsim: bus numbers run from 1 to 127");
-    ensure_bus(bus);
+    char controller[64], hub[16];
+    std::snprintf(controller, sizeof controller, "/devices/platform/orbsim_hcd.%03d", 255 - bus);
+    std::snprintf(hub, sizeof hub, "usb%d", bus);
+    if (!addresses.count(bus)) {
+        add_usb_device(bus, 1, controller, hub,
+                       UsbIdentity{0x1d6b, 0x0002, 0x0601, 9, kHubConfig, "Linux orbsim", "EHCI Host Controller"},
+                       "orbsim");
+        addresses[bus].insert(1);
+        next_port[bus] = 99;
+    }
     std::set<int>& used = addresses[bus];
     if (address == 0) {
         address = 2;
@@ -465,7 +474,7 @@ int Testbed::Impl::take_address(int bus, int address) {
     // the order they were added; two digits keep udev's string order numeric.
     if (next_port[bus] < 10) throw std::length_error("orbsim: at most 90 devices per bus");
     used.insert(address);
-    return address;
+    return Place{address, std::string(controller) + "/" + hub, std::to_string(bus) + "-" + std::to_string(next_port[bus]--)};
 }
 
 std::string Testbed::Impl::add_usb_device(int bus, int address, const std::string& parent, const std::string& name,
@@ -532,9 +541,9 @@ Sensor& Testbed::add_led_module(int bus, int address) { return add(SensorModel::
 
 Sensor& Testbed::add(SensorModel::Kind kind, int bus, int address) {
     Impl& t = *impl_;
-    std::lock_guard<std::mutex> lock(t.mu);
-    address = t.take_address(bus, address);
-    const int port = t.next_port[bus]--;
+    std::lock_guard<std::mutex> adding(t.add_mu);
+    const Impl::Place where = t.place(bus, address);
+    address = where.address;
 
     const bool led = kind == SensorModel::Kind::LedModule;
     std::array<uint8_t, 5> identity{};
@@ -547,11 +556,9 @@ Sensor& Testbed::add(SensorModel::Kind kind, int bus, int address) {
     d->testbed = &t;
     d->sensor.reset(new Sensor(kind, identity, bus, address));
 
-    char node[32], serial[16], parent[64], name[16];
+    char node[32], serial[16];
     std::snprintf(node, sizeof node, "/dev/bus/usb/%03d/%03d", bus, address);
     std::snprintf(serial, sizeof serial, "ORB%03d%03d", bus, address);
-    std::snprintf(parent, sizeof parent, "/devices/platform/orbsim_hcd.%03d/usb%d", 255 - bus, bus);
-    std::snprintf(name, sizeof name, "%d-%d", bus, port);
     const UsbIdentity id{kVendorId, kProductId, 0x0200, 0, kBulkConfig, "orbsim",
                          led ? "Emulated LED module" : "Emulated spectral sensor"};
     Sensor& s = *d->sensor;
@@ -574,7 +581,7 @@ Sensor& Testbed::add(SensorModel::Kind kind, int bus, int address) {
         g_object_unref(d->handler);
         throw std::runtime_error(std::string("orbsim: cannot emulate ") + node + ": " + why);
     }
-    d->syspath = t.add_usb_device(bus, address, parent, name, id, serial);
+    d->syspath = t.add_usb_device(bus, address, where.parent, where.name, id, serial);
 
     d->fifo = t.root + node;
     if (unlink(d->fifo.c_str()) != 0 || mkfifo(d->fifo.c_str(), 0666) != 0 ||
@@ -584,23 +591,20 @@ Sensor& Testbed::add(SensorModel::Kind kind, int bus, int address) {
     fcntl(d->fifo_fd, F_SETPIPE_SZ, 4096);
     t.sync_fifo(*d);
 
-    Device* raw = d.get();
     s.on_bulk_change([&t] { t.poke(); });
+    std::lock_guard<std::mutex> lock(t.mu);
     t.devices.push_back(std::move(d));
-    return *raw->sensor;
+    return s;
 }
 
 void Testbed::add_other_device(uint16_t vid, uint16_t pid, int bus, int address) {
     Impl& t = *impl_;
-    std::lock_guard<std::mutex> lock(t.mu);
-    address = t.take_address(bus, address);
-    const int port = t.next_port[bus]--;
-    char parent[64], name[16], serial[16];
-    std::snprintf(parent, sizeof parent, "/devices/platform/orbsim_hcd.%03d/usb%d", 255 - bus, bus);
-    std::snprintf(name, sizeof name, "%d-%d", bus, port);
-    std::snprintf(serial, sizeof serial, "OTH%03d%03d", bus, address);
-    t.add_usb_device(bus, address, parent, name, UsbIdentity{vid, pid, 0x0100, 0, kBulkConfig, "orbsim", "Other device"},
-                     serial);
+    std::lock_guard<std::mutex> adding(t.add_mu);
+    const Impl::Place where = t.place(bus, address);
+    char serial[16];
+    std::snprintf(serial, sizeof serial, "OTH%03d%03d", bus, where.address);
+    t.add_usb_device(bus, where.address, where.parent, where.name,
+                     UsbIdentity{vid, pid, 0x0100, 0, kBulkConfig, "orbsim", "Other device"}, serial);
 }
 
 void Testbed::refuse_open(Sensor& sensor) {
@@ -624,6 +628,7 @@ void Testbed::unplug(Sensor& sensor) {
         }
     }
     if (syspath.empty()) return;
+    std::lock_guard<std::mutex> adding(t.add_mu);
     umockdev_testbed_uevent(t.tb, syspath.c_str(), "remove");
     umockdev_testbed_remove_device(t.tb, syspath.c_str());
 }
