@@ -442,6 +442,22 @@ TEST_F(Streaming, UnplugEndsAWaitingTransferWithNoDevice) {
     EXPECT_EQ(libusb_submit_transfer(r.t), LIBUSB_ERROR_NO_DEVICE);
 }
 
+// The library opens a sensor twice when it also takes it for the LED driver:
+// each handle must reap only its own transfers.
+TEST_F(Streaming, TwoHandlesOnOneDeviceKeepTheirTransfersApart) {
+    libusb_device_handle* second = usb.open(s);
+    ASSERT_NE(second, nullptr);
+    BulkRead r(usb.ctx, h);
+    r.submit();
+    EXPECT_EQ(first_byte(second, 37, 3), 3);
+    EXPECT_EQ(command(second, 70), 0);
+    EXPECT_EQ(r.wait(), LIBUSB_TRANSFER_COMPLETED);
+    libusb_close(second);
+    EXPECT_EQ(r.run(), LIBUSB_TRANSFER_COMPLETED);
+    const auto events = s.events();
+    EXPECT_EQ(std::count_if(events.begin(), events.end(), [](const orbsim::Event& e) { return e.kind == orbsim::Event::Open; }), 2);
+}
+
 // A waiting transfer must leave libusb's event thread asleep, not polling.
 TEST_F(Streaming, WaitingTransferCostsNoCpu) {
     BulkRead r(usb.ctx, h);
