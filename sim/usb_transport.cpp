@@ -162,7 +162,7 @@ struct Testbed::Impl {
 
 namespace {
 
-// Reads or writes the small struct an ioctl's argument points to.
+// Copies out the small struct an ioctl's argument points to.
 template <typename T>
 bool read_arg(UMockdevIoctlData* arg, T* out) {
     UMockdevIoctlData* p = umockdev_ioctl_data_resolve(arg, 0, sizeof(T), nullptr);
