@@ -164,6 +164,15 @@ void SensorModel::short_frame(std::size_t bytes) {
     short_frame_armed_ = true;
 }
 
+void SensorModel::trickle(std::size_t bytes) {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        trickle_bytes_ = bytes;
+        trickle_armed_ = true;
+    }
+    changed();
+}
+
 void SensorModel::stall_bulk() {
     {
         std::lock_guard<std::mutex> lock(mu_);
@@ -181,6 +190,7 @@ void SensorModel::clear_faults() {
         refuse_claim_ = false;
         bulk_halted_ = false;
         short_frame_armed_ = false;
+        trickle_armed_ = false;
     }
     changed();
 }
@@ -317,8 +327,13 @@ BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
         frames_sent_++;
         next_due_ = std::max(next_due_, now) + period_;
     }
-    const std::size_t n = std::min(capacity, carry_.size());
+    std::size_t n = std::min(capacity, carry_.size());
     reply.outcome = BulkReply::Bytes;
+    if (trickle_armed_) {
+        n = std::min(n, trickle_bytes_);
+        reply.outcome = BulkReply::Held;
+        trickle_armed_ = false;
+    }
     reply.data.assign(carry_.begin(), carry_.begin() + n);
     carry_.erase(carry_.begin(), carry_.begin() + n);
     return reply;

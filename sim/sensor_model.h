@@ -62,7 +62,9 @@ struct ControlReply {
 
 // What the bulk IN endpoint has for a waiting transfer right now.
 struct BulkReply {
-    enum Outcome { Bytes, Stall, Nothing } outcome = Nothing;
+    // Held: the bytes arrive but the transfer never completes; the host's
+    // time-out ends it with those bytes.
+    enum Outcome { Bytes, Held, Stall, Nothing } outcome = Nothing;
     std::vector<uint8_t> data;
 };
 
@@ -123,6 +125,7 @@ public:
     void refuse_claim();                                // claiming interface 0 is refused
     void short_frame(std::size_t bytes);                // the next frame stops after `bytes`
     void stall_bulk();                                  // 0x81 halts until a clear-halt
+    void trickle(std::size_t bytes);                    // the next bulk transfer gets `bytes`, then hangs
     void clear_faults();
 
     // Streaming. The default is light_frames() as fast as the host reads.
@@ -172,6 +175,8 @@ private:
     bool bulk_halted_ = false;
     std::size_t short_frame_bytes_ = 0;
     bool short_frame_armed_ = false;
+    std::size_t trickle_bytes_ = 0;
+    bool trickle_armed_ = false;
 
     bool streaming_ = false;
     FrameGenerator generator_;

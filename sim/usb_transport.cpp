@@ -42,6 +42,8 @@ struct Urb {
     unsigned long client_addr;
     uint8_t type;
     std::size_t length;
+    std::size_t filled = 0;  // bytes already in a held transfer
+    bool held = false;
 
     usbdevfs_urb* fields() const { return reinterpret_cast<usbdevfs_urb*>(urb->data); }
     void release() const {
@@ -364,19 +366,26 @@ void Testbed::Impl::discard(Device& d, UMockdevIoctlClient* client, UMockdevIoct
     }
     Urb urb = *it;
     d.pending.erase(it);
-    finish(d, urb, -ENOENT, 0);
+    finish(d, urb, -ENOENT, urb.filled);
     sync_fifo(d);
     complete(client, 0, 0);
 }
 
 void Testbed::Impl::pump(Device& d, Clock::time_point now) {
     for (auto it = d.pending.begin(); it != d.pending.end();) {
-        if (it->type != USBDEVFS_URB_TYPE_BULK) {
+        if (it->type != USBDEVFS_URB_TYPE_BULK || it->held) {
             ++it;
             continue;
         }
         BulkReply r = d.sensor->bulk_in(now, it->length);
         if (r.outcome == BulkReply::Nothing) return;
+        if (r.outcome == BulkReply::Held) {
+            std::memcpy(it->buffer->data, r.data.data(), r.data.size());
+            it->filled = r.data.size();
+            it->held = true;
+            ++it;
+            continue;
+        }
         Urb urb = *it;
         it = d.pending.erase(it);
         if (r.outcome == BulkReply::Stall) {
@@ -433,7 +442,7 @@ void Testbed::Impl::run_ticker() {
                 pump(*d, now);
                 sync_fifo(*d);
                 for (const Urb& u : d->pending) {
-                    if (u.type != USBDEVFS_URB_TYPE_BULK) continue;
+                    if (u.type != USBDEVFS_URB_TYPE_BULK || u.held) continue;
                     deadline = std::min(deadline, d->sensor->next_bulk_due(now));
                     break;
                 }

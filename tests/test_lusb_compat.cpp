@@ -247,3 +247,30 @@ TEST(LusbLog, SilentUntilDebugIsOn) {
 }
 
 TEST(LusbHeaders, CompileAsC) { EXPECT_EQ(orb_c_header_check(), vn_ec_success); }
+
+// A time-out after part of the data arrived still hands over that part.
+TEST(LusbBulk, ReadsCountPartialTransfersAsSuccess) {
+    auto& sensor = testbed().add_sensor();
+    sensor.set_frame_generator(orbsim::constant_frames(0xABC));
+    usb_dev_handle* dev = open_first_sensor();
+    ASSERT_NE(dev, nullptr);
+    ASSERT_EQ(usb_claim_interface(dev->handle, 0), 0);
+    char start[1];
+    usb_control_msg(dev->handle, 0x21, orbsim::kStartStreaming, 0, 1, start, 0, 1000);
+
+    std::vector<char> frame(2048);
+    // Endpoint 1 is taken as IN 0x81 for a read.
+    EXPECT_EQ(usb_bulk_read(dev->handle, 0x01, frame.data(), 2048, 1000), 2048);
+    EXPECT_EQ(static_cast<unsigned char>(frame[0]), 0xAB);
+    EXPECT_EQ(static_cast<unsigned char>(frame[1]), 0xC5);
+
+    sensor.trickle(10);
+    EXPECT_EQ(usb_bulk_read(dev->handle, 0x81, frame.data(), 2048, 100), 10);
+
+    sensor.trickle(0);
+    EXPECT_EQ(usb_bulk_read(dev->handle, 0x81, frame.data(), 2048, 100), -ETIMEDOUT);
+
+    // Writing clears the IN bit: endpoint 0x81 becomes OUT 0x01, which the sensor does not have.
+    EXPECT_LT(usb_bulk_write(dev->handle, 0x81, frame.data(), 4, 100), 0);
+    usb_close(dev);
+}
