@@ -1,9 +1,21 @@
-// The sensor controller's firmware commands.
+// The sensor controller's firmware commands, and frame acquisition.
+
+// SMA's window check guards memory, so it stays on in release builds too.
+#undef NDEBUG
 
 #include "orb_device_interface_stm.h"
 
+#include <assert.h>
+#include <math.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <new>
+#include <string>
+
+#include "orb_device_interface_device_settings.h"
 
 #include "lusb.h"
 #include "orb_device_interface_stm_usb.h"
@@ -193,3 +205,339 @@ bool read_from_device(int, int, unsigned int) { return true; }
 
 int get_current_shutter_speed() { return 1; }
 
+// ---- Frames -------------------------------------------------------------
+
+constexpr int kFrameBytes = 2048;
+constexpr int kFrameValues = 1024;
+constexpr unsigned char kFrameEndpoint = 0x81;
+
+// Streaming requests carry no data stage: class request, host to interface 1.
+constexpr int kRequestTypeOut = 0x21;
+constexpr int kStreamInterface = 1;
+constexpr int kStreamTimeoutMs = 2000;
+constexpr int kCmdStreamStart = 70;
+constexpr int kCmdStreamStop = 71;
+constexpr int kStreamGapMs = 20;
+
+// The early firmware sent one frame per class request carrying this value.
+constexpr int kControlFrameValue = 0x84;
+constexpr int kControlFrameTimeoutMs = 2000;
+
+constexpr int kModeContinuous = 1;
+constexpr int kModeCollect = 2;
+constexpr int kModeSingleShot = 3;
+constexpr int kSingleShotSkip = 2;
+
+constexpr int kFmaRows = 100;
+
+RANGE subgroup_range[18] = {{4, 255},   {257, 272}, {274, 305}, {307, 322}, {330, 387}, {388, 447},
+                            {450, 483}, {485, 506}, {508, 574}, {577, 600}, {602, 649}, {651, 674},
+                            {680, 701}, {704, 727}, {730, 767}, {768, 783}, {816, 859}, {862, 898}};
+
+std::vector<std::vector<int>> frameDataQueue;
+pthread_mutex_t exit_cond_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t exit_cond = PTHREAD_COND_INITIALIZER;
+std::atomic<int> g_count{0};
+std::atomic<int> iCurrAvgNum{0};
+std::atomic<int> iCurrAcqMode{0};
+std::atomic<bool> bulkModeStarted{false};
+bool asyncTransferInitialized = false;
+pthread_t usbEventLoop_thread;
+std::atomic<int> do_exit{0};
+bool stopFlag = false;
+libusb_transfer* gTransfer_in = nullptr;
+unsigned char framebuf2048[2048];
+unsigned char* framebuf[1] = {nullptr};
+bool g_enable_FMA = false;
+double g_FMA_Buffer[100][1024];
+int g_FMA_FrameCount = 0;
+bool g_FMA_Buffered = false;
+
+namespace {
+
+// Sample i is the upper 12 bits of the big-endian word at byte 2i; the low
+// nibble carries no signal.
+inline int sample(const unsigned char* frame, int i) { return (frame[2 * i] << 4) | (frame[2 * i + 1] >> 4); }
+
+// A stop first, so that a sensor still streaming for an earlier host starts
+// a fresh stream.
+void start_streaming(unsigned int index) {
+    acquire_frame_data_bulk(kCmdStreamStop, index);
+    pause_ms(kStreamGapMs);
+    acquire_frame_data_bulk(kCmdStreamStart, index);
+}
+
+// Three stops: the controller can miss one while it is busy with a frame.
+void stop_streaming(unsigned int index) {
+    acquire_frame_data_bulk(kCmdStreamStop, index);
+    pause_ms(kStreamGapMs);
+    acquire_frame_data_bulk(kCmdStreamStop, index);
+    pause_ms(kStreamGapMs);
+    acquire_frame_data_bulk(kCmdStreamStop, index);
+    bulkModeStarted = false;
+}
+
+void print_rule_pair() {
+    static const std::string rule(57, '@');
+    puts(rule.c_str());
+    puts(rule.c_str());
+}
+
+libusb_device_handle* handle_of(unsigned int index) { return UsbDevHandle::pDevH[index]; }
+
+int submit_frame_transfer(libusb_device_handle* handle, libusb_transfer* transfer, unsigned char* buffer,
+                          int length) {
+    // No time-out: the sensor sends only while streaming, which may be
+    // stopped for as long as the host likes.
+    libusb_fill_bulk_transfer(transfer, handle, kFrameEndpoint, buffer, length, cb_bulkdata, nullptr, 0);
+    // A refused submission shows as frames that never arrive; there is no
+    // second transfer to fall back on.
+    libusb_submit_transfer(transfer);
+    return 0;
+}
+
+}  // namespace
+
+int get_sleep_time_for_shutter_speed(int iShutterSpeed) {
+    // The exposure clock in 32-bit arithmetic; a wrapped product of an absurd
+    // shutter speed falls back to g_iSleepTime.
+    int32_t exposure = static_cast<int32_t>(static_cast<uint32_t>(iShutterSpeed) * 912u + 160u);
+    int frame_ms = static_cast<int>(ceil(exposure / 5000.0 * 3.0));
+    return std::max(g_iSleepTime, frame_ms);
+}
+
+int acquire_frame_data_bulk(int iCommand, unsigned int iDeviceId) {
+    int settle_ms = get_sleep_time_for_shutter_speed(g_iCurShutterSpeed);
+    libusb_device_handle* handle = handle_of(iDeviceId);
+    if (handle == nullptr) return 0;
+    usb_control_msg(handle, kRequestTypeOut, iCommand & 0xFF, 0, kStreamInterface, nullptr, 0, kStreamTimeoutMs);
+    pause_ms(settle_ms);
+    return 0;
+}
+
+int alloc_transfer_bulk_l(int num_iso_pack, int length, unsigned char*, unsigned int iDeviceId) {
+    libusb_device_handle* handle = handle_of(iDeviceId);
+    if (handle == nullptr || num_iso_pack < 0 || length < 0) return -1;
+    // The callback unpacks and clears a whole frame whatever length was asked
+    // for, so the buffer never holds less.
+    unsigned char* buffer = new (std::nothrow) unsigned char[std::max(length, kFrameBytes)]();
+    if (buffer == nullptr) return -1;
+    libusb_transfer* transfer = libusb_alloc_transfer(num_iso_pack);
+    if (transfer == nullptr) {
+        delete[] buffer;
+        return -1;
+    }
+    return submit_frame_transfer(handle, transfer, buffer, length);
+}
+
+int alloc_transfer_bulk(unsigned int iDeviceId) {
+    libusb_device_handle* handle = handle_of(iDeviceId);
+    if (handle == nullptr) return -1;
+    memset(framebuf2048, 0, sizeof framebuf2048);
+    gTransfer_in = libusb_alloc_transfer(0);
+    if (gTransfer_in == nullptr) return -1;
+    return submit_frame_transfer(handle, gTransfer_in, framebuf2048, kFrameBytes);
+}
+
+void LIBUSB_CALL cb_bulkdata(libusb_transfer* transfer) {
+    if (transfer->status != LIBUSB_TRANSFER_COMPLETED) {
+        fprintf(stderr, "bulk data transfer status %d?\n", transfer->status);
+        request_exit(2);
+        return;
+    }
+    int skip = iCurrAcqMode == kModeSingleShot ? kSingleShotSkip : 0;
+    // Frames past the request cost no lock: the stream runs on in
+    // continuous mode while nobody waits.
+    if (iCurrAvgNum + skip > g_count) {
+        pthread_mutex_lock(&exit_cond_lock);
+        int wanted = iCurrAvgNum;
+        if (g_count >= skip && static_cast<int>(frameDataQueue.size()) < wanted) {
+            std::vector<int> frame(kFrameValues);
+            for (int i = 0; i < kFrameValues; i++) frame[i] = sample(transfer->buffer, i);
+            frameDataQueue.push_back(std::move(frame));
+        }
+        // A short frame must not show the previous frame's tail.
+        memset(transfer->buffer, 0, kFrameBytes);
+        if (static_cast<int>(frameDataQueue.size()) == wanted) pthread_cond_signal(&exit_cond);
+        g_count++;
+        pthread_mutex_unlock(&exit_cond_lock);
+    }
+    if (libusb_submit_transfer(transfer) < 0) {
+        puts("===>>>> libusb_submit_transfer fail!!!");
+        request_exit(2);
+    }
+}
+
+void* usbEventLoop_thread_main(void*) {
+    while (do_exit == 0) {
+        timeval timeout = {1, 0};
+        if (libusb_handle_events_timeout(nullptr, &timeout) < 0) {
+            request_exit(2);
+            break;
+        }
+    }
+    return nullptr;
+}
+
+void request_exit(int code) {
+    do_exit = code;
+    pthread_cond_signal(&exit_cond);
+}
+
+double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAverages, int, int useContAcq,
+                                   unsigned int iDeviceId) {
+    int mode = useContAcq == 0 ? kModeSingleShot : useContAcq;
+    iCurrAcqMode = mode;
+    g_count = 0;
+    // Once primed, the moving average takes one new frame per call, which
+    // priming left in iCurrAvgNum.
+    bool moving = g_enable_FMA && g_FMA_Buffered;
+    if (!moving) iCurrAvgNum = iNumOfAverages;
+    int wanted = std::max(iNumOfAverages, 1);
+
+    if ((mode == kModeContinuous || mode == kModeSingleShot) && !bulkModeStarted) {
+        bulkModeStarted = true;
+        try {
+            start_streaming(iDeviceId);
+        } catch (...) {
+            puts("=========== Exception =============!!!");
+            puts("=========== Exception occurs in get_filter_data_from_sensor!!!");
+            puts("=========== Exception =============!!!");
+            stop_streaming(iDeviceId);
+        }
+    }
+    bool stop_after = mode == kModeCollect || mode == kModeSingleShot;
+
+    double sum[kFrameValues] = {};
+    int divisor = wanted;
+    pthread_mutex_lock(&exit_cond_lock);
+    try {
+        if (moving) {
+            while (frameDataQueue.empty()) pthread_cond_wait(&exit_cond, &exit_cond_lock);
+            if (frameDataQueue.size() == 1) {
+                if (stop_after && bulkModeStarted) stop_streaming(iDeviceId);
+            } else {
+                print_rule_pair();
+                printf("===========> ERROR: frameDataQueue.size() = %d\n", static_cast<int>(frameDataQueue.size()));
+                print_rule_pair();
+            }
+        } else {
+            while (static_cast<int>(frameDataQueue.size()) < wanted) pthread_cond_wait(&exit_cond, &exit_cond_lock);
+            if (static_cast<int>(frameDataQueue.size()) == wanted) {
+                if (stop_after && bulkModeStarted) stop_streaming(iDeviceId);
+            } else {
+                print_rule_pair();
+                puts("-----------> ERROR: frameDataQueue.size() != iAvgNum");
+                print_rule_pair();
+            }
+        }
+
+        if (!g_enable_FMA) {
+            for (int k = 0; k < wanted; k++)
+                for (int j = 0; j < kFrameValues; j++) sum[j] += frameDataQueue[k].at(j);
+            iCurrAvgNum = 0;
+        } else {
+            int rows = std::min(wanted, kFmaRows);
+            if (!g_FMA_Buffered) {
+                for (int r = 0; r < rows; r++)
+                    for (int j = 0; j < kFrameValues; j++) g_FMA_Buffer[r][j] = frameDataQueue[r].at(j);
+                g_FMA_Buffered = true;
+                iCurrAvgNum = 1;
+            } else {
+                for (int j = 0; j < kFrameValues; j++) g_FMA_Buffer[g_FMA_FrameCount][j] = frameDataQueue[0].at(j);
+                g_FMA_FrameCount++;
+            }
+            if (g_FMA_FrameCount >= rows) g_FMA_FrameCount = 0;
+            for (int r = 0; r < rows; r++)
+                for (int j = 0; j < kFrameValues; j++) sum[j] += static_cast<int>(g_FMA_Buffer[r][j]);
+            divisor = rows;
+        }
+        frameDataQueue.clear();
+    } catch (...) {
+        puts("----------- Exception -------------!!!");
+        puts("----------- Exception occurs in get_filter_data_from_sensor!!!");
+        puts("----------- Exception -------------!!!");
+        stop_streaming(iDeviceId);
+        pthread_mutex_unlock(&exit_cond_lock);
+        return 0.0;
+    }
+    pthread_mutex_unlock(&exit_cond_lock);
+
+    if (fpFilterValueAveraged != nullptr)
+        for (int j = 0; j < kFrameValues; j++) fpFilterValueAveraged[j] = sum[j] / divisor;
+    return 0.0;
+}
+
+int acquire_frame_data_control(int iCommand, unsigned int iDeviceId) {
+    int settle_ms = get_sleep_time_for_shutter_speed(g_iCurShutterSpeed);
+    for (int count = 0; !stopFlag && count < iCurrAvgNum; count++) {
+        unsigned char frame[kFrameBytes] = {};
+        usb_control_msg(handle_of(iDeviceId), kRequestTypeIn, iCommand & 0xFF, kControlFrameValue, kStreamInterface,
+                        reinterpret_cast<char*>(frame), kFrameBytes, kControlFrameTimeoutMs);
+        pause_ms(settle_ms);
+        if (count == 0 || count == iCurrAvgNum - 1) {
+            printf("Received data Count = %d\n", count);
+            printf("===>>>> curent count : %d\n", count);
+        }
+        std::vector<int> values(kFrameValues);
+        for (int i = 0; i < kFrameValues; i++) values[i] = sample(frame, i);
+        // The event loop may be servicing the bulk endpoint at the same time.
+        pthread_mutex_lock(&exit_cond_lock);
+        if (static_cast<int>(frameDataQueue.size()) < iCurrAvgNum) frameDataQueue.push_back(std::move(values));
+        pthread_mutex_unlock(&exit_cond_lock);
+    }
+    return 1;
+}
+
+void convert_2048C_to_1024F(unsigned char* inputC, double* outputF) {
+    if (inputC == nullptr || outputF == nullptr) return;
+    // Copied aside first, so a caller may hand in overlapping buffers.
+    unsigned char frame[kFrameBytes];
+    memcpy(frame, inputC, kFrameBytes);
+    memset(inputC, 0, kFrameBytes);
+    for (int i = 0; i < kFrameValues; i++) outputF[i] = sample(frame, i);
+}
+
+double acquire_frame_data(double*, int, unsigned int) { return 0.0; }
+
+int acquire_frame_data_2048(char*, unsigned int) { return 1; }
+
+SMA::SMA(unsigned int period) : period(period), window(nullptr), head(nullptr), tail(nullptr), total(0.0) {
+    assert(period >= 1);
+    window = new double[period];
+}
+
+SMA::~SMA() { delete[] window; }
+
+void SMA::add(double x) {
+    if (head == nullptr) {
+        head = window;
+        *head = x;
+        tail = head;
+        inc(tail);
+        total = x;
+        return;
+    }
+    if (head == tail) {
+        total -= *head;
+        inc(head);
+    }
+    *tail = x;
+    inc(tail);
+    total += x;
+}
+
+void SMA::inc(double*& p) const {
+    if (++p == window + period) p = window;
+}
+
+unsigned int SMA::size() const {
+    if (head == nullptr) return 0;
+    if (head == tail) return period;
+    return static_cast<unsigned int>((tail - head + period) % period);
+}
+
+double SMA::avg() const {
+    unsigned int n = size();
+    return n == 0 ? 0.0 : total / n;
+}
