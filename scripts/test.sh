@@ -1,9 +1,18 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test.
+# Installs what is missing, builds, and runs every test: once in the normal
+# build, and once more under ThreadSanitizer, since the frame path shares
+# state between the caller and the USB event-loop thread.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/setup.sh"
 "$top/scripts/build.sh"
 build=${ORB_BUILD_DIR:-$top/build}
-cd "$build"
-ctest -j"$(nproc)" --output-on-failure --timeout 300
+(cd "$build" && ctest -j"$(nproc)" --output-on-failure --timeout 300)
+
+tsan=${ORB_TSAN_BUILD_DIR:-$top/build-tsan}
+ORB_BUILD_DIR=$tsan "$top/scripts/build.sh" -DORB_BUILD_BENCH=OFF \
+  -DCMAKE_C_FLAGS=-fsanitize=thread -DCMAKE_CXX_FLAGS=-fsanitize=thread \
+  -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread
+cd "$tsan"
+TSAN_OPTIONS="suppressions=$top/sim/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
+  ctest -j"$(nproc)" --output-on-failure --timeout 300 -E '^InstalledTree'
