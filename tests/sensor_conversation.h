@@ -24,6 +24,12 @@ inline ControlRequest cmd(uint8_t code, uint16_t value = 0, uint16_t length = 1)
 // A streaming request: class command to interface 1, no data stage.
 inline ControlRequest stream(uint8_t code) { return {0x21, code, 0, 1, 0}; }
 
+inline std::vector<ControlRequest> join(std::initializer_list<std::vector<ControlRequest>> parts) {
+    std::vector<ControlRequest> all;
+    for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+}
+
 inline std::string hex(const std::vector<ControlRequest>& requests) {
     std::string out;
     char line[64];
@@ -45,8 +51,7 @@ inline std::vector<uint64_t> pauses_ms() {
     return ms;
 }
 
-// A sensor on the bus, connected as index 0, with the connection's own
-// traffic and pauses forgotten.
+// A sensor connected as index 0, its connection's traffic and pauses forgotten.
 inline orbsim::Sensor& connected_sensor() {
     orbsim::Sensor& s = testbed().add_sensor();
     printed_by([] { EXPECT_EQ(connect_device(0u), 1); });
