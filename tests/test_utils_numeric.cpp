@@ -48,6 +48,7 @@ TEST(Spectrum, PeakAndWidthCountBothBorderSamples)
     Vec s{0, 1, 2, 1, 0}, twin{0, 3, 1, 3, 0}, empty;
     EXPECT_EQ(U::get_FWHM(s, 1.0, 2), 5.0);
     EXPECT_EQ(U::get_FWHM(s, 1.0, -1) + U::get_FWHM(s, 1.0, 5), 0.0);
+    EXPECT_EQ(U::get_FWHM(empty, 1.0, 0), 1.0);  // reads nothing, still one sample wide
     double wl = 42, power = 42, fwhm = 42;
     U::get_spectrum_info(empty, wl, power, fwhm);
     EXPECT_EQ(wl + power + fwhm, 126.0);
@@ -100,6 +101,7 @@ TEST(Polyval, VectorFormTakesTheConstantFirstAndPointFormTakesItLast)
 {
     EXPECT_EQ(U::polyval(Vec{1, 2, 3}, Vec{2, 0}), (Vec{17, 1}));
     EXPECT_EQ(U::polyval(Vec{1, 2, 3}, 2.0), 11.0);
+    EXPECT_EQ(U::polyval(Vec{1, 0, 0, 0, 0}, 1.1), std::pow(1.1, 4));  // not 1.1*1.1*1.1*1.1
 }
 
 TEST(SortByValue, KeysRideAlongAndNaNValuesGoLastWithoutFault)

@@ -199,8 +199,11 @@ void orb_utils_interface::get_spectrum_derivative(std::vector<double>& /*InSpect
 
 double orb_utils_interface::get_FWHM(std::vector<double>& SpecData, double fHalfPeakPower, int iPeakPosition)
 {
-    // -1 is "no peak"; any other position outside the data has no width either.
-    if (iPeakPosition < 0 || static_cast<size_t>(iPeakPosition) >= SpecData.size()) return 0.0;
+    // -1 is "no peak". Other negative positions, and positions past the end,
+    // would read outside the data and get no width either; position 0 of an
+    // empty spectrum reads nothing and keeps its width of one sample.
+    if (iPeakPosition < 0) return 0.0;
+    if (iPeakPosition > 0 && static_cast<size_t>(iPeakPosition) >= SpecData.size()) return 0.0;
     size_t left = static_cast<size_t>(iPeakPosition);
     while (left > 0 && SpecData[left] >= fHalfPeakPower) --left;
     size_t right = static_cast<size_t>(iPeakPosition);
@@ -263,12 +266,12 @@ std::vector<double> orb_utils_interface::polyval(const std::vector<double>& oCoe
 
 double orb_utils_interface::polyval(const std::vector<double>& oCoeff, const double& oX)
 {
+    // The last coefficient is the constant term and is summed first. Powers
+    // come from pow(), not from the running product of the vector form; the
+    // two differ in the last bits, and calibrations were fitted with this one.
+    const size_t n = oCoeff.size();
     double sum = 0.0;
-    double power = 1.0;
-    for (size_t k = oCoeff.size(); k-- > 0;) {
-        sum += oCoeff[k] * power;
-        power *= oX;
-    }
+    for (size_t k = 1; k <= n; ++k) sum += oCoeff[n - k] * std::pow(oX, static_cast<double>(k - 1));
     return sum;
 }
 
