@@ -415,6 +415,7 @@ double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAver
         }
     }
     bool stop_after = mode == kModeCollect || mode == kModeSingleShot;
+    bool stop_now = false;
 
     double sum[kFrameValues] = {};
     int divisor = wanted;
@@ -423,7 +424,7 @@ double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAver
         if (moving) {
             while (frameDataQueue.empty()) pthread_cond_wait(&exit_cond, &exit_cond_lock);
             if (frameDataQueue.size() == 1) {
-                if (stop_after && bulkModeStarted) stop_streaming(iDeviceId);
+                stop_now = stop_after && bulkModeStarted;
             } else {
                 print_rule_pair();
                 printf("===========> ERROR: frameDataQueue.size() = %d\n", static_cast<int>(frameDataQueue.size()));
@@ -432,7 +433,7 @@ double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAver
         } else {
             while (static_cast<int>(frameDataQueue.size()) < wanted) pthread_cond_wait(&exit_cond, &exit_cond_lock);
             if (static_cast<int>(frameDataQueue.size()) == wanted) {
-                if (stop_after && bulkModeStarted) stop_streaming(iDeviceId);
+                stop_now = stop_after && bulkModeStarted;
             } else {
                 print_rule_pair();
                 puts("-----------> ERROR: frameDataQueue.size() != iAvgNum");
@@ -462,14 +463,18 @@ double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAver
         }
         frameDataQueue.clear();
     } catch (...) {
+        pthread_mutex_unlock(&exit_cond_lock);
         puts("----------- Exception -------------!!!");
         puts("----------- Exception occurs in get_filter_data_from_sensor!!!");
         puts("----------- Exception -------------!!!");
         stop_streaming(iDeviceId);
-        pthread_mutex_unlock(&exit_cond_lock);
         return 0.0;
     }
     pthread_mutex_unlock(&exit_cond_lock);
+    // Stop requests wait for libusb's event lock, which the event-loop thread
+    // holds while it runs cb_bulkdata, which takes exit_cond_lock: stopping
+    // with that lock held would order the two locks both ways round.
+    if (stop_now) stop_streaming(iDeviceId);
 
     if (fpFilterValueAveraged != nullptr)
         for (int j = 0; j < kFrameValues; j++) fpFilterValueAveraged[j] = sum[j] / divisor;
