@@ -21,8 +21,7 @@
 // controller needs it to latch a register before the next request.
 ORB_EXPORT extern int g_iSleepTime;
 ORB_EXPORT extern bool m_bVerbose;
-// Kept for hosts built against the controller's receive buffer; replies land
-// in per-request buffers instead.
+// Declared for received data; replies land in per-request buffers instead.
 ORB_EXPORT extern unsigned char ucEfm32_ReceivedBytes[2048];
 
 // Verified settings (initialisation, shutter speed, ADC) and how they fared.
@@ -40,7 +39,8 @@ ORB_EXPORT unsigned char do_control_transfer(int code, int value, unsigned int i
 ORB_EXPORT int start_sensor(unsigned int index);
 ORB_EXPORT int stop_sensor(unsigned int index);
 
-// Register numbers 1-11 as the controller's documentation counts them.
+// Registers by number: 1/2 shutter high/low, 3/4 blank time high/low, 9/10
+// ADC. 5-8 and 11 are inert; other numbers read 0 and write nothing.
 ORB_EXPORT unsigned char read_register_data(unsigned char reg, unsigned int index);
 ORB_EXPORT int write_register_data(unsigned char reg, unsigned char value, unsigned int index);
 
@@ -50,7 +50,8 @@ ORB_EXPORT int initialize_sensor(unsigned int index);
 // Rewrites the default blank time; the mode is not a register of its own.
 ORB_EXPORT int set_frame_data_acq_mode(unsigned int mode, unsigned int index);
 
-// Entry points of a protocol generation the firmware never shipped.
+// Placeholders that send nothing: read_from_device answers true and
+// get_current_shutter_speed 1, which the sensor board check relies on.
 ORB_EXPORT void send_command_to_device(int code, int value, unsigned int index);
 ORB_EXPORT bool read_from_device(int code, int value, unsigned int index);
 ORB_EXPORT int get_current_shutter_speed();
@@ -101,10 +102,10 @@ ORB_EXPORT extern bool g_FMA_Buffered;
 // Acquisition modes (useContAcq): 0 is taken as 3; 1 starts streaming if
 // needed and leaves it on; 2 only collects, stopping streaming afterwards if
 // it ran; 3 streams for this call only and drops the first 2 frames of the
-// fresh stream. Writes the average of
-// iNumOfAverages frames (or the moving average) to 1024 doubles; returns 0.0.
-// Blocks until the frames arrive: a dead event loop, or N < 1 outside the
-// moving average, never returns.
+// fresh stream. Writes the average of iNumOfAverages frames (or the moving
+// average) to 1024 doubles and returns 0.0. Blocks until the frames arrive:
+// with a dead event loop, or N < 1 outside the moving average, it never
+// returns.
 ORB_EXPORT double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAverages,
                                               int iDarkCorrectionMode, int useContAcq, unsigned int iDeviceId);
 
@@ -120,8 +121,8 @@ ORB_EXPORT void LIBUSB_CALL cb_bulkdata(libusb_transfer* transfer);
 ORB_EXPORT void* usbEventLoop_thread_main(void* arg);
 ORB_EXPORT void request_exit(int code);
 
-// Request-per-frame path of the early firmware: reads iCurrAvgNum frames with
-// command iCommand into the queue. Returns 1.
+// The older request-per-frame path: reads iCurrAvgNum frames with command
+// iCommand into the queue. Returns 1.
 ORB_EXPORT int acquire_frame_data_control(int iCommand, unsigned int iDeviceId);
 
 // Unpacks a wire frame into 1024 values and clears the wire buffer.

@@ -162,8 +162,8 @@ int stop_sensor(unsigned int index) {
 }
 
 unsigned char read_register_data(unsigned char reg, unsigned int index) {
-    // Registers 5-8 and 11 have codes the controller never implemented: they
-    // read as 1 without traffic.
+    // Registers 5-8 and 11 map to codes do_control_transfer does not send:
+    // deliberately inert, they read as 1 without traffic.
     static const int kReadCodes[] = {0, kRdShutterHigh, kRdShutterLow, kRdBlankHigh, kRdBlankLow, 42, 43,
                                      44, 45, kRdAdcRange, kRdAdcGainRes, 41};
     if (reg < 1 || reg > 11) return 0;
@@ -171,7 +171,7 @@ unsigned char read_register_data(unsigned char reg, unsigned int index) {
 }
 
 int write_register_data(unsigned char reg, unsigned char value, unsigned int index) {
-    // Registers 5-8 are inert for the same reason as on the read side.
+    // Registers 5-8 are inert here too.
     static const int kWriteCodes[] = {0, kWrShutterHigh, kWrShutterLow, kWrBlankHigh, kWrBlankLow, 49, 50,
                                       51, 52, kWrAdcRange, kWrAdcGainRes};
     if (reg < 1 || reg > 10) return 1;
@@ -219,7 +219,7 @@ constexpr int kCmdStreamStart = 70;
 constexpr int kCmdStreamStop = 71;
 constexpr int kStreamGapMs = 20;
 
-// The early firmware sent one frame per class request carrying this value.
+// Every request of the request-per-frame path carries this value.
 constexpr int kControlFrameValue = 0x84;
 constexpr int kControlFrameTimeoutMs = 2000;
 
