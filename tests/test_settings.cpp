@@ -48,7 +48,7 @@ TEST(Settings, ShutterSpeedGoesWithItsBlankTimeIsVerifiedAndSettles) {
     vclock::reset();
     set_shutter_speed_to_sensor(-100, 0);
     EXPECT_EQ(s.shutter(), 0xFF9C);
-    EXPECT_EQ(talk::pauses_ms(), (Pauses{5, 5, 5, 5, 5, 5}));
+    EXPECT_EQ(talk::pauses_ms(), (Pauses{5, 5, 5, 5, 5, 5, 0}));
     set_shutter_speed_to_sensor(INT_MAX, 0);
     EXPECT_EQ(iCurBlankTime, INT_MIN + 31);
 }
