@@ -114,14 +114,8 @@ int set_adc_setting_values(unsigned char ucADCRangeIndex, unsigned char ucGain, 
                            unsigned int iDeviceId) {
     unsigned char range = ucADCRangeIndex;
     unsigned char gain_res = static_cast<unsigned char>((ucGain << 1) | ucRes);
-    bool matched = false;
-    for (int attempt = 0; attempt < 2 && !matched; attempt++) {
-        register_step(kWrAdcRange, range, iDeviceId);
-        register_step(kWrAdcGainRes, gain_res, iDeviceId);
-        unsigned char got_range = register_step(kRdAdcRange, 0, iDeviceId);
-        unsigned char got_gain_res = register_step(kRdAdcGainRes, 0, iDeviceId);
-        matched = got_range == range && got_gain_res == gain_res;
-    }
+    bool matched =
+        write_pair_verified(kWrAdcRange, range, kWrAdcGainRes, gain_res, kRdAdcRange, kRdAdcGainRes, iDeviceId);
     iTotalCount++;
     if (matched)
         iSuccessCount++;

@@ -113,8 +113,13 @@ unsigned char paced(int code, int value, unsigned int index) {
     return reply;
 }
 
-// Writes a register pair, reads it back, and writes it once more when the
-// echo disagrees. Returns whether the last read-back matched.
+bool initialize_blank_time(unsigned int index) {
+    return write_pair_verified(kWrBlankHigh, (kInitBlankTime >> 8) & 0xFF, kWrBlankLow, kInitBlankTime & 0xFF,
+                               kRdBlankHigh, kRdBlankLow, index);
+}
+
+}  // namespace
+
 bool write_pair_verified(int wr_a, int a, int wr_b, int b, int rd_a, int rd_b, unsigned int index) {
     bool matched = false;
     for (int attempt = 0; attempt < 2 && !matched; attempt++) {
@@ -126,13 +131,6 @@ bool write_pair_verified(int wr_a, int a, int wr_b, int b, int rd_a, int rd_b, u
     }
     return matched;
 }
-
-bool initialize_blank_time(unsigned int index) {
-    return write_pair_verified(kWrBlankHigh, (kInitBlankTime >> 8) & 0xFF, kWrBlankLow, kInitBlankTime & 0xFF,
-                               kRdBlankHigh, kRdBlankLow, index);
-}
-
-}  // namespace
 
 unsigned char do_control_transfer(int code, int value, unsigned int index) {
     libusb_device_handle* handle = UsbDevHandle::pDevH[index];

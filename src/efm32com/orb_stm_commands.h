@@ -24,4 +24,9 @@ constexpr int kWrFrameAverage = 54;
 constexpr int kOpStart = 3;
 constexpr int kOpStop = 1;
 
+// Writes a register pair, reads it back, and writes it once more when the
+// echo disagrees; every access is followed by g_iSleepTime. Returns whether
+// the last read-back matched.
+bool write_pair_verified(int wr_a, int a, int wr_b, int b, int rd_a, int rd_b, unsigned int index);
+
 #endif  // ORB_STM_COMMANDS_H
