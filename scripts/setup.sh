@@ -2,7 +2,7 @@
 # Installs what the build and the emulated sensor need, only when missing.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config libusb-1.0-0-dev umockdev libumockdev-dev
+packages=(cmake gcc g++ make pkg-config libusb-1.0-0-dev umockdev libumockdev-dev
           libgtest-dev libgmock-dev libbenchmark-dev python3)
 missing=()
 for p in "${packages[@]}"; do
