@@ -9,12 +9,22 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "orb_sim.h"
 
 inline orbsim::Testbed& testbed() {
     static auto* tb = new orbsim::Testbed;
     return *tb;
+}
+
+// The values (interface, configuration, endpoint...) of every operation of
+// one kind that the sensor saw, in order.
+inline std::vector<int> seen(const orbsim::Sensor& sensor, orbsim::Event::Kind kind) {
+    std::vector<int> values;
+    for (const auto& e : sensor.events())
+        if (e.kind == kind) values.push_back(e.value);
+    return values;
 }
 
 // Runs `body` with stdout captured and returns what it printed.

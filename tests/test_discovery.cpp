@@ -38,12 +38,8 @@ TEST(Discovery, OpensAndClaimsTheSensorAtTheIndex) {
     EXPECT_FALSE(reaches(UsbDevHandle::pDevH[1], first));
 
     // Interface 0 is claimed; no configuration is selected, no driver detached.
-    bool claimed = false;
-    for (const auto& e : second.events()) {
-        EXPECT_NE(e.kind, orbsim::Event::SetConfiguration);
-        if (e.kind == orbsim::Event::Claim) claimed = (e.value == 0);
-    }
-    EXPECT_TRUE(claimed);
+    EXPECT_TRUE(seen(second, orbsim::Event::SetConfiguration).empty());
+    EXPECT_EQ(seen(second, orbsim::Event::Claim), std::vector<int>{0});
     EXPECT_EQ(get_connected_total_devices(), 1u);
 }
 
@@ -115,7 +111,7 @@ TEST(Discovery, DisconnectForgetsTheHandleWithoutClosingIt) {
     EXPECT_EQ(disconnect_device(0u), 1);
     EXPECT_EQ(UsbDevHandle::pDevH.count(0), 0u);
     EXPECT_TRUE(reaches(handle, sensor));
-    for (const auto& e : sensor.events()) EXPECT_NE(e.kind, orbsim::Event::Release);
+    EXPECT_TRUE(seen(sensor, orbsim::Event::Release).empty());
 
     // Disconnecting an index never connected looks it up, which leaves a null entry.
     EXPECT_EQ(disconnect_device(7u), 1);

@@ -172,7 +172,7 @@ TEST(LusbHandles, AltSettingIsRefusedOnAFreshHandle) {
     EXPECT_EQ(usb_claim_interface(dev->handle, 0), 0);
     EXPECT_EQ(usb_set_altinterface(dev, 0), -EINVAL);
     EXPECT_EQ(usb_release_interface(dev, 0), 0);
-    for (const auto& e : sensor.events()) EXPECT_NE(e.kind, orbsim::Event::SetInterface);
+    EXPECT_TRUE(seen(sensor, orbsim::Event::SetInterface).empty());
     usb_close(dev);
 }
 
@@ -190,10 +190,7 @@ TEST(LusbHandles, SetConfigurationReappliesTheActiveOne) {
     usb_dev_handle* dev = open_first_sensor();
     ASSERT_NE(dev, nullptr);
     EXPECT_EQ(usb_set_configuration(dev, 2), 0);
-    int applied = -1;
-    for (const auto& e : sensor.events())
-        if (e.kind == orbsim::Event::SetConfiguration) applied = e.value;
-    EXPECT_EQ(applied, 1);
+    EXPECT_EQ(seen(sensor, orbsim::Event::SetConfiguration), std::vector<int>{1});
     usb_close(dev);
 }
 
@@ -203,13 +200,7 @@ TEST(LusbHandles, HaltAndResetReachTheDevice) {
     ASSERT_NE(dev, nullptr);
     EXPECT_EQ(usb_clear_halt(dev, 0x181), 0);
     EXPECT_EQ(usb_resetep(dev, 0x81), 0);
-    int halts = 0;
-    for (const auto& e : sensor.events())
-        if (e.kind == orbsim::Event::ClearHalt) {
-            halts++;
-            EXPECT_EQ(e.value, 0x81);
-        }
-    EXPECT_EQ(halts, 2);
+    EXPECT_EQ(seen(sensor, orbsim::Event::ClearHalt), (std::vector<int>{0x81, 0x81}));
     usb_close(dev);
 }
 
