@@ -21,8 +21,6 @@ constexpr int kShutterStepPauseMs = 5;
 // The blank time rides with every shutter speed, this far above it.
 constexpr int kBlankTimeMargin = 32;
 
-void pause_ms(int ms) { usleep(static_cast<useconds_t>(ms) * 1000); }
-
 // A frame is valid only after the sensor has run one blank period with the
 // new setting: trunc(units * 0.7 + 10) ms.
 void settle(int units) {

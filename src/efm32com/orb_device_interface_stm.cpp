@@ -104,8 +104,6 @@ bool shape_of(int code, RequestShape& shape) {
     }
 }
 
-void pause_ms(int ms) { usleep(static_cast<useconds_t>(ms) * 1000); }
-
 // One request followed by the controller's latch pause.
 unsigned char paced(int code, int value, unsigned int index) {
     unsigned char reply = do_control_transfer(code, value, index);

@@ -1,6 +1,8 @@
 #ifndef ORB_STM_COMMANDS_H
 #define ORB_STM_COMMANDS_H
 
+#include <unistd.h>
+
 // Command codes of the sensor controller's firmware. Writes carry the byte in
 // wValue and are answered with the stored byte; reads answer with it.
 
@@ -23,6 +25,9 @@ constexpr int kWrFrameAverage = 54;
 
 constexpr int kOpStart = 3;
 constexpr int kOpStop = 1;
+
+// The controller's pauses are real sleeps, in milliseconds.
+inline void pause_ms(int ms) { usleep(static_cast<useconds_t>(ms) * 1000); }
 
 // Writes a register pair, reads it back, and writes it once more when the
 // echo disagrees; every access is followed by g_iSleepTime. Returns whether
