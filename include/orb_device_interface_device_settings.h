@@ -26,4 +26,11 @@ ORB_EXPORT int set_adc_setting_values(unsigned char ucADCRangeIndex, unsigned ch
 ORB_EXPORT int get_adc_setting_values(unsigned char* ucADCRange, unsigned char* ucGain, unsigned char* ucRes,
                                       unsigned int iDeviceId);
 
+// An LED module attached to a sensor, reached through the sensor's handle.
+// The state request prints what it sends. All three return 1.
+ORB_EXPORT int set_led_state_values(bool* OnArray, int nNumOfLED, int intensity, unsigned int iDeviceId);
+// Mode 0 or 1 through the sensor's register 3; other modes send nothing.
+ORB_EXPORT int set_LED_module_op_mode(unsigned int mode, unsigned int iDeviceId);
+ORB_EXPORT int set_led_op_mode_values(int iOpMode, int iToggleIntervalTime, unsigned int iDeviceId);
+
 #endif  // ORB_DEVICE_INTERFACE_DEVICE_SETTINGS_H

@@ -56,6 +56,15 @@ ORB_EXPORT void send_command_to_device(int code, int value, unsigned int index);
 ORB_EXPORT bool read_from_device(int code, int value, unsigned int index);
 ORB_EXPORT int get_current_shutter_speed();
 
+// Brings sensor `index` into service: look-up tables, connection, firmware
+// start, default ADC and on-board averaging, the event-loop thread (first
+// bring-up of index 0 only), the bulk transfer, the LED module, and streaming
+// stopped. 1, or 6 (vn_ec_fail_to_initialize_device) when it cannot connect.
+ORB_EXPORT int initialize_device_interface(unsigned int index);
+// Takes it out again, closing the LED driver (and libusb's default context)
+// and ending the event-loop thread for the whole process. Always 1.
+ORB_EXPORT int close_device_interface(unsigned int index);
+
 // ---- Frames -------------------------------------------------------------
 
 // Filter subgroups of the sensor's layout, inclusive filter indices.
