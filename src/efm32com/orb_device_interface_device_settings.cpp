@@ -6,8 +6,11 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include "orb_device_interface_led.h"
 #include "orb_device_interface_stm.h"
+#include "orb_device_interface_stm_usb.h"
 #include "orb_error_codes.h"
+#include "orb_led_request.h"
 #include "orb_stm_commands.h"
 
 int g_iCurShutterSpeed = 1;
@@ -20,6 +23,8 @@ namespace {
 constexpr int kShutterStepPauseMs = 5;
 // The blank time rides with every shutter speed, this far above it.
 constexpr int kBlankTimeMargin = 32;
+// The LED module takes a new operation mode within 30 ms.
+constexpr int kLedModePauseMs = 30;
 
 // A frame is valid only after the sensor has run one blank period with the
 // new setting: trunc(units * 0.7 + 10) ms.
@@ -134,3 +139,24 @@ int get_adc_setting_values(unsigned char* ucADCRange, unsigned char* ucGain, uns
     printf("[STM] ADC range: %d, Gain: %d, Res: %d, Device Id: %d\n", range, gain, res, iDeviceId);
     return vn_ec_success;
 }
+
+int set_led_state_values(bool* OnArray, int nNumOfLED, int intensity, unsigned int iDeviceId) {
+    int value = led_state_word(OnArray, nNumOfLED, intensity);
+    printf("[LED] set LED status(%d), intensity: %d, value: %d\n", led_channel_bits(OnArray, nNumOfLED), intensity,
+           value);
+    convert_number_to_binary(value);
+    libusb_device_handle* handle = UsbDevHandle::pDevH[iDeviceId];
+    if (handle != nullptr) send_led_state(handle, value);
+    return vn_ec_success;
+}
+
+int set_LED_module_op_mode(unsigned int mode, unsigned int iDeviceId) {
+    // The module follows the sensor's operation register: 1 is the value
+    // that also stops the sensor.
+    if (mode > 1) return vn_ec_success;
+    do_control_transfer(kCmdOperation, static_cast<int>(mode), iDeviceId);
+    pause_ms(kLedModePauseMs);
+    return vn_ec_success;
+}
+
+int set_led_op_mode_values(int, int, unsigned int) { return vn_ec_success; }
