@@ -37,8 +37,9 @@ int truncate_to_int(double x) {
 // Half away from zero.
 int round_to_int(double x) { return truncate_to_int(x < 0 ? std::ceil(x - 0.5) : std::floor(x + 0.5)); }
 
-// The running total is kept as an int, truncated at every element: the
-// search's means, and with them its steps, are tuned to that.
+// The running total is an int, truncated at every element. Averaged frames
+// carry fractions, so this lowers the means the steps are computed from; the
+// search has always stepped on these means and is kept that way.
 double int_sum(const std::vector<double>& values) {
     int total = 0;
     for (double v : values) total = truncate_to_int(total + v);
