@@ -64,6 +64,15 @@ FrameGenerator light_frames(double gain) {
     };
 }
 
+FrameGenerator linear_frames(const std::array<double, kFilters>& sensitivity, double dark) {
+    return [sensitivity, dark](const FrameInfo& f, std::array<uint16_t, kFilters>& v) {
+        for (std::size_t i = 0; i < kFilters; i++) {
+            const double counts = std::round(dark + sensitivity[i] * f.shutter);
+            v[i] = static_cast<uint16_t>(std::clamp(counts, 0.0, static_cast<double>(kMaxSample)));
+        }
+    };
+}
+
 uint16_t light_value(std::size_t filter, uint16_t shutter, double gain) {
     constexpr double kDark = 64;
     const double x = (static_cast<double>(filter) - 512.0) / 200.0;

@@ -86,6 +86,9 @@ FrameGenerator light_frames(double gain = 1.0);
 // shutter speed and saturating at 4095. With gain 1 the brightest filter
 // saturates at a shutter speed of about 1000, the dimmest never below 3000.
 uint16_t light_value(std::size_t filter, uint16_t shutter, double gain = 1.0);
+// A linear sensor: filter i reads dark + sensitivity[i] * shutter (counts per
+// shutter step), rounded and saturating at 4095.
+FrameGenerator linear_frames(const std::array<double, kFilters>& sensitivity, double dark = 0.0);
 
 // The wire form of a frame: sample i in bytes 2i and 2i+1 as a big-endian
 // word whose upper 12 bits are the value. The low nibble is not data; the
