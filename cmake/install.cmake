@@ -23,3 +23,6 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orb_deviceConfig.cmake
 
 configure_file(${CMAKE_CURRENT_LIST_DIR}/orb_device.pc.in ${CMAKE_CURRENT_BINARY_DIR}/orb_device.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orb_device.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# Seat access to the sensors' device nodes; applied by udevadm (see README).
+install(FILES ${PROJECT_SOURCE_DIR}/udev/60-orb-sensor.rules DESTINATION lib/udev/rules.d)
