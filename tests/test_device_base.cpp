@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <numeric>
 
 #include "orb_base_exception.h"
 #include "orb_device_interface_ae.h"
@@ -40,10 +41,7 @@ orbsim::FrameGenerator numbered_at_shutter_1() {
 
 class InService : public testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(base_.initialize(0), 1);
-        sensor_.clear_log();
-    }
+    void SetUp() override { ASSERT_EQ(base_.initialize(0), 1); }
     orbsim::Sensor& sensor_ = testbed().add_sensor();
     Base base_{0};
 };
@@ -77,14 +75,12 @@ TEST(DeviceBase, ExposureConversionsKeepTheirOwnFormulas) {
     Base base(0);
     double ms = 0;
     int ss = 0;
-    base.shutter_to_exposure_time_ms(20, 250, &ms);
-    EXPECT_EQ(ms, 11.0);  // 11.408 truncated
+    auto exposure = [&](int mclk, int shutter) { return base.shutter_to_exposure_time_ms(mclk, shutter, &ms), ms; };
+    EXPECT_EQ(exposure(20, 250), 11.0);  // 11.408 truncated
+    EXPECT_EQ(exposure(1, 1), 1.0);
+    EXPECT_EQ(exposure(10, 100), 9.0);
     base.exposure_tim_ms_to_shutter(20, 11.0, &ss);
     EXPECT_EQ(ss, 415);
-    base.shutter_to_exposure_time_ms(1, 1, &ms);
-    EXPECT_EQ(ms, 1.0);
-    base.shutter_to_exposure_time_ms(10, 100, &ms);
-    EXPECT_EQ(ms, 9.0);
     // A host's zero clock or missing output is refused, not divided by.
     EXPECT_EQ(code_of([&] { base.shutter_to_exposure_time_ms(0, 100, &ms); }), vn_ec_ill_defined_input);
     EXPECT_EQ(code_of([&] { base.exposure_tim_ms_to_shutter(1, 1e300, &ss); }), vn_ec_ill_defined_input);
@@ -110,11 +106,9 @@ TEST(DeviceBase, ConditionsAreKeptPerDeviceAndSetTheirShutterSpeed) {
     base.m_interface_is_initialized = true;
     SDataAcqCondition cond;
     cond.ss = 800;
-    cond.datasize = 16;
     base.set_frame_acquisition_conditions(cond, 3);
     ASSERT_EQ(base.m_AcqCond.count(3), 1u);
     EXPECT_EQ(base.m_AcqCond[3].ss, 800);
-    EXPECT_EQ(base.m_AcqCond[3].datasize, 16);
     EXPECT_EQ(UsbDevId::currentDevId.count(3), 1u);
     EXPECT_EQ(testbed().sensor(3).shutter(), 800);
     EXPECT_EQ(base.get_shutter_speed(3), 800);
@@ -123,10 +117,9 @@ TEST(DeviceBase, ConditionsAreKeptPerDeviceAndSetTheirShutterSpeed) {
 TEST_F(InService, FilterDataFormsDeliverTheSensorsFrame) {
     sensor_.set_frame_generator(numbered_at_shutter_1());
     base_.enable_spatial_filtering(true, 3, 0);  // stored, applied nowhere
-    EXPECT_TRUE(g_bEnableSpatialFiltering);
-    EXPECT_EQ(g_iSpatialFilterSize, 3);
+    EXPECT_TRUE(g_bEnableSpatialFiltering && g_iSpatialFilterSize == 3);
     std::vector<double> expected(1024);
-    for (int i = 0; i < 1024; i++) expected[i] = i + 1;
+    std::iota(expected.begin(), expected.end(), 1.0);
 
     std::vector<double> staged(1024);
     EXPECT_EQ(base_.get_filter_data(staged.data(), 2, 1, 0, 0), 1.0);
@@ -178,31 +171,26 @@ TEST_F(InService, ScansAtTheShortestExposureAndRestoreTheShutterSpeed) {
     EXPECT_EQ(base_.get_shutter_speed(0), 700);
 }
 
-// Filter 0 sits inside the default target range, filter 3 saturates: the
-// search settles at its starting speed only if it watches filters 0-2.
+// Filter 0 sits inside the target range, filter 3 saturates: the search
+// settles at its starting speed only if it watches filters 0-2.
 TEST_F(InService, OptimalShutterSpeedTakesFiltersCountedFromOne) {
-    auto lit = [](std::vector<size_t> filters, uint16_t value) {
+    auto lit = [](size_t filter, size_t saturated) {
         return [=](const orbsim::FrameInfo&, std::array<uint16_t, orbsim::kFilters>& v) {
             v.fill(0);
-            for (size_t f : filters) v[f] = value;
+            v[saturated] = 4095;
+            v[filter] = 3500;
         };
     };
     std::vector<double> background;
-    std::vector<int> filters = {1, 2, 3};
-    sensor_.set_frame_generator([lit](const orbsim::FrameInfo& f, std::array<uint16_t, orbsim::kFilters>& v) {
-        lit({0}, 3500)(f, v);
-        v[3] = 4095;
-    });
+    std::vector<int> filters = {1, 2, 3}, outside = {0}, none;
+    sensor_.set_frame_generator(lit(0, 3));
     base_.set_auto_exposure_parameters(3000, 3500, 2500, 3100, 900, 0);
     EXPECT_EQ(base_.find_optimal_shutter_speed(filters, background, -1, 10, 0), m_gAEParams.initial_ss);
-    EXPECT_EQ(m_gAEParams.upper_dn_value, 3500);
-    EXPECT_EQ(m_gAEParams.lower_dn_value, 2500);
+    EXPECT_EQ(m_gAEParams.lower_dn_value, 2500);  // -1 kept the targets
 
-    std::vector<int> outside = {0};
     EXPECT_EQ(base_.find_optimal_shutter_speed(outside, background, 3900, 10, 0), -1);
-    EXPECT_EQ(m_gAEParams.upper_dn_value, 3900);
+    EXPECT_EQ(m_gAEParams.lower_dn_value, 3300);
 
-    std::vector<int> none;
-    sensor_.set_frame_generator(lit({1023}, 3500));
+    sensor_.set_frame_generator(lit(1023, 1023));  // 3500 at the last filter, nothing saturated
     EXPECT_EQ(base_.find_optimal_shutter_speed(none, background, -1, 10, 0), m_gAEParams.initial_ss);
 }
