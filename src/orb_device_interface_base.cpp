@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <numeric>
 
 #include "orb_base_exception.h"
 #include "orb_device_interface_ae.h"
@@ -41,8 +42,8 @@ void throw_on_failure(int status) {
     if (status != vn_ec_success) throw orb_base_exception(static_cast<ORB_ERROR_CODE>(status));
 }
 
-// The conversions work in 32-bit two's complement, as the sensor's clock
-// formulas were defined; wrapping keeps a host's extreme values defined.
+// Host values are worked in 32-bit two's complement, as the sensor's clock
+// formulas were defined; wrapping keeps their extremes defined.
 int32_t wrap32(int64_t value) { return static_cast<int32_t>(static_cast<uint32_t>(value)); }
 
 int32_t master_clock_ticks(int MCLK) { return wrap32(static_cast<int64_t>(MCLK) * 1000); }
@@ -112,14 +113,12 @@ int orb_device_interface_base::find_optimal_shutter_speed(std::vector<int>& vali
     std::vector<int> filters = valid_filter_list;
     if (filters.empty()) {
         filters.resize(kFilters);
-        for (int i = 0; i < kFilters; i++) filters[i] = i;
+        std::iota(filters.begin(), filters.end(), 0);
     } else {
-        for (int& f : filters) f -= 1;
+        // Wrapping: a host's INT_MIN lands past the frame, where the search reads nothing.
+        for (int& f : filters) f = wrap32(static_cast<int64_t>(f) - 1);
     }
     if (saturation_value != kKeepAutoExposureParams) set_params_for_ae_module(saturation_value, iDeviceId);
-    // A filter outside the frame has no value to judge: no search.
-    for (int f : filters)
-        if (f < 0 || f >= kFilters) return -1;
     return find_optimal_shutter_speed_with_ae(filters, kAutoExposureFrames, sleep_time, iDeviceId);
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 #include <numeric>
 
@@ -182,14 +183,17 @@ TEST_F(InService, OptimalShutterSpeedTakesFiltersCountedFromOne) {
         };
     };
     std::vector<double> background;
-    std::vector<int> filters = {1, 2, 3}, outside = {0}, none;
+    std::vector<int> filters = {1, 2, 3}, none, nowhere = {0, INT_MIN};
     sensor_.set_frame_generator(lit(0, 3));
     base_.set_auto_exposure_parameters(3000, 3500, 2500, 3100, 900, 0);
     EXPECT_EQ(base_.find_optimal_shutter_speed(filters, background, -1, 10, 0), m_gAEParams.initial_ss);
     EXPECT_EQ(m_gAEParams.lower_dn_value, 2500);  // -1 kept the targets
 
-    EXPECT_EQ(base_.find_optimal_shutter_speed(outside, background, 3900, 10, 0), -1);
+    EXPECT_EQ(base_.find_optimal_shutter_speed(filters, background, 3900, 10, 0), m_gAEParams.initial_ss);
     EXPECT_EQ(m_gAEParams.lower_dn_value, 3300);
+
+    // Numbers naming no filter: the search sees nothing and ends at its minimum.
+    EXPECT_EQ(base_.find_optimal_shutter_speed(nowhere, background, -1, 10, 0), m_gAEParams.min_ss);
 
     sensor_.set_frame_generator(lit(1023, 1023));  // 3500 at the last filter, nothing saturated
     EXPECT_EQ(base_.find_optimal_shutter_speed(none, background, -1, 10, 0), m_gAEParams.initial_ss);
