@@ -166,11 +166,10 @@ double orb_device_interface_base::get_filter_data(std::vector<double>& filter_da
                                                   int darkcorrectionMode, bool, int deviceId, int useContAcq) {
     filter_data.clear();
     filter_data.resize(kFilters, 0.0);
-    double frame[kFilters];
+    // Zeros where a failed acquisition leaves the frame untouched.
+    double frame[kFilters] = {};
     get_filter_data_from_sensor(frame, average, darkcorrectionMode, useContAcq, deviceId);
-    int datasize = m_AcqCond[deviceId].datasize;
-    if (datasize < 0) datasize = 0;
-    if (datasize > kFilters) datasize = kFilters;
+    int datasize = std::clamp(m_AcqCond[deviceId].datasize, 0, kFilters);
     std::copy(frame, frame + datasize, filter_data.begin());
     return 0.0;
 }
