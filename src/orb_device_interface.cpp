@@ -33,7 +33,9 @@ void orb_device_interface::initialize() { initialize(0u); }
 
 void orb_device_interface::finalize(unsigned int iDeviceId) { m_device_interface_base->finalize(iDeviceId); }
 
+// A facade that never ran initialize() has no base to ask: not in service.
 bool orb_device_interface::is_initialized(unsigned int iDeviceId) {
+    if (m_device_interface_base == nullptr) return false;
     return m_device_interface_base->is_initialized(iDeviceId) && m_interface_is_initialized;
 }
 

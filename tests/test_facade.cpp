@@ -27,6 +27,13 @@ TEST(Facade, BeforeInitializeItAnswersOnlyForItself) {
               "##### m_device_interface_base is NULL!!\n");
     EXPECT_EQ(lot, 'Z');
     EXPECT_EQ(parts[4], -1);
+
+    // A host asking too early is told "not in service", and the switches
+    // are ignored rather than sent to a base that does not exist.
+    EXPECT_FALSE(f.is_initialized(0));
+    f.enable_spatial_filtering(true, 3, 0);
+    f.enable_frame_moving_average(true, 0);
+    EXPECT_FALSE(g_enable_FMA);
 }
 
 // No sensor on the bus: the base exists but refuses work.
