@@ -1,0 +1,196 @@
+// The C entry points end to end against emulated sensors: the sensor table,
+// the current sensor, clamped arguments, and failures as negative results.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "orb_device_api.h"
+#include "sensor_conversation.h"
+
+namespace {
+
+const std::string kExceptionLine = "[orb_device_api] ORB_BASE_EXCEPTION happened: ";
+
+// `n` emulated sensors, connected through the entry point.
+void connect(int n) {
+    for (int i = 0; i < n; i++) testbed().add_sensor();
+    printed_by([n] { EXPECT_EQ(duConnect(), n); });
+}
+
+std::string current_id() {
+    char id[26] = {};
+    EXPECT_EQ(duGetSensorID(id), 1);
+    return id;
+}
+
+}  // namespace
+
+TEST(Api, WithoutSensorsNothingIsConnectedAndNothingIsTalkedTo) {
+    double frame[1024];
+    char id[26];
+    int gain = 0, range = 0;
+    EXPECT_EQ(duGetShutterSpeed(), -1);  // before any connect
+    EXPECT_EQ(printed_by([] { EXPECT_EQ(duConnect(), -1); }), "");
+    EXPECT_EQ(duGetTotalSensors(), 0);
+    // No current sensor: refused quietly, not sent to the object the failed
+    // scan left behind.
+    std::string out = printed_by([&] {
+        EXPECT_EQ(duGetShutterSpeed(), -1);
+        EXPECT_EQ(duSetShutterSpeed(100), -1);
+        EXPECT_EQ(duGetSensorID(id), -1);
+        EXPECT_EQ(duGetFilterData(frame, 1), -1);
+        EXPECT_EQ(duGetOptimalShutterSpeed(nullptr, 0), -1);
+        EXPECT_EQ(duSetSensorParameters(1, 100), -1);
+        EXPECT_EQ(duGetSensorParameters(&gain, &range), -1);
+    });
+    EXPECT_EQ(out, "");
+    // Picking index 0 reaches that object, which was never brought up.
+    EXPECT_EQ(duActivateSensorWithIndex(-5), 1);
+    out = printed_by([] { EXPECT_EQ(duGetShutterSpeed(), -26); });
+    EXPECT_EQ(out, kExceptionLine + "vn_ec_initialization_required\n");
+}
+
+TEST(Api, AtMostTenSensorsAreConnected) {
+    for (int i = 0; i < 12; i++) testbed().add_sensor();
+    std::string out = printed_by([] { EXPECT_EQ(duConnect(), 10); });
+    EXPECT_NE(out.find("**** [orb_device_api] Total number of sensors: 10\n"), std::string::npos);
+    EXPECT_EQ(duGetTotalSensors(), 10);
+    EXPECT_TRUE(testbed().sensor(10).requests().empty());
+}
+
+TEST(Api, ASensorThatDoesNotComeUpEndsTheScan) {
+    for (int i = 0; i < 3; i++) testbed().add_sensor();
+    testbed().refuse_open(testbed().sensor(1));
+    {
+        orbsim::DropDacOverride not_root;
+        printed_by([] { EXPECT_EQ(duConnect(), 1); });
+    }
+    EXPECT_EQ(duGetTotalSensors(), 1);
+    EXPECT_TRUE(testbed().sensor(2).requests().empty());
+}
+
+TEST(Api, ShutterSpeedAndAdcSettingsAreClampedOnTheirWayToTheSensor) {
+    connect(1);
+    orbsim::Sensor& s = testbed().sensor(0);
+    EXPECT_EQ(duSetShutterSpeed(0), 1);
+    EXPECT_EQ(s.shutter(), 1);
+    EXPECT_EQ(duSetShutterSpeed(5000), 1);
+    EXPECT_EQ(s.shutter(), 3000);
+    EXPECT_EQ(duGetShutterSpeed(), 3000);
+    int lo = 0, hi = 0;
+    EXPECT_EQ(duGetShutterSpeedLimits(&lo, &hi), 1);
+    EXPECT_EQ(lo, 1);
+    EXPECT_EQ(hi, 3000);
+    EXPECT_EQ(duGetShutterSpeedLimits(nullptr, &hi), -1);
+
+    // Range in register 19; gain and resolution share register 20.
+    int gain = -1, range = -1;
+    EXPECT_EQ(duSetSensorParameters(2, 300), 1);
+    EXPECT_EQ(s.reg(19), 132);
+    EXPECT_EQ(s.reg(20), 0);
+    EXPECT_EQ(duSetSensorParameters(1, 255), 1);
+    printed_by([&] { EXPECT_EQ(duGetSensorParameters(&gain, &range), 1); });
+    EXPECT_EQ(gain, 1);
+    EXPECT_EQ(range, 255);
+    EXPECT_EQ(duSetSensorParameters(-1, -1), 1);
+    printed_by([&] { EXPECT_EQ(duGetSensorParameters(&gain, &range), 1); });
+    EXPECT_EQ(gain, 0);
+    EXPECT_EQ(range, 132);
+    EXPECT_EQ(duGetSensorParameters(&gain, nullptr), -1);
+}
+
+TEST(Api, TheCurrentSensorIsPickedByIndexOrById) {
+    for (int i = 0; i < 3; i++) testbed().add_sensor();
+    std::string out = printed_by([] { EXPECT_EQ(duConnect(), 3); });
+    EXPECT_NE(out.find("**** [orb_device_api] Total number of sensors: 3\n"), std::string::npos);
+    EXPECT_EQ(current_id(), "C1234-7-20-33-1");
+    EXPECT_EQ(duActivateSensorWithIndex(99), 1);
+    EXPECT_EQ(current_id(), "C1234-7-22-33-1");
+    EXPECT_EQ(duActivateSensorWithIndex(-5), 1);
+    EXPECT_EQ(current_id(), "C1234-7-20-33-1");
+
+    char wanted[] = "C1234-7-21-33-1", unknown[] = "C1234-7-99-33-1";
+    EXPECT_EQ(duActivateSensorWithID(wanted), 1);
+    EXPECT_EQ(current_id(), wanted);
+    EXPECT_EQ(duActivateSensorWithID(unknown), -1);
+    EXPECT_EQ(current_id(), wanted);
+
+    out = printed_by([] { EXPECT_EQ(duActivateSensorWithID(nullptr), -8); });
+    EXPECT_EQ(out, kExceptionLine + "vn_ec_sensor_id_is_empty\n");
+    out = printed_by([] { EXPECT_EQ(duGetSensorID(nullptr), -2); });
+    EXPECT_EQ(out, kExceptionLine + "vn_ec_memory_is_null\n");
+}
+
+TEST(Api, TheSensorListNamesEverySensorInItsOwnBuffer) {
+    connect(2);
+    char** list = nullptr;
+    std::string out = printed_by([&] { list = duGetSensorList(); });
+    ASSERT_NE(list, nullptr);
+    EXPECT_STREQ(list[0], "C1234-7-20-33-1");
+    EXPECT_STREQ(list[1], "C1234-7-21-33-1");
+    EXPECT_EQ(out,
+              "[orb_device_api] Total sensors in your system = 2).\n"
+              "[orb_device_api] Sensor ID: C1234-7-20-33-1\n"
+              "[orb_device_api] Sensor ID: C1234-7-21-33-1\n");
+    for (int i = 0; i < duGetTotalSensors(); i++) free(list[i]);
+    free(list);
+
+    out = printed_by([] { EXPECT_EQ(duDisconnect(), 1); });
+    EXPECT_NE(out.find("Sensor is disconnected.\n"), std::string::npos);
+    EXPECT_EQ(duGetTotalSensors(), 0);
+    EXPECT_EQ(duGetShutterSpeed(), -1);
+}
+
+TEST(Api, FilterDataIsTheAverageOfTheFramesTheSensorSent) {
+    connect(1);
+    orbsim::Sensor& s = testbed().sensor(0);
+    s.set_frame_generator(orbsim::counter_frames());
+    std::vector<double> frame(1024, -1.0);
+    printed_by([&] { EXPECT_EQ(duGetFilterData(frame.data(), 4), 1); });
+    // Frames 1 and 2 of the stream are skipped: 3 to 6 make 4.5.
+    EXPECT_EQ(std::count(frame.begin(), frame.end(), 4.5), 1024);
+    EXPECT_GE(s.frames_sent(), 6u);
+
+    s.clear_log();
+    EXPECT_EQ(duGetFilterData(nullptr, 4), -1);
+    EXPECT_EQ(duGetFilterData(frame.data(), 0), -1);
+    EXPECT_EQ(duGetFilterData(frame.data(), -3), -1);
+    EXPECT_TRUE(s.requests().empty());
+}
+
+TEST(Api, ExposureTimeAndShutterSpeedConvert) {
+    connect(1);
+    double ms = 0.0;
+    int shutter = 0;
+    EXPECT_EQ(duShutterSpeedToExposureTime(20, 250, &ms), 1);
+    EXPECT_EQ(ms, 11.0);
+    EXPECT_EQ(duExposureTimeToShutterSpeed(20, 11.0, &shutter), 1);
+    EXPECT_EQ(shutter, 415);
+    EXPECT_EQ(duShutterSpeedToExposureTime(20, 250, nullptr), -1);
+    EXPECT_EQ(duShutterSpeedToExposureTime(0, 250, &ms), -1);
+    EXPECT_EQ(duExposureTimeToShutterSpeed(20, 11.0, nullptr), -1);
+}
+
+TEST(Api, OptimalShutterSpeedBringsTheChosenFiltersBelowSaturation) {
+    connect(1);
+    orbsim::Sensor& s = testbed().sensor(0);
+    int ss = 0;
+    printed_by([&] { ss = duGetOptimalShutterSpeed(nullptr, 0); });
+    ASSERT_GT(ss, 1);
+    ASSERT_LE(ss, 1200);
+    // Peak aimed at 3200..3500; the brightest default filters sit by the middle.
+    EXPECT_GE(orbsim::light_value(510, static_cast<uint16_t>(ss)), 3200);
+    EXPECT_LE(orbsim::light_value(510, static_cast<uint16_t>(ss)), 3500);
+
+    // Filters outside 1..1024 would be read outside the frame.
+    s.clear_log();
+    int outside[] = {1, 1025}, none[] = {0};
+    EXPECT_EQ(duGetOptimalShutterSpeed(outside, 2), -1);
+    EXPECT_EQ(duGetOptimalShutterSpeed2(none, 1, 2000), -1);
+    EXPECT_EQ(duGetOptimalShutterSpeed(outside, -1), -1);
+    EXPECT_TRUE(s.requests().empty());
+}
