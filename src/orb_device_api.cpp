@@ -128,19 +128,9 @@ SensorIdText sensor_id_text(orb_device_interface& sensor, unsigned int index) {
     return id;
 }
 
-// The auto-exposure module indexes the frame with these minus one and checks
-// neither end, so a host's list must stay within the 1024 filters.
-bool filter_list_is_usable(const int* valid_filters_in, int num_of_valid_filters) {
-    if (!valid_filters_in) return true;
-    if (num_of_valid_filters < 0) return false;
-    for (int i = 0; i < num_of_valid_filters; i++)
-        if (valid_filters_in[i] < 1 || valid_filters_in[i] > kNumFilters) return false;
-    return true;
-}
-
 int optimal_shutter_speed(const int* valid_filters_in, int num_of_valid_filters, int saturation_value) {
     orb_device_interface* sensor = current_sensor();
-    if (!sensor || !filter_list_is_usable(valid_filters_in, num_of_valid_filters)) return -1;
+    if (!sensor || (valid_filters_in && num_of_valid_filters < 0)) return -1;
     return guarded([&] {
         std::vector<double> background_data(kNumFilters, 0.0);
         std::vector<int> valid_filter_list;
