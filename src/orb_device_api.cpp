@@ -19,6 +19,7 @@
 #include "orb_base_exception.h"
 #include "orb_device_interface.h"
 #include "orb_error_codes.h"
+#include "efm32com/orb_sensor_id_text.h"
 
 namespace {
 
@@ -121,10 +122,8 @@ SensorIdText sensor_id_text(orb_device_interface& sensor, unsigned int index) {
     char lot_char = 0;
     short lot_id = 0, wafer_id = 0, x_coord = 0, y_coord = 0, sensor_type = 0;
     sensor.get_sensor_id(&lot_char, &lot_id, &wafer_id, &x_coord, &y_coord, &sensor_type, index);
-    char full[48];  // room for six parts at their widest
-    snprintf(full, sizeof full, "%c%d-%d-%d-%d-%d", lot_char, lot_id, wafer_id, x_coord, y_coord, sensor_type);
     SensorIdText id = {};
-    std::string(full).copy(id.text, kSensorIdSize - 1);
+    sensor_id_text(lot_char, lot_id, wafer_id, x_coord, y_coord, sensor_type).copy(id.text, kSensorIdSize - 1);
     return id;
 }
 

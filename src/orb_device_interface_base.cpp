@@ -20,6 +20,7 @@
 #include "orb_device_interface_stm.h"
 #include "orb_device_interface_stm_usb.h"
 #include "orb_error_codes.h"
+#include "efm32com/orb_sensor_id_text.h"
 
 bool g_bEnableSpatialFiltering = false;
 int g_iSpatialFilterSize = 5;
@@ -456,7 +457,5 @@ std::string orb_device_interface_base::get_sensor_id(unsigned int iDeviceId) {
     char lot_char = 0;
     short lot_id = 0, wafer_id = 0, x_coord = 0, y_coord = 0, sensor_type = 0;
     get_sensor_id_with_index(&lot_char, &lot_id, &wafer_id, &x_coord, &y_coord, &sensor_type, iDeviceId);
-    char text[125];
-    snprintf(text, sizeof text, "%c%d-%d-%d-%d-%d", lot_char, lot_id, wafer_id, x_coord, y_coord, sensor_type);
-    return text;
+    return sensor_id_text(lot_char, lot_id, wafer_id, x_coord, y_coord, sensor_type);
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "orb_base_exception.h"
+#include "efm32com/orb_sensor_id_text.h"
 
 PSpecDeviceMap2D orb_device_usb_connection_helper::m_pSpecDevice;
 sensorIdMap orb_device_usb_connection_helper::sidMap;
@@ -28,10 +29,7 @@ std::string read_sensor_id_text(orb_device_interface* device, int deviceId) {
     short lot_id = 0, wafer_id = 0, x_coord = 0, y_coord = 0, sensor_type = 0;
     device->get_sensor_id(&lot_char, &lot_id, &wafer_id, &x_coord, &y_coord, &sensor_type,
                           static_cast<unsigned int>(deviceId));
-    // Wide enough for any five shorts, though a real sensor needs 26.
-    char text[40];
-    snprintf(text, sizeof text, "%c%d-%d-%d-%d-%d", lot_char, lot_id, wafer_id, x_coord, y_coord, sensor_type);
-    return text;
+    return sensor_id_text(lot_char, lot_id, wafer_id, x_coord, y_coord, sensor_type);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "orb_device_interface_stm.h"
 #include "orb_device_interface_stm_usb.h"
 #include "orb_error_codes.h"
+#include "orb_sensor_id_text.h"
 #include "orb_stm_commands.h"
 
 const int SENSOR_TYPE_FILTER_INDEX[8] = {1021, 1020, 1019, 1018, 1017, 1016, 1015, 1014};
@@ -82,10 +83,7 @@ Identity unpack(const unsigned char* b) {
 }
 
 std::string format(const Identity& id) {
-    char text[128];
-    snprintf(text, sizeof text, "%c%d-%d-%d-%d-%d", id.lot_char, id.lot_id, id.wafer_id, id.x_coord, id.y_coord,
-             id.sensor_type);
-    return text;
+    return sensor_id_text(id.lot_char, id.lot_id, id.wafer_id, id.x_coord, id.y_coord, id.sensor_type);
 }
 
 template <typename T>
