@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Lists the sensors on the USB buses and opens each one. Without a sensor
-# plugged in, it runs against two emulated sensors.
+# Lists the sensors on the USB buses and opens each one, then reads the first
+# sensor's ID and an averaged frame through the C entry points. Without a
+# sensor plugged in, both run against two emulated sensors.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/setup.sh"
@@ -13,8 +14,10 @@ for d in /sys/bus/usb/devices/*; do
     plugged=1
   fi
 done
-if [ "$plugged" = 1 ]; then
-  exec "$build/tools/orb-list"
+run=()
+if [ "$plugged" = 0 ]; then
+  echo "No sensor plugged in: using two emulated sensors."
+  run=("$build/sim/orb-emulate" --sensors 2 --)
 fi
-echo "No sensor plugged in: using two emulated sensors."
-exec "$build/sim/orb-emulate" --sensors 2 -- "$build/tools/orb-list"
+"${run[@]}" "$build/tools/orb-list"
+"${run[@]}" "$build/examples/c_host/orb_c_host"

@@ -118,7 +118,7 @@ struct SensorIdText {
 
 // The ID text of one sensor, always terminated within its 26 bytes: parts
 // out of their usual ranges are cut short rather than overrunning.
-SensorIdText sensor_id_text(orb_device_interface& sensor, unsigned int index) {
+SensorIdText id_text_of(orb_device_interface& sensor, unsigned int index) {
     char lot_char = 0;
     short lot_id = 0, wafer_id = 0, x_coord = 0, y_coord = 0, sensor_type = 0;
     sensor.get_sensor_id(&lot_char, &lot_id, &wafer_id, &x_coord, &y_coord, &sensor_type, index);
@@ -240,7 +240,7 @@ int duActivateSensorWithID(char* sensor_id_str) {
         for (int sensor_index = 0; sensor_index < g_total_num_of_sensors; sensor_index++) {
             orb_device_interface* sensor = g_pDeviceInterface[sensor_index];
             if (!sensor) continue;
-            if (strcmp(sensor_id_text(*sensor, static_cast<unsigned int>(sensor_index)).text, sensor_id_str) == 0) {
+            if (strcmp(id_text_of(*sensor, static_cast<unsigned int>(sensor_index)).text, sensor_id_str) == 0) {
                 g_current_device_index = sensor_index;
                 return sensor_index;
             }
@@ -256,7 +256,7 @@ int duGetSensorID(char* sensor_id) {
         if (!sensor_id) throw orb_base_exception(vn_ec_memory_is_null);
         orb_device_interface* sensor = current_sensor();
         if (!sensor) return -1;
-        memcpy(sensor_id, sensor_id_text(*sensor, current_index()).text, kSensorIdSize);
+        memcpy(sensor_id, id_text_of(*sensor, current_index()).text, kSensorIdSize);
         return 1;
     });
 }
