@@ -57,8 +57,8 @@ def _parser():
     a.add_argument("--json", action="store_true", help="JSON with the settings used, not CSV")
     a.add_argument("--plot", metavar="FILE.png", help="also draw the frame into a PNG")
 
-    led = sub.add_parser("led", help="LED light module (not available through this interface)")
-    led.add_argument("args", nargs=argparse.REMAINDER)
+    # Whatever follows led is taken and answered with why it cannot be done.
+    sub.add_parser("led", help="LED light module (not available through this interface)")
     return p
 
 
@@ -204,7 +204,11 @@ def _with_emulate_count(argv):
 
 
 def main(argv=None):
-    args = _parser().parse_args(_with_emulate_count(sys.argv[1:] if argv is None else argv))
+    parser = _parser()
+    args, unknown = parser.parse_known_args(
+        _with_emulate_count(sys.argv[1:] if argv is None else argv))
+    if unknown and args.command != "led":
+        parser.error("unrecognized arguments: " + " ".join(unknown))
     if args.emulate is not None and not os.environ.get(EMULATED_ENV):
         return _reexec_emulated(args.emulate)
     if args.command == "led":

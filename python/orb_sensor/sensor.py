@@ -1,12 +1,14 @@
 """Sensors as Python objects over the library's du... entry points.
 
 The library keeps one table of connected sensors and one current sensor per
-process, so this module keeps one connection per process: the first open
-Sensor connects every attached sensor, the last one closed disconnects them.
+process, so this module keeps one connection per process: the first
+Sensor.list() or Sensor() connects every attached sensor, and they stay
+connected until the process exits. Sensors attached later are not seen.
 Each Sensor makes its own sensor current before every call, so several may
 be open at once; none of this is safe to use from two threads at a time.
 """
 
+import atexit
 import ctypes
 
 import numpy as np
@@ -23,28 +25,22 @@ DEFAULT_MASTER_CLOCK_MHZ = 10
 
 
 class _Connection:
-    """The process's one duConnect, held while any Sensor is open."""
+    """The process's one duConnect, kept until the process exits: the library
+    brings its USB event thread up only once per process, so a second
+    connection after a disconnect does not work."""
 
-    users = 0
     count = 0
 
     @classmethod
     def acquire(cls):
         lib = library.load()
-        if cls.users == 0:
+        if cls.count == 0:
             connected = lib.duConnect()
             if connected < 1:
                 raise NoSensorError()
             cls.count = connected
-        cls.users += 1
+            atexit.register(lib.duDisconnect)
         return lib
-
-    @classmethod
-    def release(cls):
-        cls.users -= 1
-        if cls.users == 0:
-            library.load().duDisconnect()
-            cls.count = 0
 
 
 def _sensor_ids(lib):
@@ -63,43 +59,33 @@ def _sensor_ids(lib):
 class Sensor:
     """One connected sensor, by index (0 upward) or by ID text.
 
-    Use as a context manager, or call close(); the sensors are disconnected
-    when the last open Sensor of the process is closed.
+    Use as a context manager, or call close(); closing only retires this
+    object, the connection stays until the process exits.
     """
 
     def __init__(self, index=None, id=None):
         if index is not None and id is not None:
             raise ValueError("open a sensor by index or by ID, not both")
         self._lib = _Connection.acquire()
+        if id is not None:
+            self._index = check(self._lib.duActivateSensorWithID(id.encode("ascii")))
+        else:
+            index = 0 if index is None else index
+            if not 0 <= index < _Connection.count:
+                raise IndexError(f"no sensor at index {index}: {_Connection.count} connected")
+            self._index = index
         self._open = True
-        try:
-            if id is not None:
-                self._index = check(self._lib.duActivateSensorWithID(id.encode("ascii")))
-            else:
-                index = 0 if index is None else index
-                if not 0 <= index < _Connection.count:
-                    raise IndexError(f"no sensor at index {index}: {_Connection.count} connected")
-                self._index = index
-        except BaseException:
-            self.close()
-            raise
 
     @staticmethod
     def list():
         """The IDs of the attached sensors, in index order; empty when none."""
         try:
-            lib = _Connection.acquire()
+            return _sensor_ids(_Connection.acquire())
         except NoSensorError:
             return []
-        try:
-            return _sensor_ids(lib)
-        finally:
-            _Connection.release()
 
     def close(self):
-        if self._open:
-            self._open = False
-            _Connection.release()
+        self._open = False
 
     def __enter__(self):
         return self
@@ -131,6 +117,7 @@ class Sensor:
 
     @property
     def shutter_speed(self):
+        """The shutter speed last set; the library keeps one for all sensors."""
         return check(self._current().duGetShutterSpeed())
 
     @shutter_speed.setter
