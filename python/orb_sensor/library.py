@@ -10,6 +10,7 @@ import os
 
 LIBRARY_ENV = "ORB_DEVICE_LIBRARY"
 SONAME = "liborb_device.so.1"
+BASE_SONAME = "libVarnelBase.so.1"
 
 _c_int_p = ctypes.POINTER(ctypes.c_int)
 _c_double_p = ctypes.POINTER(ctypes.c_double)
@@ -53,6 +54,14 @@ def candidates():
     return [p for p in (beside_prefix, found, SONAME) if p]
 
 
+def _load_base_beside(path):
+    """An installed tree under a prefix the loader does not search keeps the
+    base library the sensor library needs in the same directory."""
+    base = os.path.join(os.path.dirname(path), BASE_SONAME)
+    if os.sep in path and os.path.exists(base):
+        ctypes.CDLL(base, mode=ctypes.RTLD_GLOBAL)
+
+
 def load():
     """The loaded library, its entry points declared."""
     global _lib
@@ -64,6 +73,7 @@ def load():
             errors.append(f"{path}: no such file")
             continue
         try:
+            _load_base_beside(path)
             lib = ctypes.CDLL(path)
             break
         except OSError as e:
