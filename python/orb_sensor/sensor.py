@@ -14,7 +14,7 @@ import ctypes
 import numpy as np
 
 from . import library
-from .errors import NoSensorError, check
+from .errors import NoSensorError, OrbError, check
 
 NUM_FILTERS = 1024
 SENSOR_ID_SIZE = 26
@@ -47,7 +47,8 @@ def _sensor_ids(lib):
     total = lib.duGetTotalSensors()
     entries = lib.duGetSensorList()
     if not entries:
-        return []
+        # The library reports any failure here as a null list, codes lost.
+        raise OrbError(-1)
     try:
         return [ctypes.string_at(entries[i]).decode("ascii") for i in range(total)]
     finally:
