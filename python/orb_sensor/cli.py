@@ -104,15 +104,15 @@ def _keep_library_off_stdout(verbose):
     sys.stdout = os.fdopen(results, "w", buffering=1)
 
 
-def _open_sensor(spec):
-    if spec.isdigit():
-        return Sensor(index=int(spec))
+def _open_sensor(which):
+    if which.isdigit():
+        return Sensor(index=int(which))
     try:
-        return Sensor(id=spec)
+        return Sensor(id=which)
     except OrbError as e:
         if isinstance(e, NoSensorError):
             raise
-        raise LookupError(f"no sensor with ID {spec}") from None
+        raise LookupError(f"no sensor with ID {which}") from None
 
 
 def _list(_args, progress):
