@@ -1,0 +1,76 @@
+"""The library's status codes (ORB_ERROR_CODE in orb_error_codes.h) and the
+exception that carries one.
+
+The table mirrors the C enumeration; tests/test_package.py checks it against
+the header so that the two cannot drift apart.
+"""
+
+# Value -> enumerator. 0 has two names in the header; the failure one is kept.
+ERROR_CODE_NAMES = {
+    -1: "vn_ec_fail",
+    0: "vn_ec_undefined_fail",
+    1: "vn_ec_success",
+    2: "vn_ec_memory_is_null",
+    3: "vn_ec_no_device_in_system",
+    4: "vn_ec_fail_to_connect_device",
+    5: "vn_ec_fail_to_create_device_obj",
+    6: "vn_ec_fail_to_initialize_device",
+    7: "vn_ec_device_object_is_null",
+    8: "vn_ec_sensor_id_is_empty",
+    9: "vn_ec_fw_recv_timeout",
+    10: "vn_ec_fail_to_create_core_spectrum_obj",
+    11: "vn_ec_fail_to_initialize_core_spectrum_obj",
+    12: "vn_ec_fail_to_load_sensor_cal_data",
+    13: "vn_ec_fail_to_add_sensor_to_active_sensor_list",
+    14: "vn_ec_sensor_cal_data_is_null",
+    15: "vn_ec_sensor_cal_for_input_sensor_id_is_not_valid",
+    16: "vn_ec_spectrum_core_object_is_null",
+    17: "vn_ec_memory_for_spectrum_data_buffer_is_null",
+    18: "vn_ec_memory_for_wavelength_data_buffer_is_null",
+    19: "vn_ec_filter_buffer_is_null",
+    20: "vn_ec_filter_data_is_nan",
+    21: "vn_ec_background_buffer_is_null",
+    22: "vn_ec_fail_to_calculate_spectrum",
+    23: "vn_ec_wrong_reply",
+    24: "vn_ec_ill_defined_input",
+    25: "vn_ec_ill_defined_output",
+    26: "vn_ec_initialization_required",
+    27: "vn_ec_file_open_failed",
+    28: "vn_ec_weights_matrix_allocation_fail",
+    29: "vn_ec_fail_to_create_color_object",
+    30: "vn_ec_fail_to_initialize_color_object",
+    31: "vn_ec_color_object_is_null",
+    32: "vn_ec_end_code",
+}
+
+
+class OrbError(Exception):
+    """A failure reported by the library.
+
+    `code` is the ORB_ERROR_CODE value and `name` its enumerator. An entry
+    point returns minus the code, except that a failure with no code of its
+    own comes back as -1, which is reported as vn_ec_fail (-1).
+    """
+
+    def __init__(self, code, name=None):
+        self.code = code
+        self.name = name or ERROR_CODE_NAMES.get(code, "unknown")
+        super().__init__(f"{self.name} ({code})")
+
+    @classmethod
+    def from_result(cls, result):
+        return cls(-1 if result == -1 else -result)
+
+
+class NoSensorError(OrbError):
+    """No sensor came up: none attached, or no access to its device node."""
+
+    def __init__(self):
+        super().__init__(3, "vn_ec_no_device_in_system")
+
+
+def check(result):
+    """Returns a non-negative result and raises OrbError for a negative one."""
+    if result < 0:
+        raise OrbError.from_result(result)
+    return result

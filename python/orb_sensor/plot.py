@@ -1,0 +1,30 @@
+"""A frame of filter data as a PNG, drawn without a display."""
+
+import matplotlib
+
+matplotlib.use("Agg")
+import matplotlib.pyplot as plt  # noqa: E402  (the backend must be chosen first)
+import numpy as np  # noqa: E402
+
+SATURATION_DN = 4095
+# 1000 x 400 pixels.
+FIGURE_SIZE_IN = (10, 4)
+DPI = 100
+
+
+def save_frame_plot(path, data, title):
+    fig, ax = plt.subplots(figsize=FIGURE_SIZE_IN, dpi=DPI)
+    try:
+        ax.plot(np.arange(1, len(data) + 1), data, linewidth=0.8, label="filter data")
+        ax.axhline(SATURATION_DN, color="tab:red", linestyle="--", linewidth=0.8,
+                   label=f"saturation ({SATURATION_DN})")
+        ax.set_xlim(1, len(data))
+        ax.set_ylim(0, SATURATION_DN * 1.05)
+        ax.set_xlabel("filter")
+        ax.set_ylabel("value (DN)")
+        ax.set_title(title, fontsize=9)
+        ax.legend(loc="upper right", fontsize=8)
+        fig.tight_layout()
+        fig.savefig(path, dpi=DPI)
+    finally:
+        plt.close(fig)

@@ -1,0 +1,44 @@
+"""What the tool is doing and for how long, on a terminal only."""
+
+import sys
+import threading
+import time
+
+
+class Progress:
+    """Redraws "[  3.2 s] step" on stderr while a step runs; silent when
+    stderr is not a terminal. The library's calls release the interpreter,
+    so the ticker keeps going through a long acquisition."""
+
+    def __init__(self, stream=None):
+        self._stream = stream or sys.stderr
+        self._enabled = self._stream.isatty()
+        self._start = time.monotonic()
+        self._step = ""
+        self._stop = threading.Event()
+        self._thread = None
+        if self._enabled:
+            self._thread = threading.Thread(target=self._tick, daemon=True)
+            self._thread.start()
+
+    def step(self, text):
+        self._step = text
+        self._draw()
+
+    def _draw(self):
+        if self._enabled and self._step:
+            elapsed = time.monotonic() - self._start
+            self._stream.write(f"\r\033[K[{elapsed:6.1f} s] {self._step}")
+            self._stream.flush()
+
+    def _tick(self):
+        while not self._stop.wait(0.2):
+            self._draw()
+
+    def done(self):
+        if self._thread:
+            self._stop.set()
+            self._thread.join()
+            self._thread = None
+            self._stream.write("\r\033[K")
+            self._stream.flush()

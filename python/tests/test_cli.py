@@ -1,0 +1,63 @@
+import json
+import struct
+
+import pytest
+
+
+@pytest.mark.parametrize("sensors", [1, 3])
+def test_list_names_each_sensor(orb_sensor, sensors):
+    result = orb_sensor("--emulate", str(sensors), "list")
+    assert result.returncode == 0, result.stderr
+    assert result.stdout.splitlines() == [f"{i} C1234-7-{20 + i}-33-1" for i in range(sensors)]
+
+
+def test_no_sensor_explains_the_udev_rule(orb_sensor):
+    for command in ("list", "acquire"):
+        result = orb_sensor("--emulate", "0", command)
+        assert result.returncode == 1
+        assert result.stdout == ""
+        assert "udev/60-orb-sensor.rules" in result.stderr
+        assert "sudo udevadm control --reload && sudo udevadm trigger" in result.stderr
+
+
+def test_acquire_writes_csv_to_stdout(orb_sensor):
+    result = orb_sensor("--emulate", "acquire", "-n", "2")
+    assert result.returncode == 0, result.stderr
+    lines = result.stdout.splitlines()
+    assert lines[0] == "filter,value" and len(lines) == 1025
+    rows = [line.split(",") for line in lines[1:]]
+    assert [int(f) for f, _ in rows] == list(range(1, 1025))
+    assert all(0.0 <= float(v) <= 4095.0 for _, v in rows)
+
+
+def test_acquire_json_with_settings_and_plot(orb_sensor, tmp_path):
+    result = orb_sensor("--emulate", "2", "acquire", "--sensor", "C1234-7-21-33-1", "-n", "2",
+                        "--shutter", "400", "--gain", "0", "--adc-range", "100",
+                        "--json", "-o", "frame.json", "--plot", "frame.png")
+    assert result.returncode == 0, result.stderr
+    assert result.stdout == ""
+    doc = json.loads((tmp_path / "frame.json").read_text())
+    assert len(doc.pop("filter_data")) == 1024
+    assert doc == {"sensor_id": "C1234-7-21-33-1", "sensor_index": 1, "averages": 2,
+                   "shutter_speed": 400, "exposure_time_ms": 36.0, "master_clock_mhz": 10,
+                   "adc_gain": 0, "adc_range": 100, "auto_exposure": False,
+                   "auto_exposure_target": None}
+    png = (tmp_path / "frame.png").read_bytes()
+    assert png[:8] == b"\x89PNG\r\n\x1a\n" and png[12:16] == b"IHDR"
+    assert struct.unpack(">II", png[16:24]) == (1000, 400)
+
+
+def test_auto_exposure_reports_the_shutter_speed_it_used(orb_sensor):
+    result = orb_sensor("--emulate", "acquire", "--auto-exposure", "--target", "3000", "--json")
+    assert result.returncode == 0, result.stderr
+    doc = json.loads(result.stdout)
+    assert doc["auto_exposure"] and doc["auto_exposure_target"] == 3000
+    assert 1 < doc["shutter_speed"] < 3000
+    assert f"auto-exposure: shutter speed {doc['shutter_speed']}, " in result.stderr
+    assert 2500 < max(doc["filter_data"]) <= 3000
+
+
+def test_led_is_not_available_through_this_interface(orb_sensor):
+    result = orb_sensor("led", "--channel", "1")
+    assert result.returncode == 2
+    assert "not available through this interface" in result.stderr
