@@ -18,3 +18,6 @@ cd "$tsan"
 # package's own calls are covered by the normal pass.
 TSAN_OPTIONS="suppressions=$top/sim/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
   ctest -j"$(nproc)" --output-on-failure --timeout 300 -E '^(InstalledTree|Python)\.'
+
+# A short run of every fuzz target over its seed corpus.
+"$top/scripts/fuzz.sh" 5
