@@ -5,7 +5,14 @@
  * point reports a failure as minus one of these. The values are fixed: hosts
  * compare against the numbers, so codes for objects this library does not
  * have (spectrum core, calibration, colour) keep their places. */
-typedef enum ORB_ERROR_CODE {
+/* In C++ the enumeration is int-based, so that a status outside the list
+ * (an errno from libusb, say) is still a value of this type. */
+#ifdef __cplusplus
+#define ORB_ERROR_CODE_BASE : int
+#else
+#define ORB_ERROR_CODE_BASE
+#endif
+typedef enum ORB_ERROR_CODE ORB_ERROR_CODE_BASE {
     vn_ec_start_code = 0,
     vn_ec_fail = -1,
     vn_ec_undefined_fail = 0,

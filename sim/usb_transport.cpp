@@ -380,7 +380,7 @@ void Testbed::Impl::pump(Device& d, Clock::time_point now) {
         BulkReply r = d.sensor->bulk_in(now, it->length);
         if (r.outcome == BulkReply::Nothing) return;
         if (r.outcome == BulkReply::Held) {
-            std::memcpy(it->buffer->data, r.data.data(), r.data.size());
+            if (!r.data.empty()) std::memcpy(it->buffer->data, r.data.data(), r.data.size());
             it->filled = r.data.size();
             it->held = true;
             ++it;
