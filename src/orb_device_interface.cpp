@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "orb_base_exception.h"
+#include "orb_guarded_call.h"
 
 namespace {
 
@@ -192,69 +193,53 @@ void orb_device_interface::get_adcsettings(unsigned char* adc_range_index, unsig
 }
 
 int orb_device_interface::set_onboard_frame_average(unsigned char average_count, unsigned int device_id) {
-    try {
+    return guarded_call([&] {
         m_device_interface_base->set_onboard_frame_average(average_count, device_id);
         return 1;
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface::get_onboard_frame_average(unsigned int device_id) {
-    try {
+    return guarded_call([&] {
         return static_cast<unsigned char>(m_device_interface_base->get_onboard_frame_average(device_id));
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface::set_onboard_dark_correction(bool bEnable, unsigned int device_id) {
-    try {
+    return guarded_call([&] {
         return m_device_interface_base->set_onboard_dark_correction(bEnable, device_id);
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface::get_onboard_dark_correction(unsigned int device_id) {
-    try {
+    return guarded_call([&] {
         return m_device_interface_base->get_onboard_dark_correction(device_id);
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface::get_onboard_dark_frame(unsigned int device_id) {
-    try {
+    return guarded_call([&] {
         return m_device_interface_base->get_onboard_dark_frame(device_id);
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface::get_poi_info(std::vector<int>& poi, unsigned int iDeviceId) {
-    try {
+    return guarded_call([&] {
         return m_device_interface_base->get_poi_info(poi, iDeviceId);
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface::set_poi_info(std::vector<int>& poi, unsigned int iDeviceId) {
-    try {
+    return guarded_call([&] {
         return m_device_interface_base->set_poi_info(poi, iDeviceId);
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface::get_poi_filter_data(std::vector<int>& poi_filter_buffer, int poi_size,
                                               std::vector<double>& poi_background, unsigned int iDeviceId) {
-    try {
+    return guarded_call([&] {
         return m_device_interface_base->get_poi_filter_data(poi_filter_buffer, poi_size, poi_background, iDeviceId);
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 void orb_device_interface::set_led_module_op_mode(int op_mode, unsigned int iDeviceId) {

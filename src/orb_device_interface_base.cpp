@@ -12,6 +12,7 @@
 #include <numeric>
 
 #include "orb_base_exception.h"
+#include "orb_guarded_call.h"
 #include "orb_device_interface_ae.h"
 #include "orb_device_interface_device_info.h"
 #include "orb_device_interface_device_settings.h"
@@ -244,73 +245,59 @@ void orb_device_interface_base::set_led_module_op_mode(int op_mode, unsigned int
 
 int orb_device_interface_base::set_onboard_frame_average(unsigned char average_count, unsigned int device_id) {
     require_initialized();
-    try {
+    return guarded_call([&] {
         set_frame_average_count_for_on_board_processing(average_count, device_id);
         return 1;
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface_base::get_onboard_frame_average(unsigned int device_id) {
     require_initialized();
-    try {
+    return guarded_call([&] {
         return get_frame_average_count_for_on_board_processing(device_id);
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 // Always device 0: the firmware keeps a single dark-correction switch.
 int orb_device_interface_base::set_onboard_dark_correction(bool bEnable, unsigned int) {
     require_initialized();
     m_bEnableOBDC = bEnable;
-    try {
+    return guarded_call([&] {
         set_dark_correction_mode_for_on_board_processing(m_bEnableOBDC, 0);
         return 1;
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface_base::get_onboard_dark_correction(unsigned int) { return m_bEnableOBDC; }
 
 int orb_device_interface_base::get_onboard_dark_frame(unsigned int device_id) {
     require_initialized();
-    try {
+    return guarded_call([&] {
         get_dark_frame_for_on_board_processing(device_id);
         return 1;
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface_base::get_poi_info(std::vector<int>& poi, unsigned int iDeviceId) {
-    try {
+    return guarded_call([&] {
         get_roi_info_from_sensor(poi, iDeviceId);
         return 1;
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface_base::set_poi_info(std::vector<int>& poi, unsigned int iDeviceId) {
-    try {
+    return guarded_call([&] {
         set_roi_info_to_sensor(poi, iDeviceId);
         return 1;
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 int orb_device_interface_base::get_poi_filter_data(std::vector<int>& poi_filter_buffer, int poi_size,
                                                    std::vector<double>& poi_background, unsigned int iDeviceId) {
-    try {
+    return guarded_call([&] {
         get_roi_data_from_sensor(poi_filter_buffer, poi_size, poi_background, iDeviceId);
         return 1;
-    } catch (const orb_base_exception& e) {
-        return e.m_error_code;
-    }
+    });
 }
 
 // The LED driver calls report a failure as its negated code.
@@ -324,34 +311,28 @@ int orb_device_interface_base::leddriver_isopen() {
 }
 
 int orb_device_interface_base::leddriver_close() {
-    try {
+    return guarded_call([&] {
         is_led_driver_close();
         return 1;
-    } catch (const orb_base_exception& e) {
-        return -e.m_error_code;
-    }
+    }, -1);
 }
 
 int orb_device_interface_base::leddriver_set_led_state(bool* on_array, int num_LED, int intensity) {
     if (!is_led_driver_open()) return 0;
-    try {
+    return guarded_call([&] {
         set_state_to_led_device(on_array, num_LED, intensity);
         return 1;
-    } catch (const orb_base_exception& e) {
-        return -e.m_error_code;
-    }
+    }, -1);
 }
 
 // -1 rather than set_led_state's 0 for a closed driver; hosts tell the two apart.
 int orb_device_interface_base::leddriver_turn_off_all() {
     if (!is_led_driver_open()) return -1;
-    try {
+    return guarded_call([&] {
         bool off[kLedDriverChannels] = {};
         set_state_to_led_device(off, kLedDriverChannels, 1);
         return 1;
-    } catch (const orb_base_exception& e) {
-        return -e.m_error_code;
-    }
+    }, -1);
 }
 
 // The mode goes to device 0 whatever sensor this object stands for.
