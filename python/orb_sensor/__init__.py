@@ -10,7 +10,8 @@ One connection per process: see orb_sensor.sensor.
 """
 
 from .errors import ERROR_CODE_NAMES, NoSensorError, OrbError
+from .led import LedModule, NoLedModuleError
 from .sensor import DEFAULT_MASTER_CLOCK_MHZ, NUM_FILTERS, Sensor
 
-__all__ = ["Sensor", "OrbError", "NoSensorError", "ERROR_CODE_NAMES",
+__all__ = ["Sensor", "OrbError", "NoSensorError", "ERROR_CODE_NAMES", "LedModule", "NoLedModuleError",
            "DEFAULT_MASTER_CLOCK_MHZ", "NUM_FILTERS"]

@@ -1,7 +1,8 @@
-"""orb-sensor: list the attached spectral sensors and acquire filter data.
+"""orb-sensor: list the attached spectral sensors, acquire filter data and
+set the LED module.
 
-Exit status: 0 done, 1 no sensor, 2 bad use or a feature this interface
-lacks, 3 a failure reported by the library.
+Exit status: 0 done, 1 no sensor (or no LED module), 2 bad use, 3 a failure
+reported by the library.
 """
 
 import argparse
@@ -13,6 +14,7 @@ import sys
 
 from . import library
 from .errors import NoSensorError, OrbError
+from .led import CHANNEL_LABELS, MAX_CHANNELS, MAX_INTENSITY, LedModule, NoLedModuleError, state_word
 from .progress import Progress
 from .sensor import DEFAULT_MASTER_CLOCK_MHZ, Sensor
 
@@ -20,16 +22,46 @@ PROG = "orb-sensor"
 EMULATED_ENV = "ORB_SENSOR_EMULATED"
 EMULATE_ENV = "ORB_EMULATE"
 
-NO_SENSOR_HELP = (
-    f"{PROG}: no sensor found. Check that it is plugged in and that you may open its USB\n"
-    "device node. The udev rule udev/60-orb-sensor.rules (installed under lib/udev/rules.d)\n"
-    "gives the user at the seat access; apply it and replug the sensor:\n"
+NO_DEVICE_HELP = (
+    "Check that it is plugged in and that you may open its USB device node. The udev rule\n"
+    "udev/60-orb-sensor.rules (installed under lib/udev/rules.d) gives the user at the seat\n"
+    "access; apply it and replug the device:\n"
     "  sudo cp udev/60-orb-sensor.rules /etc/udev/rules.d/ && sudo udevadm control --reload"
     " && sudo udevadm trigger\n")
+NO_SENSOR_HELP = f"{PROG}: no sensor found.\n" + NO_DEVICE_HELP
 
-LED_UNAVAILABLE = (
-    f"{PROG}: led: not available through this interface: the sensor library's C entry\n"
-    "points (du...) have no call for the LED module.\n")
+
+def _refused_nodes():
+    """Device nodes of attached 0483:5740 devices this user may not open."""
+    refused = []
+    root = "/sys/bus/usb/devices"
+    try:
+        entries = sorted(os.listdir(root))
+    except OSError:
+        return refused
+    for entry in entries:
+        try:
+            with open(os.path.join(root, entry, "idVendor")) as f:
+                vendor = f.read().strip()
+            with open(os.path.join(root, entry, "idProduct")) as f:
+                product = f.read().strip()
+            with open(os.path.join(root, entry, "uevent")) as f:
+                names = [line[8:].strip() for line in f if line.startswith("DEVNAME=")]
+        except OSError:
+            continue
+        if (vendor, product) == ("0483", "5740") and names:
+            node = os.path.join("/dev", names[0])
+            if os.path.exists(node) and not os.access(node, os.R_OK | os.W_OK):
+                refused.append(node)
+    return sorted(refused)
+
+
+def _no_sensor_message():
+    refused = _refused_nodes()
+    if not refused:
+        return NO_SENSOR_HELP
+    return (f"{PROG}: no sensor could be opened: this user may not open "
+            + ", ".join(refused) + ".\n" + NO_DEVICE_HELP)
 
 
 def _parser():
@@ -57,8 +89,16 @@ def _parser():
     a.add_argument("--json", action="store_true", help="JSON with the settings used, not CSV")
     a.add_argument("--plot", metavar="FILE.png", help="also draw the frame into a PNG")
 
-    # Whatever follows led is taken and answered with why it cannot be done.
-    sub.add_parser("led", help="LED light module (not available through this interface)")
+    led = sub.add_parser(
+        "led", help="switch the LED module's channels and set their intensity",
+        description="Sets the LED module's channels: those given with --on are switched on, "
+                    "every other one off. The module is the first device with the sensor's "
+                    "USB IDs, so with a sensor enumerated first the sensor receives it.")
+    led.add_argument("--on", type=int, nargs="+", default=[], metavar="CH",
+                     help=f"channels to switch on, 0 to {MAX_CHANNELS - 1}")
+    led.add_argument("--intensity", type=int, default=0, metavar="I",
+                     help=f"intensity, 0 to {MAX_INTENSITY} (default 0)")
+    led.add_argument("--off", action="store_true", help="switch every channel off")
     return p
 
 
@@ -77,7 +117,7 @@ def _find_orb_emulate():
     return shutil.which("orb-emulate")
 
 
-def _reexec_emulated(sensors):
+def _reexec_emulated(sensors, led):
     launcher = _find_orb_emulate()
     if launcher is None:
         sys.stderr.write(f"{PROG}: --emulate needs orb-emulate: put it on PATH or set {EMULATE_ENV}\n")
@@ -86,7 +126,7 @@ def _reexec_emulated(sensors):
     env[EMULATED_ENV] = "1"
     package_root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
     env["PYTHONPATH"] = os.pathsep.join(filter(None, [package_root, env.get("PYTHONPATH")]))
-    argv = [launcher, "--sensors", str(sensors), "--",
+    argv = [launcher, "--sensors", str(sensors), *(["--led"] if led else []), "--",
             sys.executable, "-m", "orb_sensor.cli", *sys.argv[1:]]
     sys.stdout.flush()
     sys.stderr.flush()
@@ -120,7 +160,7 @@ def _list(_args, progress):
     ids = Sensor.list()
     progress.done()
     if not ids:
-        sys.stderr.write(NO_SENSOR_HELP)
+        sys.stderr.write(_no_sensor_message())
         return 1
     for index, sensor_id in enumerate(ids):
         print(f"{index} {sensor_id}")
@@ -192,6 +232,29 @@ def _acquire(args, progress):
     return 0
 
 
+def _led(args, progress):
+    if args.off and (args.on or args.intensity):
+        sys.stderr.write(f"{PROG}: led: --off takes no --on or --intensity\n")
+        return 2
+    try:
+        word = state_word(args.on, args.intensity)
+    except ValueError as e:
+        sys.stderr.write(f"{PROG}: led: {e}\n")
+        return 2
+    progress.step("opening the LED module")
+    try:
+        with LedModule() as led:
+            led.set(args.on, args.intensity)
+    except NoLedModuleError as e:
+        progress.done()
+        sys.stderr.write(f"{PROG}: led: {e}\n" + NO_DEVICE_HELP)
+        return 1
+    progress.done()
+    on = ", ".join(f"{ch} ({CHANNEL_LABELS[ch]})" for ch in sorted(set(args.on))) or "none"
+    print(f"LED state word 0x{word:04x}: channels on: {on}; intensity {args.intensity}")
+    return 0
+
+
 def _with_emulate_count(argv):
     """argparse would take the subcommand after a bare --emulate for its count."""
     argv = list(argv)
@@ -205,22 +268,16 @@ def _with_emulate_count(argv):
 
 def main(argv=None):
     parser = _parser()
-    args, unknown = parser.parse_known_args(
-        _with_emulate_count(sys.argv[1:] if argv is None else argv))
-    if unknown and args.command != "led":
-        parser.error("unrecognized arguments: " + " ".join(unknown))
+    args = parser.parse_args(_with_emulate_count(sys.argv[1:] if argv is None else argv))
     if args.emulate is not None and not os.environ.get(EMULATED_ENV):
-        return _reexec_emulated(args.emulate)
-    if args.command == "led":
-        sys.stderr.write(LED_UNAVAILABLE)
-        return 2
+        return _reexec_emulated(args.emulate, led=args.command == "led")
     _keep_library_off_stdout(args.verbose)
     progress = Progress()
     try:
-        return {"list": _list, "acquire": _acquire}[args.command](args, progress)
+        return {"list": _list, "acquire": _acquire, "led": _led}[args.command](args, progress)
     except NoSensorError:
         progress.done()
-        sys.stderr.write(NO_SENSOR_HELP)
+        sys.stderr.write(_no_sensor_message())
         return 1
     except (LookupError, OSError) as e:
         progress.done()

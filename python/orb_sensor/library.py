@@ -37,6 +37,16 @@ _PROTOTYPES = {
     "duGetSensorParameters": (ctypes.c_int, [_c_int_p, _c_int_p]),
 }
 
+# The LED driver calls have C++ linkage: they are reached by their (stable,
+# Itanium ABI) mangled names.
+_LED_PROTOTYPES = {
+    "connect_LED_device": ("_Z18connect_LED_devicev", ctypes.c_int, []),
+    "is_led_driver_open": ("_Z18is_led_driver_openv", ctypes.c_int, []),
+    "is_led_driver_close": ("_Z19is_led_driver_closev", ctypes.c_int, []),
+    "set_state_to_led_device": ("_Z23set_state_to_led_devicePbii", ctypes.c_int,
+                                [ctypes.POINTER(ctypes.c_bool), ctypes.c_int, ctypes.c_int]),
+}
+
 _lib = None
 _libc = None
 
@@ -85,6 +95,11 @@ def load():
         fn = getattr(lib, name)
         fn.restype = restype
         fn.argtypes = argtypes
+    for name, (symbol, restype, argtypes) in _LED_PROTOTYPES.items():
+        fn = getattr(lib, symbol)
+        fn.restype = restype
+        fn.argtypes = argtypes
+        setattr(lib, name, fn)
     _lib = lib
     return lib
 

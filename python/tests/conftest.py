@@ -38,8 +38,8 @@ def run_python():
 @pytest.fixture
 def orb_sensor(tmp_path):
     """orb_sensor(*args): the tool's process, run from a scratch directory."""
-    def run(*args):
+    def run(*args, stderr=subprocess.PIPE):
         return subprocess.run([PYTHON, os.path.join(REPO, "tools", "orb-sensor"), *args],
-                              env=_env(), cwd=tmp_path, capture_output=True, text=True,
-                              timeout=300)
+                              env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=stderr,
+                              text=True, timeout=300)
     return run

@@ -1,4 +1,8 @@
 import json
+import os
+import pty
+import re
+import select
 import struct
 
 import pytest
@@ -57,7 +61,49 @@ def test_auto_exposure_reports_the_shutter_speed_it_used(orb_sensor):
     assert 2500 < max(doc["filter_data"]) <= 3000
 
 
-def test_led_is_not_available_through_this_interface(orb_sensor):
-    result = orb_sensor("led", "--channel", "1")
-    assert result.returncode == 2
-    assert "not available through this interface" in result.stderr
+def test_led_sets_the_state_word_and_refuses_what_it_cannot_carry(orb_sensor):
+    result = orb_sensor("--emulate", "0", "led", "--on", "2", "0", "--intensity", "100")
+    assert result.returncode == 0, result.stderr
+    assert result.stdout == "LED state word 0x6405: channels on: 0 (468 nm), 2 (572 nm); intensity 100\n"
+    # A ninth channel or an intensity above a byte would spill into the
+    # neighbouring bits of the state word.
+    for args in (["--on", "8"], ["--intensity", "256"], ["--off", "--on", "1"]):
+        result = orb_sensor("--emulate", "0", "led", *args)
+        assert result.returncode == 2 and result.stdout == "", args
+
+
+def test_refused_sensor_names_its_node_and_the_udev_rule(run_python):
+    result = run_python(1, "import os\nfrom orb_sensor import cli\n"
+                           "os.access = lambda *a: False\n"
+                           "print(cli._no_sensor_message())\n")
+    assert result.returncode == 0, result.stderr
+    assert result.stdout.startswith(
+        "orb-sensor: no sensor could be opened: this user may not open /dev/bus/usb/001/")
+    assert "sudo cp udev/60-orb-sensor.rules /etc/udev/rules.d/" in result.stdout
+
+
+def test_progress_shows_on_a_terminal_only(orb_sensor):
+    master, slave = pty.openpty()
+    try:
+        result = orb_sensor("--emulate", "acquire", "-n", "20", "--auto-exposure", "-o", "f.csv",
+                            stderr=slave)
+        os.close(slave)
+        slave = None
+        shown = b""
+        while select.select([master], [], [], 0)[0]:
+            try:
+                chunk = os.read(master, 4096)
+            except OSError:
+                break
+            if not chunk:
+                break
+            shown += chunk
+    finally:
+        if slave is not None:
+            os.close(slave)
+        os.close(master)
+    assert result.returncode == 0
+    assert re.search(rb"\[ +\d+\.\d s\] searching the shutter speed", shown)
+    assert b"acquiring 20 frame(s)" in shown
+    piped = orb_sensor("--emulate", "acquire", "-n", "20", "--auto-exposure", "-o", "f.csv")
+    assert b"\r" not in piped.stderr.encode() and "[" not in piped.stderr
