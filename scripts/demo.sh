@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# Lists the sensors on the USB buses and opens each one, then reads the first
-# sensor's ID and an averaged frame through the C entry points. Without a
-# sensor plugged in, both run against two emulated sensors.
+# The main job, end to end: lists the sensors, searches the shutter speed
+# (auto-exposure), then saves an averaged frame of the first sensor as
+# frame.csv and frame.png in the current directory. Without a sensor plugged
+# in, it runs against two emulated sensors.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/setup.sh"
 "$top/scripts/build.sh"
 build=${ORB_BUILD_DIR:-$top/build}
+export ORB_DEVICE_LIBRARY=$build/src/liborb_device.so.1 ORB_EMULATE=$build/sim/orb-emulate
 
 plugged=0
 for d in /sys/bus/usb/devices/*; do
@@ -14,10 +16,12 @@ for d in /sys/bus/usb/devices/*; do
     plugged=1
   fi
 done
-run=()
+emulate=()
 if [ "$plugged" = 0 ]; then
   echo "No sensor plugged in: using two emulated sensors."
-  run=("$build/sim/orb-emulate" --sensors 2 --)
+  emulate=(--emulate 2)
 fi
-"${run[@]}" "$build/tools/orb-list"
-"${run[@]}" "$build/examples/c_host/orb_c_host"
+sensor=("$top/tools/orb-sensor" "${emulate[@]}")
+"${sensor[@]}" list
+"${sensor[@]}" acquire --auto-exposure -n 10 -o frame.csv --plot frame.png
+echo "Wrote $PWD/frame.csv (filter,value) and $PWD/frame.png."

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# Installs the build into a scratch prefix, builds a C host with pkg-config
-# and a C++ host with find_package, runs both, and checks the exported
-# symbols' linkage.
+# Installs the build into a scratch prefix and builds the example hosts from
+# it the way a user does: the C host with pkg-config and make, the C++ host
+# with find_package; runs both against emulated sensors, and checks the
+# exported symbols' linkage.
+#   check.sh <build dir> <orb-emulate>
 set -euo pipefail
 build=$1
-here=$(cd "$(dirname "$0")" && pwd)
+emulate=$2
+examples=$(cd "$(dirname "$0")/../../examples" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
@@ -13,17 +16,23 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 test -f "$prefix/include/orb_device/orb_error_codes.h"
 test -f "$prefix/include/orb_device/utils/orb_utils_interface.h"
 libdir=$(dirname "$(find "$prefix" -name liborb_device.so | head -n1)")
+export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir
 
-export PKG_CONFIG_PATH=$libdir/pkgconfig
-cc -std=c99 -Wall -Wextra -Werror "$here/host.c" -o "$work/host_c" $(pkg-config --cflags --libs orb_device)
-LD_LIBRARY_PATH=$libdir "$work/host_c"
+# The C headers a host sees compile as C99.
+printf '#include <lusb.h>\n#include <orb_device_api.h>\n#include <orb_error_codes.h>\nint main(void) { return 0; }\n' |
+  cc -std=c99 -Wall -Wextra -Werror -x c - -o "$work/headers" $(pkg-config --cflags --libs orb_device)
 
-mkdir "$work/cxx"
-cp "$here/host.cpp" "$work/cxx/"
-cp "$here/CMakeLists.txt.in" "$work/cxx/CMakeLists.txt"
-cmake -S "$work/cxx" -B "$work/cxx/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$work/cxx/build" >/dev/null
-LD_LIBRARY_PATH=$libdir "$work/cxx/build/host_cpp"
+cp -r "$examples/c_host" "$examples/cpp_host" "$work/"
+make -s -C "$work/c_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
+cmake -S "$work/cpp_host" -B "$work/cpp_host/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/cpp_host/build" >/dev/null
+
+out=$("$emulate" --sensors 1 --frames constant=300 -- "$work/c_host/orb_c_host")
+grep -qxF 'filter data, 10 frames averaged: min 300.00, mean 300.00, max 300.00' <<<"$out" ||
+  { echo "C host: $out"; exit 1; }
+out=$("$emulate" --sensors 1 --frames constant=300 -- "$work/cpp_host/build/orb_cpp_host")
+grep -qxF 'sensor 0 C1234-7-20-33-1: shutter speed 200 (18 ms), 10 frames averaged: min 300.00, mean 300.00, max 300.00' <<<"$out" ||
+  { echo "C++ host: $out"; exit 1; }
 
 # The 0.1-style calls have C linkage, except the two writers, whose symbols
 # carry their signatures.
