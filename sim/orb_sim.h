@@ -59,8 +59,8 @@ public:
     void add_other_device(uint16_t vid, uint16_t pid, int bus = 1, int address = 0);
 
     // The device node gets mode 0000. Root opens it anyway unless the opening
-    // thread holds a DropDacOverride.
-    void refuse_open(Sensor& sensor);
+    // thread holds a DropDacOverride. `false` gives everyone access again.
+    void refuse_open(Sensor& sensor, bool refused = true);
     // Pending transfers end with -ESHUTDOWN (libusb: LIBUSB_TRANSFER_NO_DEVICE),
     // later calls fail with ENODEV, and a "remove" uevent is queued for libusb
     // before this returns, so the next device list no longer has it.

@@ -167,9 +167,10 @@ void SensorModel::refuse_claim() {
     refuse_claim_ = true;
 }
 
-void SensorModel::short_frame(std::size_t bytes) {
+void SensorModel::short_frame(std::size_t bytes, uint32_t number) {
     std::lock_guard<std::mutex> lock(mu_);
     short_frame_bytes_ = bytes;
+    short_frame_number_ = number;
     short_frame_armed_ = true;
 }
 
@@ -329,7 +330,7 @@ BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
         std::array<uint16_t, kFilters> values{};
         generator_(FrameInfo{++frame_number_, static_cast<uint16_t>(regs_[37] << 8 | regs_[5])}, values);
         carry_ = encode_frame(values);
-        if (short_frame_armed_) {
+        if (short_frame_armed_ && (short_frame_number_ == 0 || short_frame_number_ == frame_number_)) {
             carry_.resize(std::min(carry_.size(), short_frame_bytes_));
             short_frame_armed_ = false;
         }

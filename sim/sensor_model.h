@@ -126,7 +126,9 @@ public:
     void stall(uint8_t bRequest);                       // control requests stall
     void no_reply(uint8_t bRequest);                    // control requests never complete
     void refuse_claim();                                // claiming interface 0 is refused
-    void short_frame(std::size_t bytes);                // the next frame stops after `bytes`
+    // The next frame, or frame `number` of a stream (as in FrameInfo), stops
+    // after `bytes`; once.
+    void short_frame(std::size_t bytes, uint32_t number = 0);
     void stall_bulk();                                  // 0x81 halts until a clear-halt
     void trickle(std::size_t bytes);                    // the next bulk transfer gets `bytes`, then hangs
     void clear_faults();
@@ -177,6 +179,7 @@ private:
     bool refuse_claim_ = false;
     bool bulk_halted_ = false;
     std::size_t short_frame_bytes_ = 0;
+    uint32_t short_frame_number_ = 0;
     bool short_frame_armed_ = false;
     std::size_t trickle_bytes_ = 0;
     bool trickle_armed_ = false;

@@ -616,10 +616,10 @@ void Testbed::add_other_device(uint16_t vid, uint16_t pid, int bus, int address)
                      UsbIdentity{vid, pid, 0x0100, 0, kBulkConfig, "orbsim", "Other device"}, serial);
 }
 
-void Testbed::refuse_open(Sensor& sensor) {
+void Testbed::refuse_open(Sensor& sensor, bool refused) {
     std::lock_guard<std::mutex> lock(impl_->mu);
     for (auto& d : impl_->devices)
-        if (d->sensor.get() == &sensor) chmod(d->fifo.c_str(), 0);
+        if (d->sensor.get() == &sensor) chmod(d->fifo.c_str(), refused ? 0 : 0666);
 }
 
 void Testbed::unplug(Sensor& sensor) {
