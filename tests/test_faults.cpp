@@ -88,6 +88,14 @@ orbsim::Sensor& connected_sensor(orbsim::FrameGenerator frames = orbsim::counter
     return s;
 }
 
+// A blocked acquisition that waits on the frame queue's condition, not
+// inside a request, leaves the queue's lock free.
+bool waits_for_frames() {
+    if (pthread_mutex_trylock(&exit_cond_lock) != 0) return false;
+    pthread_mutex_unlock(&exit_cond_lock);
+    return true;
+}
+
 std::string current_id() {
     char id[26] = {};
     EXPECT_EQ(duGetSensorID(id), 1);
@@ -126,7 +134,8 @@ TEST(Faults, RefusedClaimConnectsASensorThatHearsNothing) {
     const Counts before = counts_now();
     EXPECT_EQ(printed_by([] { EXPECT_EQ(duConnect(), 1); }), kClaimLines + kOneSensorLine);
     EXPECT_EQ(seen(s, E::Claim), std::vector<int>{0});
-    // Only the LED driver's handle, which claims nothing, stays open on it.
+    // Opened for the sensor, given up at once, and again as the LED driver,
+    // which claims nothing.
     EXPECT_EQ(seen(s, E::Open).size(), 2u);
 
     // Without a handle every read-back is 1: the bring-up's ADC and shutter
@@ -138,8 +147,12 @@ TEST(Faults, RefusedClaimConnectsASensorThatHearsNothing) {
     EXPECT_EQ(current_id(), "A0-0-0-0-0");
     EXPECT_TRUE(s.requests().empty());
     // No frame transfer was submitted and no stream started: an acquisition
-    // waits for frames that never come.
+    // gets as far as the gap between its stream requests, which go nowhere,
+    // and waits for frames that never come.
+    vclock::reset();
     EXPECT_EQ(acquire_within(300ms), std::nullopt);
+    EXPECT_EQ(talk::pauses_ms(), std::vector<uint64_t>{20});
+    EXPECT_TRUE(waits_for_frames());
 }
 
 TEST(Faults, WrongEchoesAreWrittenOnceMoreCountedAndReadBackAsTheSensorHasThem) {
@@ -233,6 +246,7 @@ TEST(Faults, SensorUnpluggedWhileStreamingEndsTheEventLoopAndTheHostCarriesOn) {
     EXPECT_EQ(do_exit, 2);
     // The acquisition under way waits for frames that can no longer come.
     EXPECT_EQ(acquisition.wait_for(300ms), std::future_status::timeout);
+    EXPECT_TRUE(waits_for_frames());
 
     // Every later call returns. Reads of the vanished sensor are zeros.
     const Counts before = counts_now();

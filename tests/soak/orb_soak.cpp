@@ -19,7 +19,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -46,14 +45,16 @@ constexpr std::chrono::microseconds kFramePeriod{500};
 constexpr long kHarnessTrimEvery = 100;
 
 // (a): resident memory may move this much after the first tenth of the
-// acquisitions (the warm-up: allocator arenas of the event-loop thread, the
-// harness's records reaching their size). Measured: +0 to +8 kB over 9,000
-// acquisitions; a leak of one byte per acquisition shows over a full run.
+// acquisitions, the warm-up (the event-loop thread's allocator arena, the
+// first frames' buffers, the harness's records reaching their size: about
+// 60 kB). Measured after it: +0 kB over 9,000 acquisitions, so a leak of
+// 8 bytes per acquisition would show in a full run.
 constexpr long kAcquisitionRssNoiseKb = 64;
 
-// (b): besides the two base objects per cycle, pages touched by allocator
-// bookkeeping and the emulator's per-connection state. Measured: the cycles
-// cost 10 to 12 kB each, all of it within the two objects' 32 kB.
+// (b): the two base objects a cycle leaves behind may be resident in full;
+// measured, a cycle costs about 9 kB, since only the pages their
+// constructors write become resident (their frame arrays stay untouched).
+// The slack is for allocator bookkeeping; no other growth is explained.
 constexpr long kCycleRssSlackKb = 4;
 
 struct Sample {
