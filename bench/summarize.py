@@ -4,8 +4,8 @@
 usage: summarize.py RESULTS.json [--update-doc docs/performance.md]
 
 Prints the tables; with --update-doc they also replace the part of the
-document between the bench-results markers. Exits with 1 when a benchmark
-reported an error.
+document between the bench-results markers. A benchmark that reported an
+error makes it exit with 1 and leaves the document alone.
 """
 import argparse
 import json
@@ -111,6 +111,8 @@ def main():
     text = "\n\n".join(parts)
     print(text)
 
+    if failed:
+        sys.exit(1)
     if args.update_doc:
         with open(args.update_doc) as f:
             doc = f.read()
@@ -120,8 +122,6 @@ def main():
         doc = pattern.sub(lambda _: f"{BEGIN}\n{text}\n{END}", doc)
         with open(args.update_doc, "w") as f:
             f.write(doc)
-    if failed:
-        sys.exit(1)
 
 
 if __name__ == "__main__":
