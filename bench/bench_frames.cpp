@@ -114,6 +114,7 @@ void BM_ContinuousAcquisition(benchmark::State& state) {
     }
     get_filter_data_from_sensor(out.data(), 1, 0, kCollectOnly, 0);  // streaming off
     pauses::take();
+    usbhooks::take_frame_submissions();
     rig().stream(orbsim::constant_frames(2000), std::chrono::microseconds(0));
 
     auto us_per_frame = [delivered](double s) { return s * 1e6 / delivered; };

@@ -6,11 +6,17 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <mutex>
+#include <vector>
 
 namespace {
 
+constexpr unsigned char kFrameEndpoint = 0x81;
+
 std::atomic<bool> g_swallow{false};
 std::atomic<int64_t> g_control_ns{0};
+std::mutex g_submissions_lock;
+std::vector<std::chrono::steady_clock::time_point> g_submissions;
 
 template <typename Fn>
 Fn next_definition(const char* name) {
@@ -26,7 +32,13 @@ extern "C" __attribute__((visibility("default"))) int LIBUSB_CALL libusb_submit_
     using Submit = int (*)(libusb_transfer*);
     static const Submit real = next_definition<Submit>("libusb_submit_transfer");
     if (g_swallow.load(std::memory_order_relaxed)) return 0;
-    return real(transfer);
+    int r = real(transfer);
+    if (transfer->endpoint == kFrameEndpoint) {
+        auto now = std::chrono::steady_clock::now();
+        std::lock_guard<std::mutex> lock(g_submissions_lock);
+        g_submissions.push_back(now);
+    }
+    return r;
 }
 
 extern "C" __attribute__((visibility("default"))) int LIBUSB_CALL
@@ -46,5 +58,12 @@ namespace usbhooks {
 void swallow_submissions(bool on) { g_swallow = on; }
 
 double take_control_seconds() { return g_control_ns.exchange(0) * 1e-9; }
+
+std::vector<std::chrono::steady_clock::time_point> take_frame_submissions() {
+    std::lock_guard<std::mutex> lock(g_submissions_lock);
+    std::vector<std::chrono::steady_clock::time_point> taken;
+    taken.swap(g_submissions);
+    return taken;
+}
 
 }  // namespace usbhooks
