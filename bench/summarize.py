@@ -88,9 +88,12 @@ def machine(results, medians):
                                 text=True, check=True).stdout.strip()
     except (OSError, subprocess.CalledProcessError):
         commit = "unknown"
+    with open("/proc/loadavg") as f:
+        load_now = ", ".join(f.read().split()[:3])
     runs = "medians of the repetitions" if medians else "one run"
-    return (f"Measured {ctx['date']} on {ctx['host_name']}: {ctx['num_cpus']} CPUs at {ctx['mhz_per_cpu']} MHz, "
-            f"load average {load} (1, 5, 15 min) when the run began; commit {commit}; {runs}.")
+    return (f"Measured {ctx['date']} on {ctx['host_name']}: nproc {len(os.sched_getaffinity(0))}, "
+            f"{ctx['mhz_per_cpu']} MHz; load average (1, 5, 15 min) {load} when the run began, {load_now} "
+            f"when it ended; commit {commit}; {runs}.")
 
 
 def main():
