@@ -108,8 +108,16 @@ std::optional<Cost> time_call(uint32_t frames, Call call) {
         cost.late += seconds(p.end - p.start) - p.requested_us * 1e-6;
     }
     if (frames > 0) {
-        auto last_due = due(frames);
+        const auto last_due = due(frames);
         if (!last_due) return std::nullopt;
+        // The library is ready for the frames once the last pause that began
+        // before they were all due is over.
+        auto wait_until = [&](Clock::time_point due_at) {
+            Clock::time_point ready = start;
+            for (const auto& p : taken)
+                if (p.start < due_at) ready = p.end;
+            return std::max(0.0, seconds(due_at - ready));
+        };
         // A frame that came due before the library's transfer was waiting
         // for it again left late, and so did every frame after it: that
         // delay is the host's, not the sensor's.
@@ -120,14 +128,8 @@ std::optional<Cost> time_call(uint32_t frames, Call call) {
             auto next = std::upper_bound(rearmed.begin(), rearmed.end(), previous);
             if (next != rearmed.end() && *next > due_k) host_late += *next - due_k;
         }
-        *last_due -= host_late;
-        cost.rearm_late = seconds(host_late);
-        // The library is ready for the frames once the last pause that began
-        // before they were all due is over.
-        Clock::time_point ready = start;
-        for (const auto& p : taken)
-            if (p.start < *last_due) ready = p.end;
-        cost.frame_wait = std::max(0.0, seconds(*last_due - ready));
+        cost.frame_wait = wait_until(*last_due - host_late);
+        cost.rearm_late = wait_until(*last_due) - cost.frame_wait;
     }
     if (!ok) return std::nullopt;
     return cost;
