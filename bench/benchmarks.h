@@ -1,0 +1,16 @@
+#ifndef ORB_BENCH_BENCHMARKS_H
+#define ORB_BENCH_BENCHMARKS_H
+
+// Each file registers its benchmarks; main decides the order.
+
+void register_frame_benchmarks();
+void register_auto_exposure_benchmarks();
+// duConnect, duSetShutterSpeed and duGetFilterData.
+void register_entry_point_benchmarks();
+
+// The process the duConnect benchmark starts for each connect: it connects
+// one emulated sensor and prints what that cost. Returns the exit status.
+int time_first_connect();
+inline constexpr char kFirstConnectFlag[] = "--orb_first_connect";
+
+#endif

@@ -1,0 +1,132 @@
+#!/usr/bin/env python3
+"""Turns orb_bench's JSON output into the markdown tables of docs/performance.md.
+
+usage: summarize.py RESULTS.json [--update-doc docs/performance.md]
+
+Prints the tables; with --update-doc they also replace the part of the
+document between the bench-results markers. A benchmark that reported an
+error makes it exit with 1 and leaves the document alone.
+"""
+import argparse
+import json
+import os
+import re
+import subprocess
+import sys
+
+BEGIN, END = "<!-- bench-results:begin -->", "<!-- bench-results:end -->"
+
+
+def rows(results):
+    """Benchmark name -> its row; the median when the run had repetitions."""
+    runs = results["benchmarks"]
+    medians = [r for r in runs if r.get("aggregate_name") == "median"]
+    chosen = medians or [r for r in runs if r.get("run_type", "iteration") == "iteration"]
+    return {r["run_name"]: r for r in chosen}, len(medians) > 0
+
+
+def find(table, prefix):
+    return [(name, r) for name, r in table.items() if name.split("/")[0] == prefix and not r.get("error_occurred")]
+
+
+def fmt(value, digits=1):
+    return f"{value:,.{digits}f}"
+
+
+def entry_points(table):
+    out = ["| Call | Wall ms | Pauses ms | Frame wait ms | Overhead ms | of it USB ms | of it late wake-ups ms "
+           "| of it late re-arms ms | Rest ms | Overhead ratio | Library's own ratio |",
+           "|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|"]
+    calls = find(table, "duConnect") + find(table, "duSetShutterSpeed") + find(table, "duGetFilterData")
+    for name, r in calls:
+        label = {"duConnect": "duConnect()", "duSetShutterSpeed": "duSetShutterSpeed(100)"}.get(
+            name.split("/")[0], "duGetFilterData(n = %s)" % name.split("/")[1] if "/" in name else name)
+        wall = r["pauses_ms"] + r["frame_wait_ms"] + r["overhead_ms"]
+        rest = r["overhead_ms"] - r["usb_ms"] - r["late_wake_ms"] - r["rearm_late_ms"]
+        out.append(f"| {label} | {fmt(wall)} | {fmt(r['pauses_ms'])} | {fmt(r['frame_wait_ms'])} "
+                   f"| {fmt(r['overhead_ms'], 2)} | {fmt(r['usb_ms'], 2)} | {fmt(r['late_wake_ms'], 2)} "
+                   f"| {fmt(r['rearm_late_ms'], 2)} | {fmt(rest, 2)} | **{r['overhead_ratio']:.3f}** | {r['ratio_library']:.3f} |")
+    return out
+
+
+def frame_path(table):
+    out = ["| Frame path | ns per frame | 2048-byte memcpy, ns | Ratio |", "|---|--:|--:|--:|"]
+    for _, r in find(table, "FrameCallback"):
+        out.append(f"| unpack and queue (cb_bulkdata) | {fmt(r['ns_per_frame'], 0)} | {fmt(r['memcpy_ns'], 0)} "
+                   f"| **{r['x_memcpy']:.1f}** |")
+    return out
+
+
+def continuous(table):
+    out = ["| Continuous acquisition | Frames/s delivered | Frames/s sent | Delivered / sent "
+           "| Library CPU µs per frame (event loop + caller) | Emulator CPU µs per frame |",
+           "|---|--:|--:|--:|--:|--:|"]
+    for name, r in find(table, "ContinuousAcquisition"):
+        out.append(f"| {name.split('/')[1]} frames per window | {fmt(r['delivered_fps'], 0)} | {fmt(r['sent_fps'], 0)} "
+                   f"| **{r['delivered_per_sent']:.3f}** | {fmt(r['lib_cpu_us_per_frame'])} "
+                   f"({fmt(r['loop_cpu_us_per_frame'])} + {fmt(r['caller_cpu_us_per_frame'])}) "
+                   f"| {fmt(r['emulator_cpu_us_per_frame'])} |")
+    return out
+
+
+def auto_exposure(table):
+    out = ["| Auto-exposure scene | Counts per shutter step, brightest filter | Acquisitions | Shutter speed "
+           "| Brightest filter there, DN | Pauses on a sensor, s |",
+           "|---|--:|--:|--:|--:|--:|"]
+    for name, r in find(table, "AutoExposure"):
+        out.append(f"| {name.split('/')[1]} | {r['peak_counts_per_step']:g} | **{r['acquisitions']:g}** "
+                   f"| **{r['shutter_speed']:g}** | {fmt(r['peak_dn'], 0)} | {fmt(r['pauses_s'])} |")
+    return out
+
+
+def machine(results, medians):
+    ctx = results["context"]
+    load = ", ".join(f"{x:.2f}" for x in ctx.get("load_avg", []))
+    try:
+        top = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+        commit = subprocess.run(["git", "-C", top, "describe", "--always", "--dirty"], capture_output=True,
+                                text=True, check=True).stdout.strip()
+    except (OSError, subprocess.CalledProcessError):
+        commit = "unknown"
+    with open("/proc/loadavg") as f:
+        load_now = ", ".join(f.read().split()[:3])
+    runs = "medians of the repetitions" if medians else "one run"
+    return (f"Measured {ctx['date']} on {ctx['host_name']}: nproc {len(os.sched_getaffinity(0))}, "
+            f"{ctx['mhz_per_cpu']} MHz; load average (1, 5, 15 min) {load} when the run began, {load_now} "
+            f"when it ended; commit {commit}; {runs}.")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("results")
+    parser.add_argument("--update-doc", metavar="MARKDOWN")
+    args = parser.parse_args()
+    with open(args.results) as f:
+        results = json.load(f)
+    failed = [r for r in results["benchmarks"] if r.get("error_occurred")]
+    for r in failed:
+        print(f"orb_bench: {r['name']}: {r.get('error_message', 'failed')}", file=sys.stderr)
+    table, medians = rows(results)
+    parts = [machine(results, medians)]
+    for section in (entry_points, frame_path, continuous, auto_exposure):
+        lines = section(table)
+        if len(lines) > 2:
+            parts.append("\n".join(lines))
+    text = "\n\n".join(parts)
+    print(text)
+
+    if failed:
+        sys.exit(1)
+    if args.update_doc:
+        with open(args.update_doc) as f:
+            doc = f.read()
+        pattern = re.compile(re.escape(BEGIN) + ".*?" + re.escape(END), re.S)
+        if not pattern.search(doc):
+            sys.exit(f"summarize.py: no {BEGIN} ... {END} in {args.update_doc}")
+        doc = pattern.sub(lambda _: f"{BEGIN}\n{text}\n{END}", doc)
+        with open(args.update_doc, "w") as f:
+            f.write(doc)
+
+
+if __name__ == "__main__":
+    main()
