@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every test: once in the normal
 # build, once under AddressSanitizer with UndefinedBehaviorSanitizer (any
-# finding, leaks included, fails the run), and once more under
-# ThreadSanitizer, since the frame path shares state between the caller and
-# the USB event-loop thread.
+# finding, leaks included, fails the run), once more under ThreadSanitizer,
+# since the frame path shares state between the caller and the USB
+# event-loop thread, and the tests that talk to the emulated sensor under
+# valgrind memcheck.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/setup.sh"
@@ -35,6 +36,8 @@ cd "$tsan"
 # package's own calls are covered by the normal pass.
 TSAN_OPTIONS="suppressions=$top/sim/tsan.supp halt_on_error=1 second_deadlock_stack=1" \
   ctest -j"$(nproc)" --output-on-failure --timeout 300 -E '^(InstalledTree|Python)\.'
+
+"$top/scripts/valgrind.sh"
 
 # A short run of every fuzz target over its seed corpus.
 "$top/scripts/fuzz.sh" 5
