@@ -37,6 +37,17 @@ int usage(const char* why) {
     return 2;
 }
 
+// The preload must sit in front of libc, so in a host built with
+// AddressSanitizer it comes before the ASan runtime, which then refuses to
+// start although it works behind the preload. Only that check of the library
+// order is turned off (other programs ignore the variable), and a choice the
+// caller made in ASAN_OPTIONS still wins.
+void allow_preload_before_asan() {
+    std::string options = "verify_asan_link_order=0";
+    if (const char* old = std::getenv("ASAN_OPTIONS"); old && *old) options += std::string(":") + old;
+    setenv("ASAN_OPTIONS", options.c_str(), 1);
+}
+
 bool parse_int(const char* text, long lo, long hi, long* out) {
     char* end = nullptr;
     errno = 0;
@@ -91,6 +102,7 @@ int main(int argc, char** argv) {
     std::string preload = "libumockdev-preload.so.0";
     if (const char* old = std::getenv("LD_PRELOAD"); old && *old) preload += std::string(" ") + old;
     setenv("LD_PRELOAD", preload.c_str(), 1);
+    allow_preload_before_asan();
 
     // Like system(): the terminal's interrupt reaches the child, which decides;
     // we stay to tear the testbed down after it.

@@ -44,6 +44,7 @@ struct Urb {
     std::size_t length;
     std::size_t filled = 0;  // bytes already in a held transfer
     bool held = false;
+    bool restore_first_byte = false;  // a reply sent twice, see answer_in()
 
     usbdevfs_urb* fields() const { return reinterpret_cast<usbdevfs_urb*>(urb->data); }
     void release() const {
@@ -172,6 +173,23 @@ bool read_arg(UMockdevIoctlData* arg, T* out) {
     std::memcpy(out, p->data, sizeof(T));
     g_object_unref(p);
     return true;
+}
+
+// umockdev copies a resolved buffer back to the client only when it differs
+// from what it read there, while the kernel writes the whole reply whatever
+// the buffer held. A reply equal to those bytes would stay as libusb's fresh
+// buffer was: right, but uninitialised to memcheck. Such a reply goes back
+// twice: with its first byte inverted when the submission completes, then,
+// read back and put right, at the reap; the client looks only after that.
+void answer_in(Urb& urb, const uint8_t* reply, std::size_t n) {
+    uint8_t* data = urb.buffer->data + 8;
+    urb.restore_first_byte = n > 0 && std::memcmp(data, reply, n) == 0;
+    if (urb.restore_first_byte) data[0] ^= 0xFF;
+    else std::memcpy(data, reply, n);
+}
+
+void restore_answer(Urb& urb) {
+    if (umockdev_ioctl_data_reload(urb.buffer, nullptr)) urb.buffer->data[8] ^= 0xFF;
 }
 
 void complete(UMockdevIoctlClient* client, long result, int error) {
@@ -308,7 +326,7 @@ void Testbed::Impl::submit(Device& d, UMockdevIoctlClient* client, UMockdevIoctl
             finish(d, urb, -EPIPE, 0);
         } else if (in) {
             const std::size_t n = std::min(room, reply.data.size());
-            std::memcpy(urb.buffer->data + 8, reply.data.data(), n);
+            answer_in(urb, reply.data.data(), n);
             finish(d, urb, 0, n);
         } else {
             finish(d, urb, 0, room);
@@ -349,6 +367,7 @@ void Testbed::Impl::reap(Device& d, UMockdevIoctlClient* client, UMockdevIoctlDa
         complete(client, -1, EFAULT);
         return;
     }
+    if (urb.restore_first_byte) restore_answer(urb);
     umockdev_ioctl_data_set_ptr(slot, 0, urb.urb);
     complete(client, 0, 0);
     g_object_unref(slot);
