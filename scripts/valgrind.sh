@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the tests that talk to the emulated sensor through the library under
 # valgrind memcheck, each test case in its own process as ctest runs them,
-# and the C host under orb-emulate. An invalid access, a use of
+# and the example hosts under orb-emulate. An invalid access, a use of
 # uninitialised memory, or memory definitely or indirectly lost that
 # sim/valgrind.supp does not name fails the script; each run's report is
 # kept under <build>/valgrind.
@@ -47,15 +47,16 @@ export -f memcheck
 start=$SECONDS
 failed=0
 tests=(test_api test_auto_exposure test_bringup test_connection_helper test_device_base test_discovery
-       test_facade test_firmware test_frames test_identity test_led test_lusb_compat test_settings)
+       test_facade test_faults test_firmware test_frames test_identity test_led test_lusb_compat test_settings)
 for t in "${tests[@]}"; do
   "$build/tests/$t" --gtest_list_tests | awk -v bin="$build/tests/$t" '/^[^ ]/ {suite = $1} /^  / {print bin, suite $1}'
 done | xargs -P2 -L1 bash -c 'memcheck "$1" 0 valgrind "$0" --gtest_filter="$1"' || failed=1
 
 emulate=$build/sim/orb-emulate
-host=$build/examples/c_host/orb_c_host
-memcheck CHost.OneSensor 0 "$emulate" --sensors 1 --frames counter -- valgrind "$host" || failed=1
-memcheck CHost.NoSensor 1 "$emulate" --sensors 0 -- valgrind "$host" || failed=1
+for host in orb_c_host orb_cpp_host; do
+  memcheck $host.TwoSensors 0 "$emulate" --sensors 2 --frames counter -- valgrind "$build/tests/$host" || failed=1
+  memcheck $host.NoSensor 1 "$emulate" --sensors 0 -- valgrind "$build/tests/$host" || failed=1
+done
 
 cat "$logs"/*.log | awk '
   /ERROR SUMMARY:/ { errors += $4 }
