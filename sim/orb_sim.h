@@ -65,6 +65,9 @@ public:
     // later calls fail with ENODEV, and a "remove" uevent is queued for libusb
     // before this returns, so the next device list no longer has it.
     void unplug(Sensor& sensor);
+    // A bulk transfer of the host's waits on the sensor's endpoint 0x81 for
+    // data (or holds what it got so far).
+    bool bulk_waiting(Sensor& sensor) const;
 
     // The 0483:5740 devices (sensors and LED modules) in the order added.
     std::size_t size() const;

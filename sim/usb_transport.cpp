@@ -661,6 +661,16 @@ void Testbed::unplug(Sensor& sensor) {
     umockdev_testbed_remove_device(t.tb, syspath.c_str());
 }
 
+bool Testbed::bulk_waiting(Sensor& sensor) const {
+    std::lock_guard<std::mutex> lock(impl_->mu);
+    for (const auto& d : impl_->devices) {
+        if (d->sensor.get() != &sensor) continue;
+        for (const Urb& u : d->pending)
+            if (u.type == USBDEVFS_URB_TYPE_BULK) return true;
+    }
+    return false;
+}
+
 std::size_t Testbed::size() const {
     std::lock_guard<std::mutex> lock(impl_->mu);
     return impl_->devices.size();
