@@ -8,4 +8,4 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/setup.sh"
 "$top/scripts/build.sh"
 build=${ORB_BUILD_DIR:-$top/build}
-time "$build/tests/soak/orb_soak" "$@"
+time "$build/soak/orb_soak" "$@"
