@@ -1,13 +1,14 @@
-// orb-emulate: runs any program against emulated sensors.
+// orb-emulate: runs any program against a bench of emulated sensors, which a
+// person, a script or a test drives from outside while the program runs.
 //
-//   orb-emulate --sensors N [--led] [--frames light|counter|constant=V]
-//               [--frame-period-us P] -- COMMAND [ARGS...]
-//
-// The testbed lives in this process; the child reaches it through umockdev's
-// preload (LD_PRELOAD) and UMOCKDEV_DIR, so its own, unmodified libusb-1.0
-// finds the sensors. The exit status is the child's (128 + signal if it was
-// killed). Nothing is printed on standard output: that belongs to the child.
+// The testbed lives in this process; the command and every process it starts
+// reach it through umockdev's preload (LD_PRELOAD) and UMOCKDEV_DIR, so their
+// own, unmodified libusb-1.0 finds the sensors, and the sensors keep their
+// state from one process to the next. The exit status is the command's (128 +
+// signal if it was killed). Nothing is printed on standard output: that
+// belongs to the command.
 
+#include <limits.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,11 +17,40 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <memory>
 #include <string>
 
+#include "bench_control.h"
+#include "bench_script.h"
+#include "control_socket.h"
 #include "orb_sim.h"
 
 namespace {
+
+constexpr const char* kControlEnv = "ORB_EMULATE_CONTROL";
+
+const char kUsage[] =
+    "usage: orb-emulate [OPTIONS] -- COMMAND [ARGS...]\n"
+    "       orb-emulate ctl [SOCKET] BENCH-COMMAND...\n"
+    "\n"
+    "Runs COMMAND against emulated spectral sensors (0483:5740) that any libusb-1.0\n"
+    "program finds, and serves a control socket that changes them while it runs.\n"
+    "\n"
+    "options:\n"
+    "  --sensors N             emulated sensors on bus 1 (default 1, at most 80)\n"
+    "  --led                   an LED module after them\n"
+    "  --frames KIND           light (default), counter or constant=V (0..4095)\n"
+    "  --frame-period-us P     at least P microseconds from one frame to the next\n"
+    "  --seed S                seed of the scenes' noise (default 1)\n"
+    "  --control PATH          the control socket (default: one in the bench's own\n"
+    "                          directory); COMMAND finds it in $ORB_EMULATE_CONTROL\n"
+    "  --script FILE           timed bench commands, one per line: at 2.5s unplug 0\n"
+    "  --help                  this text\n"
+    "\n"
+    "ctl sends one bench command to SOCKET (default $ORB_EMULATE_CONTROL) and prints\n"
+    "the answer; it exits 0 on ok, 1 on error, 2 when the bench cannot be reached.\n"
+    "\n";
 
 pid_t g_child = 0;
 
@@ -28,12 +58,8 @@ void forward(int sig) {
     if (g_child > 0) kill(g_child, sig);
 }
 
-int usage(const char* why) {
-    std::fprintf(stderr,
-                 "orb-emulate: %s\n"
-                 "usage: orb-emulate --sensors N [--led] [--frames light|counter|constant=V]\n"
-                 "                   [--frame-period-us P] -- COMMAND [ARGS...]\n",
-                 why);
+int usage(const std::string& why) {
+    std::fprintf(stderr, "orb-emulate: %s (see orb-emulate --help)\n", why.c_str());
     return 2;
 }
 
@@ -48,64 +74,110 @@ void allow_preload_before_asan() {
     setenv("ASAN_OPTIONS", options.c_str(), 1);
 }
 
-bool parse_int(const char* text, long lo, long hi, long* out) {
-    char* end = nullptr;
-    errno = 0;
-    long v = std::strtol(text, &end, 10);
-    if (errno || end == text || *end || v < lo || v > hi) return false;
-    *out = v;
-    return true;
+// The library that refuses a barred device node to root as well: beside this
+// program in a build tree, in ../lib once installed.
+std::string node_access_library() {
+    char self[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0) return "";
+    self[n] = 0;
+    std::string dir(self);
+    dir.erase(dir.rfind('/'));
+    for (const std::string& candidate : {dir + "/liborbsim-access.so", dir + "/../lib/liborbsim-access.so"})
+        if (access(candidate.c_str(), R_OK) == 0) return candidate;
+    return "";
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    long sensors = 1, period_us = 0;
-    bool led = false;
-    orbsim::FrameGenerator frames = orbsim::light_frames();
-    int i = 1;
-    for (; i < argc && std::strcmp(argv[i], "--") != 0; i++) {
-        const std::string a = argv[i];
-        const char* next = i + 1 < argc ? argv[i + 1] : "";
-        if (a == "--sensors") {
-            if (!parse_int(next, 0, 80, &sensors)) return usage("--sensors wants a count from 0 to 80");
-            i++;
-        } else if (a == "--led") {
-            led = true;
-        } else if (a == "--frame-period-us") {
-            if (!parse_int(next, 0, 10000000, &period_us)) return usage("--frame-period-us wants microseconds");
-            i++;
-        } else if (a == "--frames") {
-            const std::string kind = next;
-            long v = 0;
-            if (kind == "light") frames = orbsim::light_frames();
-            else if (kind == "counter") frames = orbsim::counter_frames();
-            else if (kind.rfind("constant=", 0) == 0 && parse_int(kind.c_str() + 9, 0, 4095, &v))
-                frames = orbsim::constant_frames(static_cast<uint16_t>(v));
-            else return usage("--frames wants light, counter or constant=0..4095");
-            i++;
-        } else {
-            return usage(("unknown option " + a).c_str());
-        }
-    }
-    if (i + 1 >= argc) return usage("no command given after --");
-    char** command = argv + i + 1;
-
-    orbsim::Testbed testbed;
-    for (long n = 0; n < sensors; n++) {
-        orbsim::Sensor& s = testbed.add_sensor();
-        s.set_frame_generator(frames);
-        s.set_frame_period(std::chrono::microseconds(period_us));
-    }
-    if (led) testbed.add_led_module();
-
+void preload_for_the_command() {
     std::string preload = "libumockdev-preload.so.0";
+    if (const std::string access_lib = node_access_library(); !access_lib.empty())
+        preload = access_lib + " " + preload;
     if (const char* old = std::getenv("LD_PRELOAD"); old && *old) preload += std::string(" ") + old;
     setenv("LD_PRELOAD", preload.c_str(), 1);
     allow_preload_before_asan();
+}
 
-    // Like system(): the terminal's interrupt reaches the child, which decides;
-    // we stay to tear the testbed down after it.
+int ctl(int argc, char** argv) {
+    int first = 0;
+    std::string path;
+    // A socket is named by a path; anything else is the command's first word.
+    if (argc > 0 && (std::strchr(argv[0], '/') || access(argv[0], F_OK) == 0)) {
+        path = argv[0];
+        first = 1;
+    } else if (const char* env = std::getenv(kControlEnv)) {
+        path = env;
+    }
+    if (path.empty()) return usage("ctl: no socket given and ORB_EMULATE_CONTROL is not set");
+    if (first >= argc) return usage("ctl: no bench command given");
+    std::string line;
+    for (int i = first; i < argc; i++) line += (i > first ? " " : "") + std::string(argv[i]);
+    std::string answer, why;
+    if (!orbsim::send_command(path, line, &answer, &why)) {
+        std::fprintf(stderr, "orb-emulate ctl: %s\n", why.c_str());
+        return 2;
+    }
+    std::fputs(answer.c_str(), stdout);
+    return orbsim::BenchControl::succeeded(answer) ? 0 : 1;
+}
+
+struct Options {
+    long sensors = 1, period_us = 0, seed = 1;
+    bool led = false;
+    orbsim::FrameGenerator frames = orbsim::light_frames();
+    std::string control, script;
+    std::vector<orbsim::TimedCommand> timed;
+};
+
+// Reads the options up to "--"; returns the index of the command, or -1
+// after printing why on standard error.
+int parse_options(int argc, char** argv, Options* o) {
+    int i = 1;
+    for (; i < argc && std::strcmp(argv[i], "--") != 0; i++) {
+        const std::string a = argv[i];
+        const bool has_value = i + 1 < argc;
+        const std::string next = has_value ? argv[i + 1] : "";
+        const auto value = [&](long lo, long hi, long* out, const char* what) {
+            if (!orbsim::parse_long(next, lo, hi, out)) return usage(a + " wants " + what), false;
+            i++;
+            return true;
+        };
+        if (a == "--sensors") {
+            if (!value(0, 80, &o->sensors, "a count from 0 to 80")) return -1;
+        } else if (a == "--led") {
+            o->led = true;
+        } else if (a == "--frame-period-us") {
+            if (!value(0, 10000000, &o->period_us, "microseconds from 0 to 10000000")) return -1;
+        } else if (a == "--seed") {
+            if (!value(0, LONG_MAX, &o->seed, "a whole number from 0")) return -1;
+        } else if (a == "--frames") {
+            if (!orbsim::parse_frames(next, &o->frames))
+                return usage("--frames wants light, counter or constant=0..4095"), -1;
+            i++;
+        } else if (a == "--control" || a == "--script") {
+            if (!has_value || next.empty()) return usage(a + " wants a path"), -1;
+            (a == "--control" ? o->control : o->script) = next;
+            i++;
+        } else {
+            return usage("unknown option " + a), -1;
+        }
+    }
+    if (i + 1 >= argc) return usage("no command given after --"), -1;
+    if (!o->script.empty()) {
+        std::ifstream in(o->script);
+        std::string why;
+        if (!in) return usage("cannot read the script " + o->script), -1;
+        if (!orbsim::parse_script(in, &o->timed, &why)) return usage(o->script + ": " + why), -1;
+        for (const auto& c : o->timed)
+            if (!orbsim::BenchControl::is_command(orbsim::split_words(c.command)[0]))
+                return usage(o->script + ": line " + std::to_string(c.line) + ": unknown command '" + c.command + "'"),
+                       -1;
+    }
+    return i + 1;
+}
+
+int run_command(char** command, const std::string& control) {
+    // Like system(): the terminal's interrupt reaches the command, which
+    // decides; we stay to tear the bench down after it.
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
     g_child = fork();
@@ -114,6 +186,9 @@ int main(int argc, char** argv) {
         return 127;
     }
     if (g_child == 0) {
+        // Set here, where no other thread can read the environment meanwhile.
+        setenv(kControlEnv, control.c_str(), 1);
+        preload_for_the_command();
         signal(SIGINT, SIG_DFL);
         signal(SIGQUIT, SIG_DFL);
         execvp(command[0], command);
@@ -127,4 +202,46 @@ int main(int argc, char** argv) {
     }
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
     return WEXITSTATUS(status);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], "ctl") == 0) return ctl(argc - 2, argv + 2);
+    if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        std::fputs(kUsage, stdout);
+        std::fputs(orbsim::BenchControl::usage(), stdout);
+        return 0;
+    }
+    Options o;
+    const int first = parse_options(argc, argv, &o);
+    if (first < 0) return 2;
+
+    orbsim::Testbed testbed;
+    for (long n = 0; n < o.sensors; n++) {
+        orbsim::Sensor& s = testbed.add_sensor();
+        s.set_frame_generator(o.frames);
+        s.set_frame_period(std::chrono::microseconds(o.period_us));
+    }
+    if (o.led) testbed.add_led_module();
+
+    orbsim::BenchControl bench(testbed, static_cast<uint64_t>(o.seed));
+    const auto run = [&bench](const std::string& line) { return bench.run(line); };
+    if (o.control.empty()) o.control = testbed.root_dir() + "/control";
+    std::unique_ptr<orbsim::ControlServer> server;
+    try {
+        server = std::make_unique<orbsim::ControlServer>(o.control, run);
+    } catch (const std::exception& e) {
+        return usage(e.what());
+    }
+
+    std::unique_ptr<orbsim::ScriptRunner> script;
+    if (!o.timed.empty())
+        script = std::make_unique<orbsim::ScriptRunner>(
+            o.timed, run, [&o](const orbsim::TimedCommand& c, const std::string& answer) {
+                if (!orbsim::BenchControl::succeeded(answer))
+                    std::fprintf(stderr, "orb-emulate: %s line %d (%s): %s\n", o.script.c_str(), c.line,
+                                 c.command.c_str(), answer.substr(answer.rfind("error:")).c_str());
+            });
+    return run_command(argv + first, o.control);
 }

@@ -11,6 +11,7 @@
 // and add every device before the first libusb_init, and destroy it (if at
 // all) after libusb_exit.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -25,14 +26,16 @@ namespace orbsim {
 class Sensor : public SensorModel {
 public:
     int bus() const { return bus_; }
+    // Where it is now: a replug gives it a new address.
     int address() const { return address_; }
 
 private:
     friend class Testbed;
+    void move_to(int address) { address_ = address; }
     Sensor(Kind kind, std::array<uint8_t, 5> identity, int bus, int address)
         : SensorModel(kind, identity), bus_(bus), address_(address) {}
     const int bus_;
-    const int address_;
+    std::atomic<int> address_;
 };
 
 // The emulated USB buses. Exactly one may exist per process.
@@ -65,6 +68,13 @@ public:
     // later calls fail with ENODEV, and a "remove" uevent is queued for libusb
     // before this returns, so the next device list no longer has it.
     void unplug(Sensor& sensor);
+    // Unplugs the sensor if it is plugged, then brings it back where it was,
+    // as a new device at the bus's next free address: registers at their
+    // power-on values, streaming off, firmware faults gone (a refused open
+    // stays: it belongs to the host's permissions). An "add" uevent reaches
+    // libusb before this returns.
+    void replug(Sensor& sensor);
+    bool plugged(const Sensor& sensor) const;
     // A bulk transfer of the host's waits on the sensor's endpoint 0x81 for
     // data (or holds what it got so far).
     bool bulk_waiting(Sensor& sensor) const;

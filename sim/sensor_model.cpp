@@ -191,18 +191,44 @@ void SensorModel::stall_bulk() {
     changed();
 }
 
+void SensorModel::hang() {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        hung_ = true;
+    }
+    changed();
+}
+
 void SensorModel::clear_faults() {
     {
         std::lock_guard<std::mutex> lock(mu_);
-        wrong_echo_.clear();
-        stalled_.clear();
-        silent_.clear();
-        refuse_claim_ = false;
-        bulk_halted_ = false;
-        short_frame_armed_ = false;
-        trickle_armed_ = false;
+        clear_faults_locked();
     }
     changed();
+}
+
+void SensorModel::power_on() {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        clear_faults_locked();
+        regs_.fill(0);
+        led_state_ = 0;
+        streaming_ = false;
+        carry_.clear();
+        frame_number_ = 0;
+    }
+    changed();
+}
+
+void SensorModel::clear_faults_locked() {
+    wrong_echo_.clear();
+    stalled_.clear();
+    silent_.clear();
+    refuse_claim_ = false;
+    bulk_halted_ = false;
+    short_frame_armed_ = false;
+    trickle_armed_ = false;
+    hung_ = false;
 }
 
 void SensorModel::set_frame_generator(FrameGenerator generator) {
@@ -242,6 +268,10 @@ ControlReply SensorModel::handle_control(const ControlRequest& setup, const std:
 
 ControlReply SensorModel::answer(const ControlRequest& setup) {
     ControlReply reply;
+    if (hung_) {
+        reply.outcome = ControlReply::NoReply;
+        return reply;
+    }
     if (stalled_.count(setup.bRequest)) {
         reply.outcome = ControlReply::Stall;
         return reply;
@@ -325,10 +355,13 @@ BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
         reply.outcome = BulkReply::Stall;
         return reply;
     }
+    if (hung_) return reply;
     if (carry_.empty()) {
         if (!streaming_ || kind_ == Kind::LedModule || now < next_due_) return reply;
         std::array<uint16_t, kFilters> values{};
-        generator_(FrameInfo{++frame_number_, static_cast<uint16_t>(regs_[37] << 8 | regs_[5])}, values);
+        generator_(FrameInfo{++frame_number_, static_cast<uint16_t>(regs_[37] << 8 | regs_[5]),
+                             std::chrono::duration<double>(now - created_).count()},
+                   values);
         carry_ = encode_frame(values);
         if (short_frame_armed_ && (short_frame_number_ == 0 || short_frame_number_ == frame_number_)) {
             carry_.resize(std::min(carry_.size(), short_frame_bytes_));
@@ -351,6 +384,7 @@ BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
 
 SensorModel::Clock::time_point SensorModel::next_bulk_due(Clock::time_point now) const {
     std::lock_guard<std::mutex> lock(mu_);
+    if (hung_) return Clock::time_point::max();
     if (bulk_halted_ || !carry_.empty()) return now;
     if (!streaming_ || kind_ == Kind::LedModule) return Clock::time_point::max();
     return next_due_;

@@ -71,6 +71,10 @@ struct BulkReply {
 struct FrameInfo {
     uint32_t number;   // 1 for the first frame after streaming (re)started
     uint16_t shutter;  // (reg 37 << 8) | reg 5 when the frame was taken
+    // When the frame's exposure ended, in seconds since the sensor was
+    // created. Not reset when streaming restarts, so a light that changes
+    // over time keeps changing across acquisitions.
+    double seconds = 0;
 };
 // Fills the 1024 filter values of one frame; values above 4095 are clamped
 // on the wire. Runs under the sensor's lock: it must not call the sensor.
@@ -131,7 +135,14 @@ public:
     void short_frame(std::size_t bytes, uint32_t number = 0);
     void stall_bulk();                                  // 0x81 halts until a clear-halt
     void trickle(std::size_t bytes);                    // the next bulk transfer gets `bytes`, then hangs
+    // The firmware hangs: no control request is answered and no frame sent.
+    void hang();
     void clear_faults();
+
+    // What a power cycle (a replug) does: registers, LED state, the stream
+    // and the firmware's faults back to their power-on state. The identity,
+    // the frame generator and the log stay.
+    void power_on();
 
     // Streaming. The default is light_frames() as fast as the host reads.
     void set_frame_generator(FrameGenerator generator);
@@ -163,6 +174,7 @@ public:
 
 private:
     ControlReply answer(const ControlRequest& setup);
+    void clear_faults_locked();
     void changed();
 
     const Kind kind_;
@@ -183,6 +195,7 @@ private:
     bool short_frame_armed_ = false;
     std::size_t trickle_bytes_ = 0;
     bool trickle_armed_ = false;
+    bool hung_ = false;
 
     bool streaming_ = false;
     FrameGenerator generator_;
@@ -190,6 +203,7 @@ private:
     Clock::time_point next_due_{};
     uint32_t frame_number_ = 0;
     uint64_t frames_sent_ = 0;
+    const Clock::time_point created_ = Clock::now();  // the origin of FrameInfo::seconds
     std::vector<uint8_t> carry_;  // rest of a frame that did not fit the last transfer
 
     std::function<void()> notify_;

@@ -96,17 +96,34 @@ const std::vector<uint8_t> kHubConfig = {9, 2, 25, 0, 1, 1, 0, 0xE0, 0,
 
 }  // namespace
 
+// One appearance of a sensor on the bus, from plug to unplug. A replug is a
+// new appearance with its own address and node; an old one keeps answering
+// ENODEV to the hosts that still hold it open.
 struct Device {
     Testbed::Impl* testbed;
-    std::unique_ptr<Sensor> sensor;
+    Sensor* sensor;
+    int address = 0;
     std::string syspath;  // /sys/devices/...
+    std::string node;     // /dev/bus/usb/BBB/AAA
     std::string fifo;     // the device node as a file in the testbed
     int fifo_fd = -1;
     bool fifo_full = false;
     UMockdevIoctlBase* handler = nullptr;
+    bool handler_attached = false;
     std::list<Urb> pending;  // submitted, not finished, in submission order
     std::list<Urb> done;     // finished, waiting to be reaped
     bool unplugged = false;
+};
+
+// An emulated 0483:5740 device across its appearances: it keeps its sysfs
+// place (its port), so it comes back where it was, at a new address.
+struct Slot {
+    std::unique_ptr<Sensor> sensor;
+    SensorModel::Kind kind;
+    int bus;
+    std::string parent, name;
+    bool open_refused = false;
+    Device* current = nullptr;  // the latest appearance; unplugged or not
 };
 
 struct Testbed::Impl {
@@ -118,13 +135,15 @@ struct Testbed::Impl {
     // waits on us.
     std::mutex add_mu;
     std::map<int, std::set<int>> addresses;  // in use, per bus
+    std::map<int, int> last_address;         // per bus, the one given last
     std::map<int, int> next_port;            // per bus, counting down
     int sensors_made = 0;
 
-    // Guards `devices` and every Device's URB lists, FIFO and unplugged flag.
-    // Taken before a sensor's own lock, never after it.
+    // Guards `slots`, `devices` and every Device's URB lists, FIFO and
+    // unplugged flag. Taken before a sensor's own lock, never after it.
     std::mutex mu;
-    std::vector<std::unique_ptr<Device>> devices;  // the 0483:5740 ones, in order added
+    std::vector<std::unique_ptr<Slot>> slots;      // the 0483:5740 devices, in order added
+    std::vector<std::unique_ptr<Device>> devices;  // every appearance of them, in order
 
     // The frame ticker: completes bulk URBs whose frames come due later than
     // their submission. Waits on a condition variable, never on usleep, which
@@ -149,6 +168,13 @@ struct Testbed::Impl {
         std::string parent, name;
     };
     Place place(int bus, int address);
+    // The address a replugged device gets: like the kernel, the next free
+    // one after the last one given, wrapping from 127 to 2.
+    int fresh_address(int bus) const;
+    // Puts the slot's sensor on the bus at `address` as a new appearance.
+    void plug(Slot& slot, int address);
+    void unplug(Slot& slot);
+    Slot& slot_of(const Sensor& sensor);
     std::string add_usb_device(int bus, int address, const std::string& parent, const std::string& name,
                                const UsbIdentity& id, const std::string& serial);
 
@@ -502,6 +528,7 @@ Testbed::Impl::Place Testbed::Impl::place(int bus, int address) {
     // the order they were added; two digits keep udev's string order numeric.
     if (next_port[bus] < 10) throw std::length_error("orbsim: at most 90 devices per bus");
     used.insert(address);
+    last_address[bus] = std::max(last_address[bus], address);
     return Place{address, std::string(controller) + "/" + hub, std::to_string(bus) + "-" + std::to_string(next_port[bus]--)};
 }
 
@@ -571,25 +598,43 @@ Sensor& Testbed::add(SensorModel::Kind kind, int bus, int address) {
     Impl& t = *impl_;
     std::lock_guard<std::mutex> adding(t.add_mu);
     const Impl::Place where = t.place(bus, address);
-    address = where.address;
 
-    const bool led = kind == SensorModel::Kind::LedModule;
     std::array<uint8_t, 5> identity{};
-    if (!led) {
+    if (kind == SensorModel::Kind::Sensor) {
         // C1234-7-x-33-1 with the die's x coordinate counting up from 20.
         const int x = (20 + t.sensors_made++) % 128;
         identity = {0x10, 0x9A, 0x47, static_cast<uint8_t>(x << 1), 0x85};
     }
+    auto slot = std::make_unique<Slot>();
+    slot->sensor.reset(new Sensor(kind, identity, bus, where.address));
+    slot->kind = kind;
+    slot->bus = bus;
+    slot->parent = where.parent;
+    slot->name = where.name;
+    Slot& s = *slot;
+    s.sensor->on_bulk_change([&t] { t.poke(); });
+    {
+        std::lock_guard<std::mutex> lock(t.mu);
+        t.slots.push_back(std::move(slot));
+    }
+    t.plug(s, where.address);
+    return *s.sensor;
+}
+
+void Testbed::Impl::plug(Slot& slot, int address) {
+    const bool led = slot.kind == SensorModel::Kind::LedModule;
+    const int bus = slot.bus;
     auto d = std::make_unique<Device>();
-    d->testbed = &t;
-    d->sensor.reset(new Sensor(kind, identity, bus, address));
+    d->testbed = this;
+    d->sensor = slot.sensor.get();
+    d->address = address;
 
     char node[32], serial[16];
     std::snprintf(node, sizeof node, "/dev/bus/usb/%03d/%03d", bus, address);
     std::snprintf(serial, sizeof serial, "ORB%03d%03d", bus, address);
     const UsbIdentity id{kVendorId, kProductId, 0x0200, 0, kBulkConfig, "orbsim",
                          led ? "Emulated LED module" : "Emulated spectral sensor"};
-    Sensor& s = *d->sensor;
+    Sensor& s = *slot.sensor;
     s.set_descriptor(1, 0, device_descriptor(id));
     s.set_descriptor(2, 0, kBulkConfig);
     s.set_descriptor(3, 0, {4, 3, 0x09, 0x04});
@@ -597,32 +642,78 @@ Sensor& Testbed::add(SensorModel::Kind kind, int bus, int address) {
     s.set_descriptor(3, 2, string_descriptor(id.product));
     s.set_descriptor(3, 3, string_descriptor(serial));
 
-    // The handler must be in place before the device appears.
+    // An earlier appearance at this address (the addresses wrapped) gives
+    // its node up; the handler must be in place before the device appears.
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        for (auto& old : devices) {
+            if (old->unplugged && old->handler_attached && old->node == node) {
+                umockdev_testbed_detach_ioctl(tb, node, nullptr);
+                old->handler_attached = false;
+            }
+        }
+    }
+    d->node = node;
     d->handler = umockdev_ioctl_base_new();
     g_signal_connect(d->handler, "handle-ioctl", G_CALLBACK(on_ioctl), d.get());
     g_signal_connect(d->handler, "client-connected", G_CALLBACK(on_open), d.get());
     g_signal_connect(d->handler, "client-vanished", G_CALLBACK(on_close), d.get());
     GError* error = nullptr;
-    if (!umockdev_testbed_attach_ioctl(t.tb, node, d->handler, &error)) {
+    if (!umockdev_testbed_attach_ioctl(tb, node, d->handler, &error)) {
         std::string why = error ? error->message : "unknown error";
         g_clear_error(&error);
         g_object_unref(d->handler);
         throw std::runtime_error(std::string("orbsim: cannot emulate ") + node + ": " + why);
     }
-    d->syspath = t.add_usb_device(bus, address, where.parent, where.name, id, serial);
+    d->handler_attached = true;
+    d->syspath = add_usb_device(bus, address, slot.parent, slot.name, id, serial);
 
-    d->fifo = t.root + node;
+    d->fifo = root + node;
     if (unlink(d->fifo.c_str()) != 0 || mkfifo(d->fifo.c_str(), 0666) != 0 ||
         (d->fifo_fd = open(d->fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) < 0)
         throw std::runtime_error("orbsim: cannot make the device node " + d->fifo + ": " + std::strerror(errno));
-    chmod(d->fifo.c_str(), 0666);  // mkfifo's mode went through the umask
+    chmod(d->fifo.c_str(), slot.open_refused ? 0 : 0666);  // mkfifo's mode went through the umask
     fcntl(d->fifo_fd, F_SETPIPE_SZ, 4096);
-    t.sync_fifo(*d);
+    sync_fifo(*d);
 
-    s.on_bulk_change([&t] { t.poke(); });
-    std::lock_guard<std::mutex> lock(t.mu);
-    t.devices.push_back(std::move(d));
-    return s;
+    std::lock_guard<std::mutex> lock(mu);
+    slot.current = d.get();
+    s.move_to(address);
+    devices.push_back(std::move(d));
+}
+
+void Testbed::Impl::unplug(Slot& slot) {
+    std::string syspath;
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        Device* d = slot.current;
+        if (!d || d->unplugged) return;
+        d->unplugged = true;
+        for (const Urb& u : d->pending) finish(*d, u, -ESHUTDOWN, 0);
+        d->pending.clear();
+        sync_fifo(*d);
+        syspath = d->syspath;
+        addresses[slot.bus].erase(d->address);
+    }
+    umockdev_testbed_uevent(tb, syspath.c_str(), "remove");
+    umockdev_testbed_remove_device(tb, syspath.c_str());
+}
+
+int Testbed::Impl::fresh_address(int bus) const {
+    const std::set<int>& used = addresses.at(bus);
+    const int last = last_address.at(bus);
+    for (int step = 1; step <= 126; step++) {
+        const int a = 2 + (last - 2 + step) % 126;
+        if (!used.count(a)) return a;
+    }
+    throw std::length_error("orbsim: no free address on bus " + std::to_string(bus));
+}
+
+Slot& Testbed::Impl::slot_of(const Sensor& sensor) {
+    std::lock_guard<std::mutex> lock(mu);
+    for (auto& s : slots)
+        if (s->sensor.get() == &sensor) return *s;
+    throw std::invalid_argument("orbsim: not a sensor of this testbed");
 }
 
 void Testbed::add_other_device(uint16_t vid, uint16_t pid, int bus, int address) {
@@ -636,49 +727,52 @@ void Testbed::add_other_device(uint16_t vid, uint16_t pid, int bus, int address)
 }
 
 void Testbed::refuse_open(Sensor& sensor, bool refused) {
+    Slot& slot = impl_->slot_of(sensor);
     std::lock_guard<std::mutex> lock(impl_->mu);
-    for (auto& d : impl_->devices)
-        if (d->sensor.get() == &sensor) chmod(d->fifo.c_str(), refused ? 0 : 0666);
+    slot.open_refused = refused;
+    chmod(slot.current->fifo.c_str(), refused ? 0 : 0666);
 }
 
 void Testbed::unplug(Sensor& sensor) {
+    Slot& slot = impl_->slot_of(sensor);
+    std::lock_guard<std::mutex> adding(impl_->add_mu);
+    impl_->unplug(slot);
+}
+
+void Testbed::replug(Sensor& sensor) {
     Impl& t = *impl_;
-    std::string syspath;
-    {
-        std::lock_guard<std::mutex> lock(t.mu);
-        for (auto& d : t.devices) {
-            if (d->sensor.get() != &sensor || d->unplugged) continue;
-            d->unplugged = true;
-            for (const Urb& u : d->pending) t.finish(*d, u, -ESHUTDOWN, 0);
-            d->pending.clear();
-            t.sync_fifo(*d);
-            syspath = d->syspath;
-        }
-    }
-    if (syspath.empty()) return;
+    Slot& slot = t.slot_of(sensor);
     std::lock_guard<std::mutex> adding(t.add_mu);
-    umockdev_testbed_uevent(t.tb, syspath.c_str(), "remove");
-    umockdev_testbed_remove_device(t.tb, syspath.c_str());
+    t.unplug(slot);
+    sensor.power_on();
+    const int address = t.fresh_address(slot.bus);
+    t.addresses[slot.bus].insert(address);
+    t.last_address[slot.bus] = address;
+    t.plug(slot, address);
+}
+
+bool Testbed::plugged(const Sensor& sensor) const {
+    Slot& slot = impl_->slot_of(sensor);
+    std::lock_guard<std::mutex> lock(impl_->mu);
+    return !slot.current->unplugged;
 }
 
 bool Testbed::bulk_waiting(Sensor& sensor) const {
+    Slot& slot = impl_->slot_of(sensor);
     std::lock_guard<std::mutex> lock(impl_->mu);
-    for (const auto& d : impl_->devices) {
-        if (d->sensor.get() != &sensor) continue;
-        for (const Urb& u : d->pending)
-            if (u.type == USBDEVFS_URB_TYPE_BULK) return true;
-    }
+    for (const Urb& u : slot.current->pending)
+        if (u.type == USBDEVFS_URB_TYPE_BULK) return true;
     return false;
 }
 
 std::size_t Testbed::size() const {
     std::lock_guard<std::mutex> lock(impl_->mu);
-    return impl_->devices.size();
+    return impl_->slots.size();
 }
 
 Sensor& Testbed::sensor(std::size_t i) {
     std::lock_guard<std::mutex> lock(impl_->mu);
-    return *impl_->devices.at(i)->sensor;
+    return *impl_->slots.at(i)->sensor;
 }
 
 std::string Testbed::root_dir() const { return impl_->root; }

@@ -1,0 +1,199 @@
+#include "bench_control.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
+
+#include "scenes.h"
+
+namespace orbsim {
+
+namespace {
+
+// Thrown while a command is read; its text becomes the "error:" answer.
+struct Refusal : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+long number(const std::string& word, const char* what, long lo, long hi) {
+    long v = 0;
+    if (!parse_long(word, lo, hi, &v))
+        throw Refusal(std::string(what) + " must be a whole number from " + std::to_string(lo) + " to " +
+                      std::to_string(hi) + ", not '" + word + "'");
+    return v;
+}
+
+void expect_count(const std::vector<std::string>& words, std::size_t lo, std::size_t hi, const char* form) {
+    if (words.size() < lo || words.size() > hi) throw Refusal(std::string("usage: ") + form);
+}
+
+}  // namespace
+
+bool parse_long(const std::string& text, long lo, long hi, long* out) {
+    char* end = nullptr;
+    errno = 0;
+    const long v = std::strtol(text.c_str(), &end, 10);
+    if (errno || text.empty() || *end || v < lo || v > hi) return false;
+    *out = v;
+    return true;
+}
+
+bool parse_frames(const std::string& word, FrameGenerator* out) {
+    long v = 0;
+    if (word == "light") *out = light_frames();
+    else if (word == "counter") *out = counter_frames();
+    else if (word.rfind("constant=", 0) == 0 && parse_long(word.substr(9), 0, kMaxSample, &v))
+        *out = constant_frames(static_cast<uint16_t>(v));
+    else return false;
+    return true;
+}
+
+std::vector<std::string> split_words(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    for (std::string w; in >> w;) words.push_back(w);
+    return words;
+}
+
+BenchControl::BenchControl(Testbed& testbed, uint64_t seed) : testbed_(testbed), seed_(seed) {}
+
+const char* BenchControl::usage() {
+    return "commands:\n"
+           "  status                      one line per device\n"
+           "  unplug N | replug N         take device N off the bus / bring it back at a new address\n"
+           "  fault N KIND [ARGS]         stall REQ | no-reply REQ | wrong-echo CODE VALUE | refuse-claim |\n"
+           "                              refuse-open | short-frame BYTES [FRAME] | stall-bulk |\n"
+           "                              trickle BYTES | hang\n"
+           "  clear N                     end every fault of device N\n"
+           "  scene N NAME [BRIGHTNESS] [--nm WAVELENGTH] [--flicker HZ] [--depth D] [--drift SECONDS]\n"
+           "                              NAME: dark, halogen, white-led, fluorescent, laser, sun\n"
+           "  frames N light|counter|constant=V\n";
+}
+
+bool BenchControl::is_command(const std::string& verb) {
+    for (const char* v : {"status", "help", "unplug", "replug", "fault", "clear", "scene", "frames"})
+        if (verb == v) return true;
+    return false;
+}
+
+bool BenchControl::succeeded(const std::string& answer) {
+    std::string a = answer;
+    while (!a.empty() && a.back() == '\n') a.pop_back();
+    return a == "ok" || (a.size() > 3 && a.compare(a.size() - 3, 3, "\nok") == 0);
+}
+
+std::string BenchControl::run(const std::string& line) {
+    const std::vector<std::string> words = split_words(line);
+    std::lock_guard<std::mutex> lock(mu_);
+    try {
+        return run_locked(words);
+    } catch (const std::exception& e) {
+        return std::string("error: ") + e.what();
+    }
+}
+
+std::string BenchControl::run_locked(const std::vector<std::string>& words) {
+    if (words.empty()) throw Refusal("empty command");
+    const std::string& verb = words[0];
+    if (verb == "status") {
+        expect_count(words, 1, 1, "status");
+        return status() + "ok";
+    }
+    if (verb == "help") return std::string(usage()) + "ok";
+
+    if (!is_command(verb)) throw Refusal("unknown command '" + verb + "' (try help)");
+    if (words.size() < 2) throw Refusal(verb + " needs a device index");
+    const std::size_t count = testbed_.size();
+    long index = 0;
+    if (!parse_long(words[1], 0, static_cast<long>(count) - 1, &index))
+        throw Refusal("no device '" + words[1] + "': the bench has " + std::to_string(count) +
+                      (count == 1 ? " device" : " devices") + (count ? ", 0 to " + std::to_string(count - 1) : ""));
+    Sensor& sensor = testbed_.sensor(static_cast<std::size_t>(index));
+    const std::vector<std::string> rest(words.begin() + 2, words.end());
+
+    if (verb == "unplug" || verb == "replug" || verb == "clear") {
+        expect_count(rest, 0, 0, (verb + " N").c_str());
+        if (verb == "unplug") {
+            if (!testbed_.plugged(sensor)) throw Refusal("device " + words[1] + " is not plugged in");
+            testbed_.unplug(sensor);
+        } else if (verb == "replug") {
+            testbed_.replug(sensor);
+        } else {
+            sensor.clear_faults();
+            testbed_.refuse_open(sensor, false);
+        }
+        return "ok";
+    }
+    if (verb == "fault") return fault(sensor, rest);
+    return light_source(sensor, static_cast<std::size_t>(index), words);
+}
+
+std::string BenchControl::fault(Sensor& sensor, const std::vector<std::string>& words) {
+    if (words.empty())
+        throw Refusal("fault needs a kind: stall, no-reply, wrong-echo, refuse-claim, refuse-open, short-frame, "
+                      "stall-bulk, trickle or hang");
+    const std::string& kind = words[0];
+    const auto request = [&](std::size_t i) {
+        return static_cast<uint8_t>(number(words[i], "the request code", 0, 255));
+    };
+    if (kind == "stall" || kind == "no-reply") {
+        expect_count(words, 2, 2, ("fault N " + kind + " REQ").c_str());
+        if (kind == "stall") sensor.stall(request(1));
+        else sensor.no_reply(request(1));
+    } else if (kind == "wrong-echo") {
+        expect_count(words, 3, 3, "fault N wrong-echo CODE VALUE");
+        sensor.echo_wrong(request(1), static_cast<uint8_t>(number(words[2], "the echoed value", 0, 255)));
+    } else if (kind == "short-frame") {
+        expect_count(words, 2, 3, "fault N short-frame BYTES [FRAME]");
+        const auto bytes = number(words[1], "the byte count", 0, kFrameBytes - 1);
+        const auto frame = words.size() > 2 ? number(words[2], "the frame number", 1, UINT32_MAX) : 0;
+        sensor.short_frame(static_cast<std::size_t>(bytes), static_cast<uint32_t>(frame));
+    } else if (kind == "trickle") {
+        expect_count(words, 2, 2, "fault N trickle BYTES");
+        sensor.trickle(static_cast<std::size_t>(number(words[1], "the byte count", 0, kFrameBytes)));
+    } else {
+        expect_count(words, 1, 1, ("fault N " + kind).c_str());
+        if (kind == "refuse-claim") sensor.refuse_claim();
+        else if (kind == "refuse-open") testbed_.refuse_open(sensor, true);
+        else if (kind == "stall-bulk") sensor.stall_bulk();
+        else if (kind == "hang") sensor.hang();
+        else throw Refusal("unknown fault '" + kind + "'");
+    }
+    return "ok";
+}
+
+std::string BenchControl::light_source(Sensor& sensor, std::size_t index, const std::vector<std::string>& words) {
+    if (sensor.kind() == SensorModel::Kind::LedModule)
+        throw Refusal("device " + words[1] + " is an LED module: it sends no frames");
+    const std::vector<std::string> rest(words.begin() + 2, words.end());
+    if (words[0] == "frames") {
+        FrameGenerator generator;
+        if (rest.size() != 1 || !parse_frames(rest[0], &generator))
+            throw Refusal("usage: frames N light|counter|constant=V (V from 0 to 4095)");
+        sensor.set_frame_generator(std::move(generator));
+        return "ok";
+    }
+    SceneSettings scene;
+    std::string why;
+    if (!parse_scene(rest, &scene, &why)) throw Refusal(why);
+    sensor.set_frame_generator(scene_frames(scene, seed_ + index));
+    return "ok";
+}
+
+std::string BenchControl::status() {
+    std::string out;
+    for (std::size_t i = 0; i < testbed_.size(); i++) {
+        Sensor& s = testbed_.sensor(i);
+        char line[160];
+        std::snprintf(line, sizeof line, "%zu %03d/%03d %s plugged=%s streaming=%s shutter=%u frames=%llu\n", i,
+                      s.bus(), s.address(), s.kind() == SensorModel::Kind::LedModule ? "led" : "sensor",
+                      testbed_.plugged(s) ? "yes" : "no", s.streaming() ? "yes" : "no", s.shutter(),
+                      static_cast<unsigned long long>(s.frames_sent()));
+        out += line;
+    }
+    return out;
+}
+
+}  // namespace orbsim

@@ -1,0 +1,62 @@
+#ifndef ORB_SIM_BENCH_CONTROL_H
+#define ORB_SIM_BENCH_CONTROL_H
+
+// The bench's command language: one line in, an answer out. The control
+// socket, the timed script and the tests all go through here, so they
+// cannot disagree on what a command means.
+//
+//   unplug N | replug N | clear N | status | help
+//   fault N stall REQ | no-reply REQ | wrong-echo CODE VALUE | refuse-claim |
+//           refuse-open | short-frame BYTES [FRAME] | stall-bulk | trickle BYTES | hang
+//   scene N NAME [BRIGHTNESS] [--nm WAVELENGTH] [--flicker HZ] [--depth D] [--drift SECONDS]
+//   frames N light|counter|constant=V
+//
+// The answer's last line is "ok" or "error: <why>"; status puts one line per
+// device before it.
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "orb_sim.h"
+
+namespace orbsim {
+
+class BenchControl {
+public:
+    // Scenes draw their noise from `seed`, offset by the device index, so
+    // that two sensors in one scene do not show the same noise.
+    BenchControl(Testbed& testbed, uint64_t seed);
+
+    // Commands from several controllers run one at a time, whole.
+    std::string run(const std::string& line);
+
+    static const char* usage();
+    // Whether `verb` starts a command of this language.
+    static bool is_command(const std::string& verb);
+    // Whether an answer ends in "ok".
+    static bool succeeded(const std::string& answer);
+
+private:
+    std::string run_locked(const std::vector<std::string>& words);
+    std::string status();
+    std::string fault(Sensor& sensor, const std::vector<std::string>& words);
+    // `frames` and `scene`: what the sensor's frames show.
+    std::string light_source(Sensor& sensor, std::size_t index, const std::vector<std::string>& words);
+
+    Testbed& testbed_;
+    const uint64_t seed_;
+    std::mutex mu_;
+};
+
+// Splits a line at blanks.
+std::vector<std::string> split_words(const std::string& line);
+// A whole decimal number within lo..hi, nothing else on the text.
+bool parse_long(const std::string& text, long lo, long hi, long* out);
+// light, counter or constant=V (0..4095).
+bool parse_frames(const std::string& word, FrameGenerator* out);
+
+}  // namespace orbsim
+
+#endif
