@@ -114,6 +114,12 @@ def _find_orb_emulate():
                           os.path.join(lib_dir, "orb-emulate")):
             if os.access(candidate, os.X_OK):
                 return os.path.normpath(candidate)
+    # Installed: the package is in PREFIX/lib/python3/dist-packages, the
+    # launcher in PREFIX/bin.
+    package_root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    installed = os.path.join(package_root, "..", "..", "..", "bin", "orb-emulate")
+    if os.access(installed, os.X_OK):
+        return os.path.normpath(installed)
     return shutil.which("orb-emulate")
 
 

@@ -34,6 +34,15 @@ out=$("$emulate" --sensors 1 --frames constant=300 -- "$work/cpp_host/build/orb_
 grep -qxF 'sensor 0 C1234-7-20-33-1: shutter speed 200 (18 ms), 10 frames averaged: min 300.00, mean 300.00, max 300.00' <<<"$out" ||
   { echo "C++ host: $out"; exit 1; }
 
+# The installed launcher and tool work without the source tree: the tool
+# finds the launcher beside itself, the launcher its access library in lib/.
+"$prefix/bin/orb-emulate" --help | grep -q '^usage: orb-emulate'
+out=$(env -u ORB_EMULATE -u ORB_DEVICE_LIBRARY "$prefix/bin/orb-sensor" --emulate 2 list)
+[ "$out" = "$(printf '0 C1234-7-20-33-1\n1 C1234-7-21-33-1')" ] || { echo "orb-sensor --emulate: $out"; exit 1; }
+out=$("$prefix/bin/orb-emulate" --sensors 1 -- sh -c \
+  '"$0/bin/orb-emulate" ctl fault 0 refuse-open >/dev/null; "$0/bin/orb-sensor" list; echo "status $?"' "$prefix")
+grep -qx 'status 1' <<<"$out" || { echo "a refused sensor was opened: $out"; exit 1; }
+
 # The 0.1-style calls have C linkage, except the two writers, whose symbols
 # carry their signatures.
 syms=$(nm -D --defined-only "$libdir/liborb_device.so" | awk '{print $3}')
