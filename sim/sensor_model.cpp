@@ -328,7 +328,9 @@ BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
     if (carry_.empty()) {
         if (!streaming_ || kind_ == Kind::LedModule || now < next_due_) return reply;
         std::array<uint16_t, kFilters> values{};
-        generator_(FrameInfo{++frame_number_, static_cast<uint16_t>(regs_[37] << 8 | regs_[5])}, values);
+        generator_(FrameInfo{++frame_number_, static_cast<uint16_t>(regs_[37] << 8 | regs_[5]),
+                             std::chrono::duration<double>(now - created_).count()},
+                   values);
         carry_ = encode_frame(values);
         if (short_frame_armed_ && (short_frame_number_ == 0 || short_frame_number_ == frame_number_)) {
             carry_.resize(std::min(carry_.size(), short_frame_bytes_));

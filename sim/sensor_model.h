@@ -71,6 +71,10 @@ struct BulkReply {
 struct FrameInfo {
     uint32_t number;   // 1 for the first frame after streaming (re)started
     uint16_t shutter;  // (reg 37 << 8) | reg 5 when the frame was taken
+    // When the frame's exposure ended, in seconds since the sensor was
+    // created. Not reset when streaming restarts, so a light that changes
+    // over time keeps changing across acquisitions.
+    double seconds = 0;
 };
 // Fills the 1024 filter values of one frame; values above 4095 are clamped
 // on the wire. Runs under the sensor's lock: it must not call the sensor.
@@ -190,6 +194,7 @@ private:
     Clock::time_point next_due_{};
     uint32_t frame_number_ = 0;
     uint64_t frames_sent_ = 0;
+    const Clock::time_point created_ = Clock::now();  // the origin of FrameInfo::seconds
     std::vector<uint8_t> carry_;  // rest of a frame that did not fit the last transfer
 
     std::function<void()> notify_;
