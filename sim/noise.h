@@ -58,19 +58,6 @@ public:
         return u * f;
     }
 
-    // Poisson-distributed count by multiplying uniforms (Knuth); its cost
-    // grows with the mean, so it is for small means only.
-    unsigned poisson_small(double mean) {
-        const double limit = std::exp(-mean);
-        unsigned k = 0;
-        double p = uniform();
-        while (p > limit) {
-            k++;
-            p *= uniform();
-        }
-        return k;
-    }
-
 private:
     static uint64_t rotl(uint64_t x, int k) { return (x << k) | (x >> (64 - k)); }
     uint64_t s_[4];

@@ -12,10 +12,6 @@ namespace orbsim {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-// Below this many electrons the Gaussian is a poor stand-in for the Poisson
-// shot noise (it would go negative); above it, one Gaussian carries both
-// noises at the cost of one draw.
-constexpr double kPoissonBelow = 30;
 
 // Each filter's signal per unit of the spectrum's power, in photons: power
 // over photon energy, so x wavelength (in units of 550 nm to keep numbers near 1).
@@ -137,17 +133,16 @@ FrameGenerator scene_frames(const SceneSettings& scene, uint64_t seed) {
     return [rates, noise = Noise(seed)](const FrameInfo& f, std::array<uint16_t, kFilters>& v) mutable {
         const Rates& r = *rates;
         const auto [a, b] = frame_weights(r, f.shutter, f.seconds);
+        // Shot noise (variance = electrons) and read noise in one Gaussian
+        // draw. Where a Poisson count would look different from a Gaussian of
+        // the same variance, below a few dozen electrons, the read noise of
+        // 12 electrons hides it; a Poisson draw there would triple the cost
+        // of a dim frame.
         constexpr double kReadVariance = kReadNoiseDn * kReadNoiseDn;
         for (std::size_t i = 0; i < kFilters; i++) {
-            const double signal = a * r.steady[i] + b * r.drifted[i];  // DN above dark
-            const double electrons = signal * kConversionGain;
-            double dn;
-            if (electrons < kPoissonBelow) {
-                dn = kDarkLevel + noise.poisson_small(electrons) / kConversionGain + kReadNoiseDn * noise.normal();
-            } else {
-                dn = kDarkLevel + signal + std::sqrt(signal / kConversionGain + kReadVariance) * noise.normal();
-            }
-            v[i] = to_sample(dn);
+            const double signal = std::max(0.0, a * r.steady[i] + b * r.drifted[i]);  // DN above dark
+            const double sd = std::sqrt(signal / kConversionGain + kReadVariance);
+            v[i] = to_sample(kDarkLevel + signal + sd * noise.normal());
         }
     };
 }

@@ -6,8 +6,8 @@
 // the noise of a real photodiode array. A model, not a measured sensor.
 //
 // Filter i reads  dark + gain x exposure x (scene . curve i)  in DN, plus shot
-// noise (Poisson in electrons) and read noise (Gaussian), rounded and held to
-// 0..4095. Every scene at brightness 1 is scaled so that its brightest filter
+// noise (variance = the signal in electrons) and read noise, rounded and held
+// to 0..4095. Every scene at brightness 1 is scaled so that its brightest filter
 // just saturates at shutter speed 900 (82 ms); `brightness` scales from there.
 
 #include <array>
@@ -55,7 +55,7 @@ double exposure_ms(uint16_t shutter);
 Spectrum scene_spectrum(const SceneSettings& scene);
 
 // A FrameGenerator (see sensor_model.h) drawing frames of this scene; deterministic for a given
-// seed and the same sequence of FrameInfo. The light it integrates over each exposure ends at
+// seed and the same sequence of FrameInfo. A name that parse_scene would refuse is dark. The light it integrates over each exposure ends at
 // FrameInfo::seconds. Setting it up costs about a millisecond; a frame, O(1024).
 FrameGenerator scene_frames(const SceneSettings& scene, uint64_t seed);
 // The noise-free mean output of each filter (for tests and the plotting script), for the exposure

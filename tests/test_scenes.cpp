@@ -142,8 +142,7 @@ TEST(Scenes, FramesRepeatForASeedOnly) {
 }
 
 // Per filter over many frames: the mean is the model's, the variance is the
-// shot noise of the electrons plus the read noise, in the low-light (Poisson)
-// and the bright (Gaussian) regime alike.
+// shot noise of the electrons plus the read noise, in dim light and bright.
 TEST(Scenes, NoiseIsShotPlusReadNoise) {
     constexpr int kFrames = 400;
     for (const auto& words : {std::vector<std::string>{"halogen"}, std::vector<std::string>{"laser", "0.02"}}) {
