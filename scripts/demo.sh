@@ -16,12 +16,12 @@ for d in /sys/bus/usb/devices/*; do
     plugged=1
   fi
 done
-emulate=()
+bench=()
 if [ "$plugged" = 0 ]; then
-  echo "No sensor plugged in: using two emulated sensors."
-  emulate=(--emulate 2)
+  echo "No sensor plugged in: using two emulated sensors looking at a halogen lamp."
+  bench=("$ORB_EMULATE" --sensors 2 --scene halogen --)
 fi
-sensor=("$top/tools/orb-sensor" "${emulate[@]}")
+sensor=("${bench[@]}" "$top/tools/orb-sensor")
 "${sensor[@]}" list
 "${sensor[@]}" acquire --auto-exposure -n 10 -o frame.csv --plot frame.png
 echo "Wrote $PWD/frame.csv (filter,value) and $PWD/frame.png."

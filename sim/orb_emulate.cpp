@@ -25,6 +25,7 @@
 #include "bench_script.h"
 #include "control_socket.h"
 #include "orb_sim.h"
+#include "scenes.h"
 
 namespace {
 
@@ -41,6 +42,8 @@ const char kUsage[] =
     "  --sensors N             emulated sensors on bus 1 (default 1, at most 80)\n"
     "  --led                   an LED module after them\n"
     "  --frames KIND           light (default), counter or constant=V (0..4095)\n"
+    "  --scene 'NAME [...]'    every sensor looks at a light source, as the scene\n"
+    "                          command below (e.g. --scene 'halogen 0.8 --flicker 100')\n"
     "  --frame-period-us P     at least P microseconds from one frame to the next\n"
     "  --seed S                seed of the scenes' noise (default 1)\n"
     "  --control PATH          the control socket (default: one in the bench's own\n"
@@ -124,6 +127,8 @@ struct Options {
     long sensors = 1, period_us = 0, seed = 1;
     bool led = false;
     orbsim::FrameGenerator frames = orbsim::light_frames();
+    bool scene = false;
+    orbsim::SceneSettings scene_settings;
     std::string control, script;
     std::vector<orbsim::TimedCommand> timed;
 };
@@ -152,6 +157,12 @@ int parse_options(int argc, char** argv, Options* o) {
         } else if (a == "--frames") {
             if (!orbsim::parse_frames(next, &o->frames))
                 return usage("--frames wants light, counter or constant=0..4095"), -1;
+            i++;
+        } else if (a == "--scene") {
+            std::string why;
+            if (!orbsim::parse_scene(orbsim::split_words(next), &o->scene_settings, &why))
+                return usage("--scene: " + why), -1;
+            o->scene = true;
             i++;
         } else if (a == "--control" || a == "--script") {
             if (!has_value || next.empty()) return usage(a + " wants a path"), -1;
@@ -220,7 +231,8 @@ int main(int argc, char** argv) {
     orbsim::Testbed testbed;
     for (long n = 0; n < o.sensors; n++) {
         orbsim::Sensor& s = testbed.add_sensor();
-        s.set_frame_generator(o.frames);
+        s.set_frame_generator(o.scene ? orbsim::scene_frames(o.scene_settings, static_cast<uint64_t>(o.seed + n))
+                                      : o.frames);
         s.set_frame_period(std::chrono::microseconds(o.period_us));
     }
     if (o.led) testbed.add_led_module();

@@ -14,7 +14,7 @@ grep -q '^usage: orb-emulate' "$dir/help" || fail "--help prints no usage"
 printf 'at 1s status\nat soon unplug 0\n' >"$dir/bad_time"
 printf 'at 1s explode 0\n' >"$dir/bad_command"
 for args in "--sensors 81 -- true" "--frames dim -- true" "--bogus -- true" "--sensors 1" \
-            "--seed x -- true" "--script $dir/none -- true" "--script $dir/bad_time -- true" \
+            "--seed x -- true" "--scene candle -- true" "--script $dir/none -- true" "--script $dir/bad_time -- true" \
             "--script $dir/bad_command -- true"; do
   set +e
   # shellcheck disable=SC2086
