@@ -1,7 +1,11 @@
 // orb-emulate: runs any program against emulated sensors.
 //
 //   orb-emulate --sensors N [--led] [--frames light|counter|constant=V]
-//               [--frame-period-us P] -- COMMAND [ARGS...]
+//               [--frame-period-us P] [--timing realistic|fast] -- COMMAND [ARGS...]
+//
+// --timing realistic (the default) paces frames and control transfers as a
+// full-speed sensor on a full-speed bus does; fast answers as soon as the
+// host asks (see sim/README.md).
 //
 // The testbed lives in this process; the child reaches it through umockdev's
 // preload (LD_PRELOAD) and UMOCKDEV_DIR, so its own, unmodified libusb-1.0
@@ -32,7 +36,7 @@ int usage(const char* why) {
     std::fprintf(stderr,
                  "orb-emulate: %s\n"
                  "usage: orb-emulate --sensors N [--led] [--frames light|counter|constant=V]\n"
-                 "                   [--frame-period-us P] -- COMMAND [ARGS...]\n",
+                 "                   [--frame-period-us P] [--timing realistic|fast] -- COMMAND [ARGS...]\n",
                  why);
     return 2;
 }
@@ -62,6 +66,7 @@ bool parse_int(const char* text, long lo, long hi, long* out) {
 int main(int argc, char** argv) {
     long sensors = 1, period_us = 0;
     bool led = false;
+    orbsim::Timing timing = orbsim::Timing::Realistic;
     orbsim::FrameGenerator frames = orbsim::light_frames();
     int i = 1;
     for (; i < argc && std::strcmp(argv[i], "--") != 0; i++) {
@@ -74,6 +79,11 @@ int main(int argc, char** argv) {
             led = true;
         } else if (a == "--frame-period-us") {
             if (!parse_int(next, 0, 10000000, &period_us)) return usage("--frame-period-us wants microseconds");
+            i++;
+        } else if (a == "--timing") {
+            if (std::strcmp(next, "realistic") == 0) timing = orbsim::Timing::Realistic;
+            else if (std::strcmp(next, "fast") == 0) timing = orbsim::Timing::Fast;
+            else return usage("--timing wants realistic or fast");
             i++;
         } else if (a == "--frames") {
             const std::string kind = next;
@@ -96,6 +106,7 @@ int main(int argc, char** argv) {
         orbsim::Sensor& s = testbed.add_sensor();
         s.set_frame_generator(frames);
         s.set_frame_period(std::chrono::microseconds(period_us));
+        s.set_timing(timing);
     }
     if (led) testbed.add_led_module();
 
