@@ -251,7 +251,7 @@ std::chrono::nanoseconds SensorModel::interval_locked(uint16_t shutter) const {
     return std::max({std::chrono::nanoseconds(period_), exposure_time(shutter), kFrameBusTime});
 }
 
-void SensorModel::schedule_next_locked(Clock::time_point now) {
+void SensorModel::schedule_next_locked(Clock::time_point now, Clock::time_point host_ready) {
     next_shutter_ = shutter_locked();
     if (timing_ == Timing::Fast) {
         next_due_ = std::max(next_due_, now) + period_;
@@ -262,7 +262,7 @@ void SensorModel::schedule_next_locked(Clock::time_point now) {
     // A host more than a frame behind starts a fresh schedule: one frame at
     // once, then the sensor's pace, never a burst of the slots it missed.
     const std::chrono::nanoseconds interval = interval_locked(next_shutter_);
-    next_due_ = now - next_due_ > interval ? now + interval : next_due_ + interval;
+    next_due_ = host_ready - next_due_ > interval ? now + interval : next_due_ + interval;
 }
 
 ControlReply SensorModel::handle_control(const ControlRequest& setup, const std::vector<uint8_t>&,
@@ -369,7 +369,7 @@ void SensorModel::set_descriptor(uint8_t type, uint8_t index, std::vector<uint8_
     descriptors_[static_cast<uint16_t>(type << 8 | index)] = std::move(bytes);
 }
 
-BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
+BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity, Clock::time_point waiting_since) {
     std::lock_guard<std::mutex> lock(mu_);
     BulkReply reply;
     if (bulk_halted_) {
@@ -388,7 +388,7 @@ BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
             short_frame_armed_ = false;
         }
         frames_sent_++;
-        schedule_next_locked(now);
+        schedule_next_locked(now, std::min(now, waiting_since));
     }
     std::size_t n = std::min(capacity, carry_.size());
     reply.outcome = BulkReply::Bytes;

@@ -188,7 +188,11 @@ public:
     void set_descriptor(uint8_t type, uint8_t index, std::vector<uint8_t> bytes);
     // Data for a bulk IN transfer of `capacity` bytes, if the endpoint has any
     // at `now`. A frame larger than the transfer carries over to the next one.
-    BulkReply bulk_in(Clock::time_point now, std::size_t capacity);
+    // `waiting_since`: when the transfer was submitted. In realistic timing a
+    // host whose transfer waited before the frame was due is not behind,
+    // however late the emulator gets round to answering it.
+    BulkReply bulk_in(Clock::time_point now, std::size_t capacity,
+                      Clock::time_point waiting_since = Clock::time_point::max());
     // When bulk_in() will next have something; max() when it depends on the
     // host (not streaming).
     Clock::time_point next_bulk_due(Clock::time_point now) const;
@@ -201,7 +205,7 @@ private:
     void changed();
     uint16_t shutter_locked() const { return static_cast<uint16_t>(regs_[37] << 8 | regs_[5]); }
     std::chrono::nanoseconds interval_locked(uint16_t shutter) const;
-    void schedule_next_locked(Clock::time_point now);
+    void schedule_next_locked(Clock::time_point now, Clock::time_point host_ready);
 
     const Kind kind_;
     mutable std::mutex mu_;

@@ -45,6 +45,7 @@ struct Urb {
     std::size_t filled = 0;  // bytes already in a held transfer
     bool held = false;
     bool restore_first_byte = false;  // a reply sent twice, see answer_in()
+    Clock::time_point submitted = Clock::now();
     // A control transfer still crossing the bus: it finishes at `due` with
     // this status and length. max(): not answered or not a control transfer.
     Clock::time_point due = Clock::time_point::max();
@@ -414,7 +415,7 @@ void Testbed::Impl::pump(Device& d, Clock::time_point now) {
             ++it;
             continue;
         }
-        BulkReply r = d.sensor->bulk_in(now, it->length);
+        BulkReply r = d.sensor->bulk_in(now, it->length, it->submitted);
         if (r.outcome == BulkReply::Nothing) return;
         if (r.outcome == BulkReply::Held) {
             if (!r.data.empty()) std::memcpy(it->buffer->data, r.data.data(), r.data.size());

@@ -111,6 +111,20 @@ TEST(SimTiming, LateHostGetsOneFrameAtOnceAndNoBurst) {
     EXPECT_EQ(p.due(), missed + kBus);
 }
 
+// The emulator may answer a waiting transfer late (its ticker woke late,
+// the machine is busy); the host was not behind, so the schedule holds, and
+// transfers that waited get the slots that passed meanwhile.
+TEST(SimTiming, ALateAnswerToAWaitingTransferKeepsTheSchedule) {
+    Paced p(1);
+    const auto slot = p.due();
+    const auto asked = slot - 100us;
+    const auto answered = slot + 3 * kBus;
+    for (int k = 1; k <= 2; k++) {
+        ASSERT_EQ(p.m.bulk_in(answered, orbsim::kFrameBytes, asked).outcome, BulkReply::Bytes) << "transfer " << k;
+        EXPECT_EQ(p.due(), slot + k * kBus);
+    }
+}
+
 // The transport's ticker wakes late by a varying amount; a host that keeps
 // up must still see the sensor's rate, 32/19 ms per frame, over 20 s.
 TEST(SimTiming, NoDriftOverTwentySecondsOfJitteredWakeUps) {
