@@ -259,10 +259,14 @@ void SensorModel::schedule_next_locked(Clock::time_point now, Clock::time_point 
     }
     // Each slot follows the previous slot, not the host's arrival, so the
     // ticker's late wake-ups cost the host nothing as long as it keeps up.
-    // A host more than a frame behind starts a fresh schedule: one frame at
-    // once, then the sensor's pace, never a burst of the slots it missed.
+    // The host is behind only by what is its own doing: from the later of the
+    // slot and the moment the previous frame reached it. More than a frame
+    // behind starts a fresh schedule: one frame at once, then the sensor's
+    // pace, never a burst of the slots it missed.
     const std::chrono::nanoseconds interval = interval_locked(next_shutter_);
-    next_due_ = host_ready - next_due_ > interval ? now + interval : next_due_ + interval;
+    const Clock::time_point owed_from = std::max(next_due_, last_sent_);
+    next_due_ = host_ready - owed_from > interval ? now + interval : next_due_ + interval;
+    last_sent_ = now;
 }
 
 ControlReply SensorModel::handle_control(const ControlRequest& setup, const std::vector<uint8_t>&,
@@ -305,6 +309,7 @@ ControlReply SensorModel::answer(const ControlRequest& setup, Clock::time_point 
             streaming_ = true;
             frame_number_ = 0;
             next_shutter_ = shutter_locked();
+            last_sent_ = Clock::time_point::min();
             // The first frame of a realistic stream is exposed, then crosses
             // the bus; later exposures overlap the previous frame's transfer.
             next_due_ = now + (timing_ == Timing::Fast

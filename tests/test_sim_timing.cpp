@@ -112,9 +112,10 @@ TEST(SimTiming, LateHostGetsOneFrameAtOnceAndNoBurst) {
 }
 
 // The emulator may answer a waiting transfer late (its ticker woke late,
-// the machine is busy); the host was not behind, so the schedule holds, and
-// transfers that waited get the slots that passed meanwhile.
-TEST(SimTiming, ALateAnswerToAWaitingTransferKeepsTheSchedule) {
+// the machine is busy); the host was not behind, so the schedule holds:
+// transfers that waited get the slots that passed, and so does a host that
+// resubmits within a frame time of getting its frame.
+TEST(SimTiming, ALateEmulatorCostsAHostThatKeepsUpNoSlots) {
     Paced p(1);
     const auto slot = p.due();
     const auto asked = slot - 100us;
@@ -123,6 +124,13 @@ TEST(SimTiming, ALateAnswerToAWaitingTransferKeepsTheSchedule) {
         ASSERT_EQ(p.m.bulk_in(answered, orbsim::kFrameBytes, asked).outcome, BulkReply::Bytes) << "transfer " << k;
         EXPECT_EQ(p.due(), slot + k * kBus);
     }
+    const auto resubmitted = answered + kBus * 9 / 10;
+    ASSERT_EQ(p.m.bulk_in(resubmitted, orbsim::kFrameBytes, resubmitted).outcome, BulkReply::Bytes);
+    EXPECT_EQ(p.due(), slot + 3 * kBus);
+    // Slower than a frame time after its last frame, the host is behind.
+    const auto slow = resubmitted + kBus + 1ns;
+    ASSERT_EQ(p.m.bulk_in(slow, orbsim::kFrameBytes, slow).outcome, BulkReply::Bytes);
+    EXPECT_EQ(p.due(), slow + kBus);
 }
 
 // The transport's ticker wakes late by a varying amount; a host that keeps
