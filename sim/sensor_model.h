@@ -232,8 +232,8 @@ private:
     std::chrono::microseconds period_{0};
     Timing timing_ = Timing::Fast;
     Clock::time_point next_due_{};
-    uint16_t next_shutter_ = 0;          // realistic: the exposure of the frame due next
-    Clock::time_point last_sent_{};       // realistic: when the previous frame left
+    uint16_t next_shutter_ = 0;         // realistic: the exposure of the frame due next
+    Clock::time_point last_sent_{};     // realistic: when the previous frame left
     Clock::time_point control_free_{};  // realistic: end of the last control transfer
     uint32_t frame_number_ = 0;
     uint64_t frames_sent_ = 0;

@@ -45,7 +45,7 @@ struct Urb {
     std::size_t filled = 0;  // bytes already in a held transfer
     bool held = false;
     bool restore_first_byte = false;  // a reply sent twice, see answer_in()
-    Clock::time_point submitted = Clock::now();
+    Clock::time_point submitted = Clock::now();  // since when the host has been waiting
     // A control transfer still crossing the bus: it finishes at `due` with
     // this status and length. max(): not answered or not a control transfer.
     Clock::time_point due = Clock::time_point::max();
