@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Turns orb_bench's JSON output into the markdown tables of docs/performance.md.
+"""Turns orb_bench's and orb_bus_bench's JSON output into the markdown tables of docs/performance.md.
 
-usage: summarize.py RESULTS.json [--update-doc docs/performance.md]
+usage: summarize.py RESULTS.json [MORE.json...] [--update-doc docs/performance.md]
 
 Prints the tables; with --update-doc they also replace the part of the
 document between the bench-results markers. A benchmark that reported an
@@ -79,6 +79,23 @@ def auto_exposure(table):
     return out
 
 
+def bus_pace(table):
+    out = ["| Emulated bus, straight libusb | Timing | Transfers in flight | Frames/s | MB/s | Control transfers/s "
+           "| Sensor's rate, frames/s | Slots missed | Longest gap, ms | CPU µs per frame, whole process |",
+           "|---|---|--:|--:|--:|--:|--:|--:|--:|--:|"]
+    for prefix, timing in (("Fast", "fast"), ("Realistic", "realistic")):
+        for name, r in find(table, prefix + "Frames"):
+            in_flight = name.split("/")[1].split(":")[1]
+            sensor = fmt(r["sensor_fps"], 2) if "sensor_fps" in r else "host's pace"
+            missed = f"{r['slots_missed']:g}" if "slots_missed" in r else "–"
+            out.append(f"| 2048-byte frames, {r['frames']:,.0f} in {r['real_time'] / 1000:.1f} s | {timing} | {in_flight} "
+                       f"| **{fmt(r['frames_per_s'], 1 if timing == 'realistic' else 0)}** | {fmt(r['MB_per_s'], 2)} | "
+                       f"| {sensor} | {missed} | {fmt(r['longest_gap_ms'])} | {fmt(r['cpu_us_per_frame'])} |")
+        for _, r in find(table, prefix + "Control"):
+            out.append(f"| register reads (1 byte) | {timing} | 1 | | | **{fmt(r['controls_per_s'], 0)}** | | | | |")
+    return out
+
+
 def machine(results, medians):
     ctx = results["context"]
     load = ", ".join(f"{x:.2f}" for x in ctx.get("load_avg", []))
@@ -98,17 +115,23 @@ def machine(results, medians):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("results")
+    parser.add_argument("results", nargs="+")
     parser.add_argument("--update-doc", metavar="MARKDOWN")
     args = parser.parse_args()
-    with open(args.results) as f:
-        results = json.load(f)
+    results = None
+    for path in args.results:
+        with open(path) as f:
+            more = json.load(f)
+        if results is None:
+            results = more  # its context names the machine
+        else:
+            results["benchmarks"] += more["benchmarks"]
     failed = [r for r in results["benchmarks"] if r.get("error_occurred")]
     for r in failed:
         print(f"orb_bench: {r['name']}: {r.get('error_message', 'failed')}", file=sys.stderr)
     table, medians = rows(results)
     parts = [machine(results, medians)]
-    for section in (entry_points, frame_path, continuous, auto_exposure):
+    for section in (entry_points, frame_path, continuous, auto_exposure, bus_pace):
         lines = section(table)
         if len(lines) > 2:
             parts.append("\n".join(lines))

@@ -45,6 +45,8 @@ const char kUsage[] =
     "  --scene 'NAME [...]'    every sensor looks at a light source, as the scene\n"
     "                          command below (e.g. --scene 'halogen 0.8 --flicker 100')\n"
     "  --frame-period-us P     at least P microseconds from one frame to the next\n"
+    "  --timing realistic|fast realistic (default): frames and control transfers take\n"
+    "                          the time they take on a full-speed bus; fast: at once\n"
     "  --seed S                seed of the scenes' noise (default 1)\n"
     "  --control PATH          the control socket (default: one in the bench's own\n"
     "                          directory); COMMAND finds it in $ORB_EMULATE_CONTROL\n"
@@ -126,6 +128,7 @@ int ctl(int argc, char** argv) {
 struct Options {
     long sensors = 1, period_us = 0, seed = 1;
     bool led = false;
+    orbsim::Timing timing = orbsim::Timing::Realistic;
     orbsim::FrameGenerator frames = orbsim::light_frames();
     bool scene = false;
     orbsim::SceneSettings scene_settings;
@@ -157,6 +160,10 @@ int parse_options(int argc, char** argv, Options* o) {
         } else if (a == "--frames") {
             if (!orbsim::parse_frames(next, &o->frames))
                 return usage("--frames wants light, counter or constant=0..4095"), -1;
+            i++;
+        } else if (a == "--timing") {
+            if (next != "realistic" && next != "fast") return usage("--timing wants realistic or fast"), -1;
+            o->timing = next == "fast" ? orbsim::Timing::Fast : orbsim::Timing::Realistic;
             i++;
         } else if (a == "--scene") {
             std::string why;
@@ -234,6 +241,7 @@ int main(int argc, char** argv) {
         s.set_frame_generator(o.scene ? orbsim::scene_frames(o.scene_settings, static_cast<uint64_t>(o.seed + n))
                                       : o.frames);
         s.set_frame_period(std::chrono::microseconds(o.period_us));
+        s.set_timing(o.timing);
     }
     if (o.led) testbed.add_led_module();
 

@@ -116,7 +116,7 @@ void SensorModel::set_reg(uint8_t write_code, uint8_t value) {
 
 uint16_t SensorModel::shutter() const {
     std::lock_guard<std::mutex> lock(mu_);
-    return static_cast<uint16_t>(regs_[37] << 8 | regs_[5]);
+    return shutter_locked();
 }
 
 uint16_t SensorModel::led_state() const {
@@ -241,7 +241,9 @@ void SensorModel::set_frame_period(std::chrono::microseconds period) {
         std::lock_guard<std::mutex> lock(mu_);
         // A frame already scheduled keeps its slot only if it still fits the
         // new period, so a test that shortens the period sees the effect at once.
-        if (streaming_) next_due_ = std::min(next_due_, Clock::now() + period);
+        // In realistic timing the sensor's own interval rules, and a new
+        // floor waits for the next frame scheduled like any other change.
+        if (streaming_ && timing_ == Timing::Fast) next_due_ = std::min(next_due_, Clock::now() + period);
         period_ = period;
     }
     changed();
@@ -252,21 +254,69 @@ uint64_t SensorModel::frames_sent() const {
     return frames_sent_;
 }
 
-ControlReply SensorModel::handle_control(const ControlRequest& setup, const std::vector<uint8_t>&) {
+void SensorModel::set_timing(Timing timing) {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        timing_ = timing;
+    }
+    changed();
+}
+
+Timing SensorModel::timing() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return timing_;
+}
+
+std::chrono::nanoseconds SensorModel::frame_interval() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return interval_locked(shutter_locked());
+}
+
+std::chrono::nanoseconds SensorModel::interval_locked(uint16_t shutter) const {
+    if (timing_ == Timing::Fast) return period_;
+    return std::max({std::chrono::nanoseconds(period_), exposure_time(shutter), kFrameBusTime});
+}
+
+void SensorModel::schedule_next_locked(Clock::time_point now, Clock::time_point host_ready) {
+    next_shutter_ = shutter_locked();
+    if (timing_ == Timing::Fast) {
+        next_due_ = std::max(next_due_, now) + period_;
+        return;
+    }
+    // Each slot follows the previous slot, not the host's arrival, so the
+    // ticker's late wake-ups cost the host nothing as long as it keeps up.
+    // The host is behind only by what is its own doing: from the later of the
+    // slot and the moment the previous frame reached it. More than a frame
+    // behind starts a fresh schedule: one frame at once, then the sensor's
+    // pace, never a burst of the slots it missed.
+    const std::chrono::nanoseconds interval = interval_locked(next_shutter_);
+    const Clock::time_point owed_from = std::max(next_due_, last_sent_);
+    next_due_ = host_ready - owed_from > interval ? now + interval : next_due_ + interval;
+    last_sent_ = now;
+}
+
+ControlReply SensorModel::handle_control(const ControlRequest& setup, const std::vector<uint8_t>&,
+                                         Clock::time_point now) {
     ControlReply reply;
     bool streaming_changed;
     {
         std::lock_guard<std::mutex> lock(mu_);
         log_.push_back({Event::Control, setup, 0});
         const bool was_streaming = streaming_;
-        reply = answer(setup);
+        reply = answer(setup, now);
         streaming_changed = streaming_ != was_streaming;
+        // One control transfer at a time crosses the bus; a request the
+        // device never answers holds nothing.
+        if (timing_ == Timing::Realistic && reply.outcome != ControlReply::NoReply) {
+            reply.done_at = std::max(now, control_free_) + kControlBusTime;
+            control_free_ = reply.done_at;
+        }
     }
     if (streaming_changed) changed();
     return reply;
 }
 
-ControlReply SensorModel::answer(const ControlRequest& setup) {
+ControlReply SensorModel::answer(const ControlRequest& setup, Clock::time_point now) {
     ControlReply reply;
     if (hung_) {
         reply.outcome = ControlReply::NoReply;
@@ -288,7 +338,13 @@ ControlReply SensorModel::answer(const ControlRequest& setup) {
         if (code == kStartStreaming && !streaming_) {
             streaming_ = true;
             frame_number_ = 0;
-            next_due_ = Clock::now() + period_;
+            next_shutter_ = shutter_locked();
+            last_sent_ = Clock::time_point::min();
+            // The first frame of a realistic stream is exposed, then crosses
+            // the bus; later exposures overlap the previous frame's transfer.
+            next_due_ = now + (timing_ == Timing::Fast
+                                   ? std::chrono::nanoseconds(period_)
+                                   : std::max<std::chrono::nanoseconds>(period_, exposure_time(next_shutter_) + kFrameBusTime));
         } else if (code == kStopStreaming) {
             streaming_ = false;
             carry_.clear();
@@ -348,7 +404,7 @@ void SensorModel::set_descriptor(uint8_t type, uint8_t index, std::vector<uint8_
     descriptors_[static_cast<uint16_t>(type << 8 | index)] = std::move(bytes);
 }
 
-BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
+BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity, Clock::time_point waiting_since) {
     std::lock_guard<std::mutex> lock(mu_);
     BulkReply reply;
     if (bulk_halted_) {
@@ -359,8 +415,9 @@ BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
     if (carry_.empty()) {
         if (!streaming_ || kind_ == Kind::LedModule || now < next_due_) return reply;
         std::array<uint16_t, kFilters> values{};
-        generator_(FrameInfo{++frame_number_, static_cast<uint16_t>(regs_[37] << 8 | regs_[5]),
-                             std::chrono::duration<double>(now - created_).count()},
+        // A realistic frame was exposed at the shutter speed it was scheduled with.
+        const uint16_t shutter = timing_ == Timing::Realistic ? next_shutter_ : shutter_locked();
+        generator_(FrameInfo{++frame_number_, shutter, std::chrono::duration<double>(now - created_).count()},
                    values);
         carry_ = encode_frame(values);
         if (short_frame_armed_ && (short_frame_number_ == 0 || short_frame_number_ == frame_number_)) {
@@ -368,7 +425,7 @@ BulkReply SensorModel::bulk_in(Clock::time_point now, std::size_t capacity) {
             short_frame_armed_ = false;
         }
         frames_sent_++;
-        next_due_ = std::max(next_due_, now) + period_;
+        schedule_next_locked(now, std::min(now, waiting_since));
     }
     std::size_t n = std::min(capacity, carry_.size());
     reply.outcome = BulkReply::Bytes;

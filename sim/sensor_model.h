@@ -58,6 +58,9 @@ struct ControlReply {
     enum Outcome { Data, Stall, NoReply } outcome = Data;
     // For device-to-host requests: exactly wLength bytes.
     std::vector<uint8_t> data;
+    // When the transfer has crossed the bus and may complete; the clock's
+    // epoch (the default) means at once.
+    std::chrono::steady_clock::time_point done_at{};
 };
 
 // What the bulk IN endpoint has for a waiting transfer right now.
@@ -98,6 +101,28 @@ FrameGenerator linear_frames(const std::array<double, kFilters>& sensitivity, do
 // word whose upper 12 bits are the value. The low nibble is not data; the
 // sensor leaves 0x5 there so that a host which keeps it shows up in tests.
 std::vector<uint8_t> encode_frame(const std::array<uint16_t, kFilters>& values);
+
+// How fast the emulated sensor goes.
+//  Fast: frames whenever the host asks (or one per set_frame_period()), and
+//    control transfers complete at once: the emulator as fast as the host.
+//  Realistic: a full-speed sensor on a full-speed bus. A frame needs its
+//    exposure, and its 2048 bytes need kFrameBusTime on the bus; the next
+//    exposure runs while a frame is on the bus, so frames follow each other
+//    by the longer of the two. A control transfer takes kControlBusTime.
+enum class Timing { Fast, Realistic };
+
+// 32 packets of 64 bytes at most 19 to a 1 ms USB frame: 32/19 ms, to the
+// nanosecond (the rounding slips 0.47 ns a frame, under 6 us over 20 s).
+inline constexpr std::chrono::nanoseconds kFrameBusTime{1684211};
+// The setup and data stages go in one 1 ms USB frame, the status stage in
+// the next: on average a control transfer completes one frame after it was
+// submitted, whatever the phase of the bus's frame clock.
+inline constexpr std::chrono::nanoseconds kControlBusTime{1000000};
+// Exposure for a shutter speed at the 10 MHz master clock:
+// (shutter x 912 + 160) / 10000 ms, 107.2 us at 1, 76.2 ms at 835.
+constexpr std::chrono::nanoseconds exposure_time(uint16_t shutter) {
+    return std::chrono::nanoseconds((int64_t{shutter} * 912 + 160) * 100);
+}
 
 class SensorModel {
 public:
@@ -150,12 +175,22 @@ public:
     // period after streaming starts. Zero: whenever the host asks.
     void set_frame_period(std::chrono::microseconds period);
     uint64_t frames_sent() const;
+    // Fast (the default) or Realistic; see Timing. In realistic timing the
+    // frame period is a floor under the sensor's own frame interval. A
+    // change applies from the next frame scheduled.
+    void set_timing(Timing timing);
+    Timing timing() const;
+    // Time from one frame to the next for a host that keeps up, at the
+    // current registers: the frame period in fast timing (0: none), the
+    // longest of the period, the exposure and kFrameBusTime in realistic.
+    std::chrono::nanoseconds frame_interval() const;
 
     // ---- Device side: what the USB transport calls. ----
 
-    // Answers and logs a control request. `out` is the host's data stage of
-    // a host-to-device request.
-    ControlReply handle_control(const ControlRequest& setup, const std::vector<uint8_t>& out = {});
+    // Answers and logs a control request that reached the device at `now`.
+    // `out` is the host's data stage of a host-to-device request.
+    ControlReply handle_control(const ControlRequest& setup, const std::vector<uint8_t>& out = {},
+                                Clock::time_point now = Clock::now());
     // Logs a non-control operation; a clear-halt of 0x81 also clears a bulk stall.
     void record(Event::Kind kind, int value);
     bool claim_refused() const;
@@ -164,7 +199,12 @@ public:
     void set_descriptor(uint8_t type, uint8_t index, std::vector<uint8_t> bytes);
     // Data for a bulk IN transfer of `capacity` bytes, if the endpoint has any
     // at `now`. A frame larger than the transfer carries over to the next one.
-    BulkReply bulk_in(Clock::time_point now, std::size_t capacity);
+    // `waiting_since`: when the transfer was submitted. In realistic timing a
+    // host is behind only by its own delay: from the frame's slot, or from
+    // the moment the previous frame left if that was later, to when its
+    // transfer began to wait, however late the emulator gets round to it.
+    BulkReply bulk_in(Clock::time_point now, std::size_t capacity,
+                      Clock::time_point waiting_since = Clock::time_point::max());
     // When bulk_in() will next have something; max() when it depends on the
     // host (not streaming).
     Clock::time_point next_bulk_due(Clock::time_point now) const;
@@ -173,9 +213,12 @@ public:
     void on_bulk_change(std::function<void()> notify);
 
 private:
-    ControlReply answer(const ControlRequest& setup);
+    ControlReply answer(const ControlRequest& setup, Clock::time_point now);
     void clear_faults_locked();
     void changed();
+    uint16_t shutter_locked() const { return static_cast<uint16_t>(regs_[37] << 8 | regs_[5]); }
+    std::chrono::nanoseconds interval_locked(uint16_t shutter) const;
+    void schedule_next_locked(Clock::time_point now, Clock::time_point host_ready);
 
     const Kind kind_;
     mutable std::mutex mu_;
@@ -200,7 +243,11 @@ private:
     bool streaming_ = false;
     FrameGenerator generator_;
     std::chrono::microseconds period_{0};
+    Timing timing_ = Timing::Fast;
     Clock::time_point next_due_{};
+    uint16_t next_shutter_ = 0;         // realistic: the exposure of the frame due next
+    Clock::time_point last_sent_{};     // realistic: when the previous frame left
+    Clock::time_point control_free_{};  // realistic: end of the last control transfer
     uint32_t frame_number_ = 0;
     uint64_t frames_sent_ = 0;
     const Clock::time_point created_ = Clock::now();  // the origin of FrameInfo::seconds

@@ -45,6 +45,12 @@ struct Urb {
     std::size_t filled = 0;  // bytes already in a held transfer
     bool held = false;
     bool restore_first_byte = false;  // a reply sent twice, see answer_in()
+    Clock::time_point submitted = Clock::now();  // since when the host has been waiting
+    // A control transfer still crossing the bus: it finishes at `due` with
+    // this status and length. max(): not answered or not a control transfer.
+    Clock::time_point due = Clock::time_point::max();
+    int due_status = 0;
+    std::size_t due_actual = 0;
 
     usbdevfs_urb* fields() const { return reinterpret_cast<usbdevfs_urb*>(urb->data); }
     void release() const {
@@ -184,6 +190,7 @@ struct Testbed::Impl {
     void discard(Device& d, UMockdevIoctlClient* client, UMockdevIoctlData* arg);
     void finish(Device& d, Urb urb, int status, std::size_t actual);
     void pump(Device& d, Clock::time_point now);
+    Clock::time_point land_controls(Device& d, Clock::time_point now);
     void sync_fifo(Device& d);
     void forget_client(Device& d, UMockdevIoctlClient* client);
     void run_ticker();
@@ -345,17 +352,29 @@ void Testbed::Impl::submit(Device& d, UMockdevIoctlClient* client, UMockdevIoctl
         const bool in = setup.bmRequestType & 0x80;
         std::vector<uint8_t> out;
         if (!in) out.assign(b + 8, b + 8 + room);
-        ControlReply reply = d.sensor->handle_control(setup, out);
+        const auto now = Clock::now();
+        ControlReply reply = d.sensor->handle_control(setup, out, now);
+        int status = 0;
+        std::size_t actual = room;
+        if (reply.outcome == ControlReply::Stall) {
+            status = -EPIPE;
+            actual = 0;
+        } else if (reply.outcome == ControlReply::Data && in) {
+            actual = std::min(room, reply.data.size());
+            answer_in(urb, reply.data.data(), actual);
+        }
         if (reply.outcome == ControlReply::NoReply) {
             d.pending.push_back(urb);
-        } else if (reply.outcome == ControlReply::Stall) {
-            finish(d, urb, -EPIPE, 0);
-        } else if (in) {
-            const std::size_t n = std::min(room, reply.data.size());
-            answer_in(urb, reply.data.data(), n);
-            finish(d, urb, 0, n);
+        } else if (reply.done_at > now) {
+            // Still on the bus: the ticker finishes it, so that umockdev's
+            // worker, which serves every device, never waits for it.
+            urb.due = reply.done_at;
+            urb.due_status = status;
+            urb.due_actual = actual;
+            d.pending.push_back(urb);
+            poke();
         } else {
-            finish(d, urb, 0, room);
+            finish(d, urb, status, actual);
         }
     } else if (urb.type == USBDEVFS_URB_TYPE_BULK && endpoint == kBulkInEndpoint) {
         d.pending.push_back(urb);
@@ -422,7 +441,7 @@ void Testbed::Impl::pump(Device& d, Clock::time_point now) {
             ++it;
             continue;
         }
-        BulkReply r = d.sensor->bulk_in(now, it->length);
+        BulkReply r = d.sensor->bulk_in(now, it->length, it->submitted);
         if (r.outcome == BulkReply::Nothing) return;
         if (r.outcome == BulkReply::Held) {
             if (!r.data.empty()) std::memcpy(it->buffer->data, r.data.data(), r.data.size());
@@ -440,6 +459,22 @@ void Testbed::Impl::pump(Device& d, Clock::time_point now) {
             finish(d, urb, 0, r.data.size());
         }
     }
+}
+
+// Finishes the control transfers whose bus time is over; returns when the
+// next one will be, max() if none waits.
+Clock::time_point Testbed::Impl::land_controls(Device& d, Clock::time_point now) {
+    auto next = Clock::time_point::max();
+    for (auto it = d.pending.begin(); it != d.pending.end();) {
+        if (it->due > now) {
+            next = std::min(next, it->due);
+            ++it;
+            continue;
+        }
+        finish(d, *it, it->due_status, it->due_actual);
+        it = d.pending.erase(it);
+    }
+    return next;
 }
 
 // poll() calls a regular file always ready, which would keep libusb's event
@@ -485,6 +520,7 @@ void Testbed::Impl::run_ticker() {
             for (auto& d : devices) {
                 if (d->unplugged || d->pending.empty()) continue;
                 pump(*d, now);
+                deadline = std::min(deadline, land_controls(*d, now));
                 sync_fifo(*d);
                 for (const Urb& u : d->pending) {
                     if (u.type != USBDEVFS_URB_TYPE_BULK || u.held) continue;

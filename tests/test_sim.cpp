@@ -188,6 +188,25 @@ TEST_F(Streaming, LightGrowsWithTheShutterSpeedAndSaturates) {
     EXPECT_LT(orbsim::light_value(512, 40), orbsim::light_value(512, 500));
 }
 
+// Realistic timing holds each control transfer for its time on the bus and
+// the transport's ticker finishes it, a stall as well as an answer, beside a
+// frame transfer that waits, as the library keeps one.
+TEST_F(Streaming, RealisticTimingCompletesControlTransfersBesideAWaitingFrame) {
+    s.set_timing(orbsim::Timing::Realistic);
+    s.set_frame_generator(orbsim::counter_frames());
+    BulkRead r(usb.ctx, h);
+    r.submit();
+    EXPECT_EQ(first_byte(h, 5, 3), 3);
+    EXPECT_EQ(first_byte(h, 4), 3);
+    s.stall(36);
+    std::vector<uint8_t> buf(1);
+    EXPECT_EQ(read_code(h, 36, 0, buf), LIBUSB_ERROR_PIPE);
+    ASSERT_EQ(command(h, 70), 0);
+    ASSERT_EQ(r.wait(), LIBUSB_TRANSFER_COMPLETED);
+    EXPECT_EQ(r.t->actual_length, 2048);
+    EXPECT_TRUE(r.all(1));
+}
+
 // The library opens a sensor twice when it also takes it for the LED driver:
 // each handle must reap only its own transfers.
 TEST_F(Streaming, TwoHandlesOnOneDeviceKeepTheirTransfersApart) {
