@@ -5,8 +5,14 @@
 # in, it runs against two emulated sensors.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-"$top/scripts/setup.sh"
-"$top/scripts/build.sh"
+# Quiet unless something fails: the set-up and the build say what went wrong.
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! { "$top/scripts/setup.sh" &&
+       ORB_BUILD_TARGETS="orb_device orb-emulate orbsim-access" "$top/scripts/build.sh"; } >"$log" 2>&1; then
+  cat "$log"
+  exit 1
+fi
 build=${ORB_BUILD_DIR:-$top/build}
 export ORB_DEVICE_LIBRARY=$build/src/liborb_device.so.1 ORB_EMULATE=$build/sim/orb-emulate
 
