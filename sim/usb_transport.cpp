@@ -679,16 +679,19 @@ void Testbed::Impl::plug(Slot& slot, int address) {
     s.set_descriptor(3, 3, string_descriptor(serial));
 
     // An earlier appearance at this address (the addresses wrapped) gives
-    // its node up; the handler must be in place before the device appears.
+    // its node up, outside `mu`, which its handler may be waiting for; the
+    // new handler must be in place before the device appears.
+    bool taken = false;
     {
         std::lock_guard<std::mutex> lock(mu);
         for (auto& old : devices) {
             if (old->unplugged && old->handler_attached && old->node == node) {
-                umockdev_testbed_detach_ioctl(tb, node, nullptr);
                 old->handler_attached = false;
+                taken = true;
             }
         }
     }
+    if (taken) umockdev_testbed_detach_ioctl(tb, node, nullptr);
     d->node = node;
     d->handler = umockdev_ioctl_base_new();
     g_signal_connect(d->handler, "handle-ioctl", G_CALLBACK(on_ioctl), d.get());
