@@ -20,6 +20,7 @@
 #include "lusb.h"
 #include "orb_device_interface_stm_usb.h"
 #include "orb_stm_commands.h"
+#include "../stream/frame_tap.h"
 
 // Every firmware command is a class request to the interface with a data
 // stage from the device, even the writes: the controller echoes the byte it
@@ -342,6 +343,10 @@ int alloc_transfer_bulk(unsigned int iDeviceId) {
 }
 
 void LIBUSB_CALL cb_bulkdata(libusb_transfer* transfer) {
+    // A running stream needs every completion, not only those inside this
+    // request's window, and must hear of a failed one; the tap reads the
+    // transfer before the buffer is cleared below and changes nothing here.
+    orbstream::frame_tap(transfer);
     if (transfer->status != LIBUSB_TRANSFER_COMPLETED) {
         fprintf(stderr, "bulk data transfer status %d?\n", transfer->status);
         request_exit(2);
@@ -386,6 +391,8 @@ void* usbEventLoop_thread_main(void*) {
 void request_exit(int code) {
     do_exit = code;
     pthread_cond_signal(&exit_cond);
+    // Streams wait on their own condition: wake them to see do_exit.
+    orbstream::frame_tap(nullptr);
 }
 
 double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAverages, int, int useContAcq,
