@@ -26,7 +26,10 @@ bool on_bus(libusb_device_handle* handle) {
     bool found = false;
     for (ssize_t i = 0; i < n && !found; i++) found = list[i] == device;
     libusb_free_device_list(list, 1);
-    return found;
+    // The list follows the bus's uevents, which may lag a failed transfer;
+    // the device node itself knows at once. Asking it which driver holds
+    // interface 0 is an ioctl of the host's, not a request to the sensor.
+    return found && libusb_kernel_driver_active(handle, 0) != LIBUSB_ERROR_NO_DEVICE;
 }
 
 int loss_result(libusb_device_handle* handle) {
