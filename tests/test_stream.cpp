@@ -226,4 +226,5 @@ TEST(Presence, AsksTheBusNotTheSensor) {
     // A replugged sensor is a new device; the handle of the old one stays lost.
     testbed().replug(s);
     EXPECT_EQ(orb_sensor_present(0), ORB_STREAM_ERR_LOST);
+    printed_by([] { EXPECT_EQ(duDisconnect(), 1); });  // joins the ended event loop
 }
