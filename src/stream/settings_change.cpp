@@ -36,15 +36,7 @@ int change(int index, int timeout_ms, const Write& write, const Apply& apply) {
     {
         std::lock_guard<std::mutex> guard(s.lock);
         streaming = s.active;
-        if (streaming) {
-            s.changing = true;
-            while (!s.ring.empty()) {
-                s.lost_since += s.ring.front().lost_before;
-                s.stale_since += s.ring.front().stale_before + 1;
-                s.stats.stale++;
-                s.ring.pop();
-            }
-        }
+        if (streaming) begin_change_locked(s);
     }
     r = write(handle, Deadline::in_ms(timeout_ms));
     {
@@ -53,8 +45,7 @@ int change(int index, int timeout_ms, const Write& write, const Apply& apply) {
             // After a failed write the sensor may hold part of the change;
             // the frames that follow still wait out the frames in flight.
             if (r == ORB_STREAM_OK) apply(s.settings);
-            s.changing = false;
-            s.stale_pending = kFramesInFlight;
+            end_change_locked(s);
         }
     }
     return r == ORB_STREAM_ERR_LOST || r == ORB_STREAM_ERR_ENDED ? loss_result(handle) : r;

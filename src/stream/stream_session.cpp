@@ -14,9 +14,9 @@ namespace orbstream {
 
 std::atomic<FrameTap> g_frame_tap{nullptr};
 
-namespace {
-
 constexpr int kFrameBytes = 2048;
+
+namespace {
 
 // Sessions live as long as the process: the event-loop thread may still be
 // in the tap when the host's last call returns.
@@ -45,49 +45,9 @@ int unpack(const unsigned char* __restrict wire, uint16_t* __restrict values) {
 
 void take(Session& s, const libusb_transfer* t, uint64_t now_ns) {
     std::lock_guard<std::mutex> guard(s.lock);
+    // Stopped (or restarted for another handle) since the tap looked.
     if (!s.active || s.handle.load(std::memory_order_relaxed) != t->dev_handle) return;
-    if (t->status != LIBUSB_TRANSFER_COMPLETED) {
-        // The callback ends the event loop after this: no frame will come.
-        s.failure = t->status == LIBUSB_TRANSFER_NO_DEVICE ? ORB_STREAM_ERR_LOST : ORB_STREAM_ERR_ENDED;
-        s.arrived.notify_all();
-        return;
-    }
-    if (s.skip_at_start > 0) {
-        s.skip_at_start--;
-        return;
-    }
-    orb_stream_stats& st = s.stats;
-    const uint64_t sequence = st.completed++;
-    if (s.changing || s.stale_pending > 0) {
-        if (!s.changing) s.stale_pending--;
-        st.stale++;
-        s.stale_since++;
-        return;
-    }
-    if (t->actual_length != kFrameBytes) {
-        st.lost++;
-        st.short_frames++;
-        s.lost_since++;
-        return;
-    }
-    if (s.ring.full()) {
-        // The newest frame goes: what the host has not read yet stays whole
-        // and in order, and the next frame it gets says how many it missed.
-        st.lost++;
-        s.lost_since++;
-        return;
-    }
-    orb_stream_frame& f = s.ring.back();
-    f.sequence = sequence;
-    f.timestamp_ns = now_ns;
-    f.lost_before = s.lost_since;
-    f.stale_before = s.stale_since;
-    f.settings = s.settings;
-    f.saturated = unpack(t->buffer, f.values);
-    s.ring.push();
-    s.lost_since = s.stale_since = 0;
-    if (s.ring.size() > st.max_queued) st.max_queued = s.ring.size();
-    s.arrived.notify_one();
+    take_locked(s, t, now_ns);
 }
 
 void on_frame_transfer(const libusb_transfer* t) {
@@ -140,6 +100,91 @@ int failed(int result, libusb_device_handle* handle) {
 
 }  // namespace
 
+void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& settings,
+                         libusb_device_handle* handle) {
+    s.ring = std::move(ring);
+    s.active = s.started_once = true;
+    s.skip_at_start = kFramesInFlight;
+    s.stale_pending = 0;
+    s.changing = false;
+    s.failure = 0;
+    s.settings = settings;
+    s.stats = orb_stream_stats{};
+    s.stats.capacity = s.ring.capacity();
+    s.lost_since = s.stale_since = 0;
+    s.handle.store(handle, std::memory_order_release);
+}
+
+void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns) {
+    if (t->status != LIBUSB_TRANSFER_COMPLETED) {
+        // The callback ends the event loop after this: no frame will come.
+        s.failure = t->status == LIBUSB_TRANSFER_NO_DEVICE ? ORB_STREAM_ERR_LOST : ORB_STREAM_ERR_ENDED;
+        s.arrived.notify_all();
+        return;
+    }
+    if (s.skip_at_start > 0) {
+        s.skip_at_start--;
+        return;
+    }
+    orb_stream_stats& st = s.stats;
+    const uint64_t sequence = st.completed++;
+    if (s.changing || s.stale_pending > 0) {
+        if (!s.changing) s.stale_pending--;
+        st.stale++;
+        s.stale_since++;
+        return;
+    }
+    if (t->actual_length != kFrameBytes) {
+        st.lost++;
+        st.short_frames++;
+        s.lost_since++;
+        return;
+    }
+    if (s.ring.full()) {
+        // The newest frame goes: what the host has not read yet stays whole
+        // and in order, and the next frame it gets says how many it missed.
+        st.lost++;
+        s.lost_since++;
+        return;
+    }
+    orb_stream_frame& f = s.ring.back();
+    f.sequence = sequence;
+    f.timestamp_ns = now_ns;
+    f.lost_before = s.lost_since;
+    f.stale_before = s.stale_since;
+    f.settings = s.settings;
+    f.saturated = unpack(t->buffer, f.values);
+    s.ring.push();
+    s.lost_since = s.stale_since = 0;
+    if (s.ring.size() > st.max_queued) st.max_queued = s.ring.size();
+    s.arrived.notify_one();
+}
+
+bool pop_locked(Session& s, orb_stream_frame& out) {
+    if (s.ring.empty()) return false;
+    out = s.ring.front();
+    s.ring.pop();
+    s.stats.delivered++;
+    return true;
+}
+
+void begin_change_locked(Session& s) {
+    s.changing = true;
+    // Gaps stay exact: what the flushed frames said they followed carries
+    // over to the next frame delivered.
+    while (!s.ring.empty()) {
+        s.lost_since += s.ring.front().lost_before;
+        s.stale_since += s.ring.front().stale_before + 1;
+        s.stats.stale++;
+        s.ring.pop();
+    }
+}
+
+void end_change_locked(Session& s) {
+    s.changing = false;
+    s.stale_pending = kFramesInFlight;
+}
+
 Session& session_at(int index) { return sessions()[index]; }
 
 void install_tap() { g_frame_tap.store(on_frame_transfer, std::memory_order_release); }
@@ -179,17 +224,7 @@ extern "C" int orb_stream_start(int index, int ring_frames, int timeout_ms) {
     if ((r = rest(kStreamGapMs, deadline)) != ORB_STREAM_OK) return failed(r, handle);
     {
         std::lock_guard<std::mutex> guard(s.lock);
-        s.ring = std::move(ring);
-        s.active = s.started_once = true;
-        s.skip_at_start = kFramesInFlight;
-        s.stale_pending = 0;
-        s.changing = false;
-        s.failure = 0;
-        s.settings = settings;
-        s.stats = orb_stream_stats{};
-        s.stats.capacity = s.ring.capacity();
-        s.lost_since = s.stale_since = 0;
-        s.handle.store(handle, std::memory_order_release);
+        begin_stream_locked(s, std::move(ring), settings, handle);
     }
     r = stream_request(handle, kCmdStreamStart, deadline);
     if (r != ORB_STREAM_OK) {
@@ -215,13 +250,7 @@ extern "C" int orb_stream_read(int index, orb_stream_frame* frame, int timeout_m
         if (!s.active) return ORB_STREAM_ERR_NOT_STREAMING;
         s.arrived.wait_until(lock, deadline.at, [&s] { return !s.ring.empty() || s.failure || do_exit != 0; });
         failure = s.failure ? s.failure : do_exit != 0 ? ORB_STREAM_ERR_ENDED : 0;
-        if (!failure) {
-            if (s.ring.empty()) return ORB_STREAM_ERR_TIMEOUT;
-            *frame = s.ring.front();
-            s.ring.pop();
-            s.stats.delivered++;
-            return ORB_STREAM_OK;
-        }
+        if (!failure) return pop_locked(s, *frame) ? ORB_STREAM_OK : ORB_STREAM_ERR_TIMEOUT;
     }
     return loss_result(handle_at(index));
 }

@@ -44,6 +44,23 @@ struct Session {
 Session& session_at(int index);  // index checked by the caller
 void install_tap();
 
+// Under the lock: the session takes frames of `handle` into `ring` from now
+// on, numbered from 0 after the frames in flight, with these settings.
+void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& settings,
+                         libusb_device_handle* handle);
+
+// What the tap does with one completion of the session's sensor, under
+// the session's lock: frames are numbered, passed over, discarded as stale,
+// counted lost or queued with their time and settings.
+void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns);
+// Under the lock: the oldest queued frame into `out`, if there is one.
+bool pop_locked(Session& s, orb_stream_frame& out);
+// Under the lock, around a settings change: the queue is flushed as stale
+// and every completion until the change ends is stale; after it, the
+// frames in flight are.
+void begin_change_locked(Session& s);
+void end_change_locked(Session& s);
+
 }  // namespace orbstream
 
 #endif
