@@ -6,6 +6,7 @@
 
 #include "orb_device_interface_stm.h"
 #include "orb_device_interface_stm_usb.h"
+#include "../efm32com/orb_frame_samples.h"
 #include "frame_tap.h"
 #include "presence.h"
 #include "sensor_requests.h"
@@ -29,18 +30,6 @@ uint64_t monotonic_ns() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
-}
-
-// Sample i is the upper 12 bits of the big-endian word at byte 2i. Written
-// so that the compiler vectorises it, the saturation count included.
-int unpack(const unsigned char* __restrict wire, uint16_t* __restrict values) {
-    int saturated = 0;
-    for (int i = 0; i < ORB_STREAM_FILTERS; i++) {
-        uint16_t v = static_cast<uint16_t>((wire[2 * i] << 4) | (wire[2 * i + 1] >> 4));
-        values[i] = v;
-        saturated += v == ORB_STREAM_SATURATED;
-    }
-    return saturated;
 }
 
 void take(Session& s, const libusb_transfer* t, uint64_t now_ns) {
@@ -153,7 +142,7 @@ void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns) {
     f.lost_before = s.lost_since;
     f.stale_before = s.stale_since;
     f.settings = s.settings;
-    f.saturated = unpack(t->buffer, f.values);
+    f.saturated = orbframe::unpack_to_u16(t->buffer, f.values, ORB_STREAM_SATURATED);
     s.ring.push();
     s.lost_since = s.stale_since = 0;
     if (s.ring.size() > st.max_queued) st.max_queued = s.ring.size();
