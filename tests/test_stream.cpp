@@ -228,3 +228,21 @@ TEST(Presence, AsksTheBusNotTheSensor) {
     EXPECT_EQ(orb_sensor_present(0), ORB_STREAM_ERR_LOST);
     printed_by([] { EXPECT_EQ(duDisconnect(), 1); });  // joins the ended event loop
 }
+
+TEST(Stream, DisconnectingTheSensorEndsItsStreamAndEveryWait) {
+    orbsim::Sensor& s = connected();
+    s.set_frame_period(std::chrono::hours(1));
+    ASSERT_EQ(orb_stream_start(0, 0, 2000), ORB_STREAM_OK);
+    // A read waiting when the host disconnects wakes with the news.
+    auto waiting = std::async(std::launch::async, [] { return within(5000ms, [] {
+        return orb_stream_read(0, &frame(), 4000); }); });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(printed_by([] { EXPECT_EQ(duDisconnect(), 1); }), "Sensor is disconnected.\n");
+    auto outcome = waiting.get();
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->result, ORB_STREAM_ERR_NOT_CONNECTED);
+    EXPECT_LT(outcome->took.count(), 1000);
+    EXPECT_EQ(orb_stream_read(0, &frame(), 1000), ORB_STREAM_ERR_NOT_CONNECTED);
+    EXPECT_EQ(orb_stream_stop(0, 1000), ORB_STREAM_ERR_NOT_CONNECTED);
+    EXPECT_EQ(orb_stream_stop(0, 1000), ORB_STREAM_ERR_NOT_STREAMING);
+}

@@ -33,7 +33,9 @@ bool on_bus(libusb_device_handle* handle) {
 }
 
 int loss_result(libusb_device_handle* handle) {
-    return handle != nullptr && on_bus(handle) ? ORB_STREAM_ERR_ENDED : ORB_STREAM_ERR_LOST;
+    // Disconnected by the host meanwhile: the index names no sensor now.
+    if (handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
+    return on_bus(handle) ? ORB_STREAM_ERR_ENDED : ORB_STREAM_ERR_LOST;
 }
 
 int usable(int index, libusb_device_handle** handle) {

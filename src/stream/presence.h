@@ -17,7 +17,8 @@ libusb_device_handle* handle_at(int index);
 // The device of `handle` is in the bus's current device list.
 bool on_bus(libusb_device_handle* handle);
 // A failure after the event loop ended or a request found no device:
-// ORB_STREAM_ERR_LOST when the sensor has left the bus, else ENDED.
+// ORB_STREAM_ERR_LOST when the sensor has left the bus, else ENDED
+// (NOT_CONNECTED for no handle: the host disconnected it).
 int loss_result(libusb_device_handle* handle);
 // Whether calls on `index` may go ahead: ORB_STREAM_OK with *handle set, or
 // the reason they may not.
