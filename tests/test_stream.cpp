@@ -70,6 +70,7 @@ TEST(Stream, DeliversEveryFrameInOrderWithItsTimeAndSettings) {
     EXPECT_EQ(orb_stream_get_stats(0, &st), ORB_STREAM_ERR_NOT_STREAMING);
     EXPECT_EQ(st.delivered, 300u);
     EXPECT_EQ(st.lost, 0u);
+    EXPECT_EQ(st.capacity, static_cast<uint32_t>(ORB_STREAM_DEFAULT_RING));
     EXPECT_EQ(orb_stream_read(0, &frame(), 0), ORB_STREAM_ERR_NOT_STREAMING);
     EXPECT_EQ(orb_stream_stop(0, 100), ORB_STREAM_ERR_NOT_STREAMING);
 }
