@@ -5,6 +5,8 @@
 
 void register_frame_benchmarks();
 void register_auto_exposure_benchmarks();
+// Streams of orb_stream.h, and its single shot against duGetFilterData.
+void register_stream_benchmarks();
 // duConnect, duSetShutterSpeed and duGetFilterData.
 void register_entry_point_benchmarks();
 

@@ -69,6 +69,30 @@ def continuous(table):
     return out
 
 
+def streams(table):
+    out = ["| Stream (orb_stream.h) | Timing | Frames delivered in s | Frames/s delivered | Frames/s sent "
+           "| Delivered / sent | Lost | Library CPU µs per frame: host's thread + event loop | Emulator CPU µs per frame |",
+           "|---|---|--:|--:|--:|--:|--:|--:|--:|"]
+    rows_ = [("at the sensor's pace", "realistic, shutter speed 1", r) for _, r in find(table, "StreamAtTheSensorsPace")]
+    for name, r in sorted(find(table, "StreamFast"), key=lambda nr: -int(nr[0].split("/")[1])):
+        period = int(name.split("/")[1])
+        rows_.append((f"at most one frame per {period} µs" if period else "as fast as the bus gives them", "fast", r))
+    for label, timing, r in rows_:
+        out.append(f"| {label} | {timing} | {r['delivered']:,.0f} in {r['seconds']:.1f} | {fmt(r['delivered_fps'])} "
+                   f"| {fmt(r['sent_fps'])} | **{r['delivered_per_sent']:.3f}** | {r['lost']:g} "
+                   f"| {fmt(r['caller_cpu_us_per_frame'])} + {fmt(r['loop_cpu_us_per_frame'])} "
+                   f"| {fmt(r['emulator_cpu_us_per_frame'])} |")
+    return out
+
+
+def single_shot(table):
+    out = ["| Single shot | duGetFilterData, ms | orb_single_shot, ms | Wall ratio |", "|---|--:|--:|--:|"]
+    for name, r in find(table, "SingleShotAgainstDuGetFilterData"):
+        out.append(f"| n = {name.split('/')[1]}, {r['iterations']:g} calls each | {fmt(r['du_ms'])} "
+                   f"| {fmt(r['single_shot_ms'])} | **{r['wall_ratio']:.3f}** |")
+    return out
+
+
 def auto_exposure(table):
     out = ["| Auto-exposure scene | Counts per shutter step, brightest filter | Acquisitions | Shutter speed "
            "| Brightest filter there, DN | Pauses on a sensor, s |",
@@ -131,7 +155,7 @@ def main():
         print(f"orb_bench: {r['name']}: {r.get('error_message', 'failed')}", file=sys.stderr)
     table, medians = rows(results)
     parts = [machine(results, medians)]
-    for section in (entry_points, frame_path, continuous, auto_exposure, bus_pace):
+    for section in (entry_points, frame_path, continuous, streams, single_shot, auto_exposure, bus_pace):
         lines = section(table)
         if len(lines) > 2:
             parts.append("\n".join(lines))

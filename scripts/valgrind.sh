@@ -47,7 +47,8 @@ export -f memcheck
 start=$SECONDS
 failed=0
 tests=(test_api test_auto_exposure test_bringup test_connection_helper test_device_base test_discovery
-       test_facade test_faults test_firmware test_frames test_identity test_led test_lusb_compat test_settings)
+       test_facade test_faults test_firmware test_frames test_identity test_led test_lusb_compat test_settings
+       test_stream test_stream_faults)
 for t in "${tests[@]}"; do
   "$build/tests/$t" --gtest_list_tests | awk -v bin="$build/tests/$t" '/^[^ ]/ {suite = $1} /^  / {print bin, suite $1}'
 done | xargs -P2 -L1 bash -c 'memcheck "$1" 0 valgrind "$0" --gtest_filter="$1"' || failed=1
@@ -57,6 +58,8 @@ for host in orb_c_host orb_cpp_host; do
   memcheck $host.TwoSensors 0 "$emulate" --sensors 2 --frames counter -- valgrind "$build/tests/$host" || failed=1
   memcheck $host.NoSensor 1 "$emulate" --sensors 0 -- valgrind "$build/tests/$host" || failed=1
 done
+memcheck orb_c_stream_host.OneSecond 0 "$emulate" --sensors 1 --timing fast --frame-period-us 5000 -- \
+  valgrind "$build/tests/orb_c_stream_host" 1 || failed=1
 
 cat "$logs"/*.log | awk '
   /ERROR SUMMARY:/ { errors += $4 }

@@ -19,7 +19,9 @@
 
 #include "lusb.h"
 #include "orb_device_interface_stm_usb.h"
+#include "orb_frame_samples.h"
 #include "orb_stm_commands.h"
+#include "../stream/frame_tap.h"
 
 // Every firmware command is a class request to the interface with a data
 // stage from the device, even the writes: the controller echoes the byte it
@@ -255,11 +257,8 @@ namespace {
 // nibble carries no signal.
 inline int sample(const unsigned char* frame, int i) { return (frame[2 * i] << 4) | (frame[2 * i + 1] >> 4); }
 
-// The callback's hot loop: with no aliasing to fear the compiler vectorises
-// it, five times faster than sample() one by one.
-void unpack_frame(const unsigned char* __restrict wire, int* __restrict values) {
-    for (int i = 0; i < kFrameValues; i++) values[i] = (wire[2 * i] << 4) | (wire[2 * i + 1] >> 4);
-}
+// The callback's hot loop, eight samples at a time.
+void unpack_frame(const unsigned char* wire, int* values) { orbframe::unpack_to_int(wire, values); }
 
 // A stop first, so that a sensor still streaming for an earlier host starts
 // a fresh stream.
@@ -342,6 +341,10 @@ int alloc_transfer_bulk(unsigned int iDeviceId) {
 }
 
 void LIBUSB_CALL cb_bulkdata(libusb_transfer* transfer) {
+    // A running stream needs every completion, not only those inside this
+    // request's window, and must hear of a failed one; the tap reads the
+    // transfer before the buffer is cleared below and changes nothing here.
+    orbstream::frame_tap(transfer);
     if (transfer->status != LIBUSB_TRANSFER_COMPLETED) {
         fprintf(stderr, "bulk data transfer status %d?\n", transfer->status);
         request_exit(2);
@@ -353,15 +356,15 @@ void LIBUSB_CALL cb_bulkdata(libusb_transfer* transfer) {
     if (iCurrAvgNum + skip > g_count) {
         pthread_mutex_lock(&exit_cond_lock);
         int wanted = iCurrAvgNum;
+        // A short frame must not show the previous frame's tail: the buffer
+        // goes back zeroed, cleared as it is unpacked when the frame is kept.
         if (g_count >= skip && static_cast<int>(frameDataQueue.size()) < wanted) {
-            // Built from the unpacked values: a sized vector would first be
-            // zeroed for nothing.
             int values[kFrameValues];
-            unpack_frame(transfer->buffer, values);
+            orbframe::unpack_to_int_clearing(transfer->buffer, values);
             frameDataQueue.emplace_back(values, values + kFrameValues);
+        } else {
+            memset(transfer->buffer, 0, kFrameBytes);
         }
-        // A short frame must not show the previous frame's tail.
-        memset(transfer->buffer, 0, kFrameBytes);
         if (static_cast<int>(frameDataQueue.size()) == wanted) pthread_cond_signal(&exit_cond);
         g_count++;
         pthread_mutex_unlock(&exit_cond_lock);
@@ -386,6 +389,8 @@ void* usbEventLoop_thread_main(void*) {
 void request_exit(int code) {
     do_exit = code;
     pthread_cond_signal(&exit_cond);
+    // Streams wait on their own condition: wake them to see do_exit.
+    orbstream::frame_tap(nullptr);
 }
 
 double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAverages, int, int useContAcq,

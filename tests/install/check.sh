@@ -14,16 +14,18 @@ prefix=$work/prefix
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 test -f "$prefix/include/orb_device/orb_error_codes.h"
+test -f "$prefix/include/orb_device/orb_stream.h"
 test -f "$prefix/include/orb_device/utils/orb_utils_interface.h"
 libdir=$(dirname "$(find "$prefix" -name liborb_device.so | head -n1)")
 export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir
 
 # The C headers a host sees compile as C99.
-printf '#include <lusb.h>\n#include <orb_device_api.h>\n#include <orb_error_codes.h>\nint main(void) { return 0; }\n' |
+printf '#include <lusb.h>\n#include <orb_device_api.h>\n#include <orb_error_codes.h>\n#include <orb_stream.h>\nint main(void) { return 0; }\n' |
   cc -std=c99 -Wall -Wextra -Werror -x c - -o "$work/headers" $(pkg-config --cflags --libs orb_device)
 
-cp -r "$examples/c_host" "$examples/cpp_host" "$work/"
+cp -r "$examples/c_host" "$examples/c_stream_host" "$examples/cpp_host" "$work/"
 make -s -C "$work/c_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
+make -s -C "$work/c_stream_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
 cmake -S "$work/cpp_host" -B "$work/cpp_host/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cpp_host/build" >/dev/null
 
@@ -34,6 +36,9 @@ out=$("$emulate" --sensors 1 --frames constant=300 -- "$work/cpp_host/build/orb_
 grep -qxF 'sensor 0 C1234-7-20-33-1: shutter speed 200 (18 ms), 10 frames averaged: min 300.00, mean 300.00, max 300.00' <<<"$out" ||
   { echo "C++ host: $out"; exit 1; }
 
+out=$("$emulate" --sensors 1 --timing fast --frame-period-us 2000 -- "$work/c_stream_host/orb_c_stream_host" 0.5)
+grep -q '^frames: [0-9]*, rate: .* frames/s, lost: 0$' <<<"$out" || { echo "C stream host: $out"; exit 1; }
+
 # The installed launcher and tool work without the source tree: the tool
 # finds the launcher beside itself, the launcher its access library in lib/.
 "$prefix/bin/orb-emulate" --help | grep -q '^usage: orb-emulate'
@@ -43,10 +48,12 @@ out=$("$prefix/bin/orb-emulate" --sensors 1 -- sh -c \
   '"$0/bin/orb-emulate" ctl fault 0 refuse-open >/dev/null; "$0/bin/orb-sensor" list; echo "status $?"' "$prefix")
 grep -qx 'status 1' <<<"$out" || { echo "a refused sensor was opened: $out"; exit 1; }
 
-# The 0.1-style calls have C linkage, except the two writers, whose symbols
+# The streaming calls and the 0.1-style calls have C linkage, except the two
+# writers of the latter, whose symbols
 # carry their signatures.
 syms=$(nm -D --defined-only "$libdir/liborb_device.so" | awk '{print $3}')
-for plain in usb_init usb_control_msg usb_bulk_read usb_interrupt_read usb_open usb_find_busses; do
+for plain in orb_stream_start orb_stream_read orb_stream_stop orb_single_shot orb_sensor_present \
+             usb_init usb_control_msg usb_bulk_read usb_interrupt_read usb_open usb_find_busses; do
   grep -qx "$plain" <<<"$syms" || { echo "missing C symbol $plain"; exit 1; }
 done
 for mangled in _Z14usb_bulk_writeP20libusb_device_handleiPKcii _Z19usb_interrupt_writeP14usb_dev_handleiPKcii; do

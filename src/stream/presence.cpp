@@ -1,0 +1,74 @@
+// Presence of a sensor, and the results of the layer in words.
+
+#include "presence.h"
+
+#include "orb_device_interface_stm.h"
+#include "orb_device_interface_stm_usb.h"
+#include "orb_stream.h"
+
+namespace orbstream {
+
+libusb_device_handle* handle_at(int index) {
+    auto it = UsbDevHandle::pDevH.find(index);
+    return it == UsbDevHandle::pDevH.end() ? nullptr : it->second;
+}
+
+bool on_bus(libusb_device_handle* handle) {
+    // libusb keeps one device object per attached device and drops it from
+    // the list when the device leaves (the handle's reference keeps it
+    // alive), so identity is the test: a replugged sensor is a new device
+    // that this handle cannot reach. The list comes from libusb's hotplug
+    // bookkeeping; nothing is sent to the sensor.
+    libusb_device* device = libusb_get_device(handle);
+    libusb_device** list = nullptr;
+    ssize_t n = libusb_get_device_list(nullptr, &list);
+    if (n < 0) return false;
+    bool found = false;
+    for (ssize_t i = 0; i < n && !found; i++) found = list[i] == device;
+    libusb_free_device_list(list, 1);
+    // The list follows the bus's uevents, which may lag a failed transfer;
+    // the device node itself knows at once. Asking it which driver holds
+    // interface 0 is an ioctl of the host's, not a request to the sensor.
+    return found && libusb_kernel_driver_active(handle, 0) != LIBUSB_ERROR_NO_DEVICE;
+}
+
+int loss_result(libusb_device_handle* handle) {
+    // Disconnected by the host meanwhile: the index names no sensor now.
+    if (handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
+    return on_bus(handle) ? ORB_STREAM_ERR_ENDED : ORB_STREAM_ERR_LOST;
+}
+
+int usable(int index, libusb_device_handle** handle) {
+    if (index < 0 || index >= kMaxStreams) return ORB_STREAM_ERR_INVALID;
+    *handle = handle_at(index);
+    if (*handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
+    if (do_exit != 0) return loss_result(*handle);
+    return ORB_STREAM_OK;
+}
+
+}  // namespace orbstream
+
+extern "C" int orb_sensor_present(int index) {
+    if (index < 0) return ORB_STREAM_ERR_INVALID;
+    libusb_device_handle* handle = orbstream::handle_at(index);
+    if (handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
+    return orbstream::on_bus(handle) ? ORB_STREAM_OK : ORB_STREAM_ERR_LOST;
+}
+
+extern "C" const char* orb_stream_result_text(int result) {
+    switch (result) {
+    case ORB_STREAM_OK: return "ok";
+    case ORB_STREAM_ERR_TIMEOUT: return "timed out";
+    case ORB_STREAM_ERR_LOST: return "sensor lost";
+    case ORB_STREAM_ERR_ENDED: return "frame transfer ended";
+    case ORB_STREAM_ERR_NOT_CONNECTED: return "no sensor at that index";
+    case ORB_STREAM_ERR_INVALID: return "invalid argument";
+    case ORB_STREAM_ERR_BUSY: return "busy";
+    case ORB_STREAM_ERR_NOT_STREAMING: return "not streaming";
+    case ORB_STREAM_ERR_USB: return "request refused by the sensor";
+    case ORB_STREAM_ERR_VERIFY: return "setting did not read back";
+    case ORB_STREAM_ERR_NO_MEMORY: return "out of memory";
+    case ORB_STREAM_ERR_UNSUPPORTED: return "not supported with the frame moving average";
+    default: return "unknown result";
+    }
+}

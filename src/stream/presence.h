@@ -1,0 +1,29 @@
+#ifndef ORB_STREAM_PRESENCE_H
+#define ORB_STREAM_PRESENCE_H
+
+// Which sensor an index names, whether it is still on the bus, and whether
+// the frame path still runs: the checks every call of the layer starts with.
+
+#include <libusb.h>
+
+namespace orbstream {
+
+// Indices a stream can run on: duConnect opens at most 10 sensors.
+constexpr int kMaxStreams = 16;
+
+// The open handle at `index`, or nullptr. Looks, never inserts: the link's
+// table must not grow entries because this layer asked.
+libusb_device_handle* handle_at(int index);
+// The device of `handle` is in the bus's current device list.
+bool on_bus(libusb_device_handle* handle);
+// A failure after the event loop ended or a request found no device:
+// ORB_STREAM_ERR_LOST when the sensor has left the bus, else ENDED
+// (NOT_CONNECTED for no handle: the host disconnected it).
+int loss_result(libusb_device_handle* handle);
+// Whether calls on `index` may go ahead: ORB_STREAM_OK with *handle set, or
+// the reason they may not.
+int usable(int index, libusb_device_handle** handle);
+
+}  // namespace orbstream
+
+#endif

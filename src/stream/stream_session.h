@@ -1,0 +1,66 @@
+#ifndef ORB_STREAM_STREAM_SESSION_H
+#define ORB_STREAM_STREAM_SESSION_H
+
+// One stream per sensor index: its ring and counters, shared by the host's
+// thread and the event-loop thread, where the frame tap fills the ring.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+#include <libusb.h>
+
+#include "frame_ring.h"
+#include "orb_stream.h"
+
+namespace orbstream {
+
+// Frames under way when a stream starts or a setting changes: the one on
+// the bus and the one being exposed. The single shot drops as many.
+constexpr int kFramesInFlight = 2;
+
+struct Session {
+    std::mutex lock;
+    std::condition_variable arrived;  // a frame, a failure, or the end of the event loop
+    // The tap's key: non-null while frames are taken. Read without the lock
+    // on every completion, so that other sensors' frames cost no lock.
+    std::atomic<libusb_device_handle*> handle{nullptr};
+
+    // The rest under `lock`.
+    bool active = false;  // started and not stopped
+    bool started_once = false;
+    FrameRing ring;
+    int skip_at_start = 0;  // not counted: before the stream's first frame
+    int stale_pending = 0;  // counted as stale: exposed before a change
+    bool changing = false;  // a change is being written: everything is stale
+    int failure = 0;        // ORB_STREAM_ERR_LOST or _ENDED once the transfer failed
+    orb_stream_settings settings{};
+    orb_stream_stats stats{};
+    uint32_t lost_since = 0;   // since the last frame queued
+    uint32_t stale_since = 0;
+};
+
+Session& session_at(int index);  // index checked by the caller
+void install_tap();
+
+// Under the lock: the session takes frames of `handle` into `ring` from now
+// on, numbered from 0 after the frames in flight, with these settings.
+void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& settings,
+                         libusb_device_handle* handle);
+
+// What the tap does with one completion of the session's sensor, under
+// the session's lock: frames are numbered, passed over, discarded as stale,
+// counted lost or queued with their time and settings.
+void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns);
+// Under the lock: the oldest queued frame into `out`, if there is one.
+bool pop_locked(Session& s, orb_stream_frame& out);
+// Under the lock, around a settings change: the queue is flushed as stale
+// and every completion until the change ends is stale; after it, the
+// frames in flight are.
+void begin_change_locked(Session& s);
+void end_change_locked(Session& s);
+
+}  // namespace orbstream
+
+#endif
