@@ -91,7 +91,14 @@ TEST(Stream, HostThatFallsBehindLosesTheNewestFramesCountedAndTheRingNeverGrows)
     orbsim::Sensor& s = connected();
     s.set_frame_period(std::chrono::milliseconds(1));
     ASSERT_EQ(orb_stream_start(0, 8, 2000), ORB_STREAM_OK);
-    std::this_thread::sleep_for(200ms);
+    // Away until well over a ring's worth has come (counted, not timed: a
+    // slow machine or valgrind sends fewer frames per second).
+    orb_stream_stats away{};
+    const auto give_up = std::chrono::steady_clock::now() + 20s;
+    while (orb_stream_get_stats(0, &away) == ORB_STREAM_OK && away.completed < 8 + 60 &&
+           std::chrono::steady_clock::now() < give_up)
+        std::this_thread::sleep_for(20ms);
+    ASSERT_GE(away.completed, 8u + 60u);
     // What was queued is whole and in order; the frame after it says how
     // many were lost in between, and the sequence agrees.
     for (uint64_t i = 0; i < 8; i++) {
