@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -11,6 +12,7 @@
 
 #include "emulated_bus.h"
 #include "orb_device_api.h"
+#include "orb_device_interface_ae.h"
 
 namespace {
 
@@ -97,7 +99,15 @@ TEST(Api, SettingsAreClampedOnTheirWayToTheSensorAndExposureConverts) {
     int shutter = 0;
     EXPECT_EQ(duExposureTimeToShutterSpeed(20, ms, &shutter), 1);
     EXPECT_EQ(std::make_pair(ms, shutter), std::make_pair(11.0, 415));
-    EXPECT_EQ(duShutterSpeedToExposureTime(0, 250, &ms), -1);  // would divide by zero
+    // Any clock converts whose product with 1000 is a non-zero int; the
+    // quotient is truncated toward zero.
+    EXPECT_EQ(duShutterSpeedToExposureTime(-10, 100, &ms), 1);
+    EXPECT_EQ(ms, -9.0);
+    EXPECT_EQ(duShutterSpeedToExposureTime(-2147483, 1, &ms), 1);
+    EXPECT_EQ(ms, 0.0);
+    ms = 5.0;
+    for (int clock : {0, 2147484, -2147484}) EXPECT_EQ(duShutterSpeedToExposureTime(clock, 250, &ms), -1) << clock;
+    EXPECT_EQ(ms, 5.0);
     EXPECT_EQ(duExposureTimeToShutterSpeed(20, 11.0, nullptr), -1);
 }
 
@@ -167,8 +177,16 @@ TEST(Api, OptimalShutterSpeedBringsTheChosenFiltersBelowSaturation) {
     EXPECT_GE(peak, 2900);
     EXPECT_LE(peak, 3500);
 
-    s.clear_log();
+    // A negative count copies none of the host's filters, and an empty list
+    // means all 1024: only the last filter is lit, at a level the search
+    // accepts at its first speed.
+    s.set_frame_generator([](const orbsim::FrameInfo&, std::array<uint16_t, orbsim::kFilters>& v) {
+        v.fill(0);
+        v[1023] = 3200;
+    });
     int filters[] = {500, 501};
-    EXPECT_EQ(duGetOptimalShutterSpeed2(filters, -1, 2000), -1);
-    EXPECT_TRUE(s.requests().empty());
+    printed_by([&] { ss = duGetOptimalShutterSpeed(filters, -1); });
+    EXPECT_EQ(ss, m_gAEParams.initial_ss);
+    printed_by([&] { ss = duGetOptimalShutterSpeed(filters, 2); });
+    EXPECT_NE(ss, m_gAEParams.initial_ss);
 }

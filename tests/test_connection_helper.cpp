@@ -30,6 +30,13 @@ TEST(ConnectionHelper, ScanConnectsSensorsInBusOrderAndRecordsTheirIds) {
     EXPECT_EQ(h.get_one_device_interface(5, absent), nullptr);
     EXPECT_EQ(absent, "");
 
+    // Disconnecting one sensor forgets every recorded ID text.
+    EXPECT_TRUE(printed_by([&] { EXPECT_TRUE(h.disconnect_multiple_devices(false, 1)); }).empty());
+    EXPECT_TRUE(helper::sidMap.empty());
+    EXPECT_EQ(h.get_connected_device_number(), 0);
+    EXPECT_FALSE(h.is_sensor_connected(1));
+    EXPECT_TRUE(h.is_sensor_connected(0));
+
     // Sensor 0 is still connected, so a second scan ends at once.
     EXPECT_EQ(printed_by([&] { n = h.connect_multiple_devices(true, 0); }),
               ">>>>>>>>>>>>>>>> Sensor device is already connected!!\n");
@@ -40,7 +47,6 @@ TEST(ConnectionHelper, ScanConnectsSensorsInBusOrderAndRecordsTheirIds) {
     printed_by([&] { disconnected = h.disconnect_multiple_devices(true, 0); });
     EXPECT_TRUE(disconnected);
     EXPECT_FALSE(h.is_sensor_connected(0));
-    EXPECT_FALSE(h.is_sensor_connected(1));
     EXPECT_EQ(helper::m_pSpecDevice.count(0), 0u);
 }
 

@@ -11,7 +11,7 @@ using E = orbsim::Event;
 
 namespace {
 
-orbsim::ControlRequest led(uint16_t value) { return {0x21, 9, value, 0, 0}; }
+talk::Request led(uint16_t value) { return {{0x21, 9, value, 0, 0}, 1000}; }
 
 }  // namespace
 

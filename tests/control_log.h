@@ -1,0 +1,33 @@
+#ifndef ORB_TESTS_CONTROL_LOG_H
+#define ORB_TESTS_CONTROL_LOG_H
+
+// The test binaries stand in front of libusb_control_transfer: every control
+// request made in the process is recorded with the device it went to and the
+// time-out it was given, which the emulated sensor cannot see (libusb keeps
+// time-outs to itself).
+
+#include <vector>
+
+#include "orb_sim.h"
+
+namespace ctllog {
+
+struct Sent {
+    int bus;      // -1 for a null handle
+    int address;
+    orbsim::ControlRequest setup;
+    unsigned int timeout_ms;
+};
+
+// Every control request made through libusb so far, oldest first.
+std::vector<Sent> sent();
+
+// What `sensor` saw, each request with its time-out: the sensor's own log
+// (which `clear_log` shortens) matched against the last requests made to its
+// bus and address. A request the sensor saw that libusb was not asked for
+// fails the calling test.
+std::vector<Sent> said_to(const orbsim::Sensor& sensor);
+
+}  // namespace ctllog
+
+#endif
