@@ -6,8 +6,8 @@
 #
 #   scripts/mutate.sh [FILE-SUBSTRING]   only the changes to matching files
 #
-# Scratch tree and build: build-mutate/ (ORB_MUTATE_DIR). The test binaries
-# are not relinked when only the library changes.
+# Scratch tree and build: build-mutate/ (ORB_MUTATE_DIR), a copy of the files
+# git knows. The test binaries are not relinked when only the library changes.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 work=${ORB_MUTATE_DIR:-$top/build-mutate}
@@ -20,8 +20,11 @@ per_test_timeout=${ORB_MUTATE_TIMEOUT:-30}
 fast='^(InstalledTree|Python|Soak|Bench)'
 
 mkdir -p "$work"
-# Times preserved, so only what changed since the last run is rebuilt.
-rsync -a --delete --exclude '/build*' --exclude '/.git' "$top/" "$tree/"
+# Only files whose content differs are copied, so only they are rebuilt.
+(cd "$top" && git ls-files -co --exclude-standard) | while IFS= read -r f; do
+  [ -f "$top/$f" ] || continue
+  cmp -s "$top/$f" "$tree/$f" 2>/dev/null || { mkdir -p "$(dirname "$tree/$f")"; cp -p "$top/$f" "$tree/$f"; }
+done
 cmake -S "$tree" -B "$bld" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORB_BUILD_BENCH=OFF \
   -DCMAKE_LINK_DEPENDS_NO_SHARED=ON >/dev/null
 
