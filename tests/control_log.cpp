@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 #include <libusb.h>
 
+#include <atomic>
 #include <mutex>
+#include <stdexcept>
 
 namespace {
 std::mutex g_lock;
 std::vector<ctllog::Sent> g_sent;
+std::atomic<bool> g_throw_next{false};
 }  // namespace
 
 // Replaces libusb's definition for the whole test process and forwards to it.
@@ -24,6 +27,7 @@ libusb_control_transfer(libusb_device_handle* handle, uint8_t request_type, uint
         s.bus = libusb_get_bus_number(dev);
         s.address = libusb_get_device_address(dev);
     }
+    if (g_throw_next.exchange(false)) throw std::runtime_error("control request refused by the test");
     {
         std::lock_guard<std::mutex> lock(g_lock);
         g_sent.push_back(s);
@@ -32,6 +36,8 @@ libusb_control_transfer(libusb_device_handle* handle, uint8_t request_type, uint
 }
 
 namespace ctllog {
+
+void throw_on_next_request() { g_throw_next = true; }
 
 std::vector<Sent> sent() {
     std::lock_guard<std::mutex> lock(g_lock);

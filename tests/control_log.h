@@ -28,6 +28,10 @@ std::vector<Sent> sent();
 // fails the calling test.
 std::vector<Sent> said_to(const orbsim::Sensor& sensor);
 
+// The next control request throws std::runtime_error instead of reaching
+// libusb: a failure the library does not know as its own.
+void throw_on_next_request();
+
 }  // namespace ctllog
 
 #endif

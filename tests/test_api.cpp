@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "emulated_bus.h"
+#include "sensor_conversation.h"
 #include "orb_device_api.h"
 #include "orb_device_interface_ae.h"
 
@@ -129,6 +130,14 @@ TEST(Api, TheCurrentSensorIsPickedByIndexOrById) {
     EXPECT_EQ(out, kExceptionLine + "vn_ec_sensor_id_is_empty\n");
     out = printed_by([] { EXPECT_EQ(duGetSensorID(nullptr), -2); });
     EXPECT_EQ(out, kExceptionLine + "vn_ec_memory_is_null\n");
+    // Any other exception is -1 and its own line, which reads "happed" on purpose.
+    ctllog::throw_on_next_request();
+    out = printed_by([] { EXPECT_EQ(duSetShutterSpeed(100), -1); });
+    EXPECT_EQ(out, "[orb_device_api] std::exception happed !!\n");
+
+    // Connecting again first disconnects what is connected.
+    out = printed_by([] { duConnect(); });
+    EXPECT_EQ(out.rfind("Sensor is disconnected.\n", 0), 0u) << out;
 }
 
 TEST(Api, TheSensorListNamesEverySensorInItsOwnBuffer) {
@@ -169,8 +178,13 @@ TEST(Api, OptimalShutterSpeedBringsTheChosenFiltersBelowSaturation) {
     connect(1);
     orbsim::Sensor& s = testbed().sensor(0);
     int ss = 0;
+    vclock::reset();
     printed_by([&] { ss = duGetOptimalShutterSpeed(nullptr, 0); });
     ASSERT_GT(ss, 1);
+    EXPECT_EQ(m_gAEParams.upper_dn_value, 3500);
+    // Each trial lets the sensor settle 10 ms after its new speed.
+    const auto pauses = talk::pauses_ms();
+    EXPECT_NE(std::find(pauses.begin(), pauses.end(), 10u), pauses.end());
     // Accepted when the peak lands in 2900..3500; the brightest default
     // filter is number 514 (index 513), next to the array's brightest.
     const uint16_t peak = orbsim::light_value(513, static_cast<uint16_t>(ss));

@@ -3,18 +3,26 @@
 
 #include <gtest/gtest.h>
 
+#include "orb_device_interface_base.h"
 #include "orb_device_interface_stm_usb_connection_helper.h"
 #include "sensor_conversation.h"
 
 using helper = orb_device_usb_connection_helper;
 
 TEST(ConnectionHelper, ScanConnectsSensorsInBusOrderAndRecordsTheirIds) {
+    orbsim::Sensor& first = testbed().add_sensor();
     testbed().add_sensor();
-    testbed().add_sensor();
+    g_bEnableSpatialFiltering = true;
     helper h;
     int n = 0;
     printed_by([&] { n = h.connect_multiple_devices(true, 0); });
     EXPECT_EQ(n, 2);
+    // Connecting turns spatial filtering off and sets ADC range 132, gain 1
+    // (bit 1 of register 20), resolution 0.
+    EXPECT_FALSE(g_bEnableSpatialFiltering);
+    EXPECT_EQ(g_iSpatialFilterSize, 0);
+    EXPECT_EQ(first.reg(19), 132);
+    EXPECT_EQ(first.reg(20), 2);
     EXPECT_EQ(h.get_connected_device_number(), 2);
     EXPECT_EQ(helper::sidMap, (sensorIdMap{{0, "C1234-7-20-33-1"}, {1, "C1234-7-21-33-1"}}));
     EXPECT_TRUE(h.is_sensor_connected(1));
