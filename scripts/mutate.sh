@@ -23,14 +23,14 @@ mkdir -p "$work"
 # Only files whose content differs are copied, so only they are rebuilt.
 (cd "$top" && git ls-files -co --exclude-standard) | while IFS= read -r f; do
   [ -f "$top/$f" ] || continue
-  cmp -s "$top/$f" "$tree/$f" 2>/dev/null || { mkdir -p "$(dirname "$tree/$f")"; cp -p "$top/$f" "$tree/$f"; }
+  cmp -s "$top/$f" "$tree/$f" 2>/dev/null || { mkdir -p "$(dirname "$tree/$f")"; cp "$top/$f" "$tree/$f"; }
 done
 cmake -S "$tree" -B "$bld" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORB_BUILD_BENCH=OFF \
   -DCMAKE_LINK_DEPENDS_NO_SHARED=ON >/dev/null
 
 build() { cmake --build "$bld" -j"$jobs" >"$work/build.log" 2>&1; }
 tests() {
-  ctest --test-dir "$bld" -j"$jobs" -E "$fast" --timeout "$per_test_timeout" --stop-on-failure -Q \
+  ctest --test-dir "$bld" -j"$jobs" -E "$fast" --timeout "$per_test_timeout" --stop-on-failure \
     >"$work/test.log" 2>&1
 }
 
@@ -91,7 +91,7 @@ while IFS= read -r line || [ -n "$line" ]; do
       echo "SURVIVED  $label ($((SECONDS - t0)) s)"
     else
       killed=$((killed + 1))
-      failed=$(grep -m1 -oE '[0-9]+ - [^ ]+' "$work/test.log" | sed 's/^[0-9]* - //' || true)
+      failed=$(grep -m1 -E '\*\*\*|Failed|Timeout' "$work/test.log" | sed -nE 's/.*Test +#[0-9]+: ([^ ]+).*/\1/p' || true)
       echo "KILLED    $label ($((SECONDS - t0)) s, ${failed:-?})"
     fi
   fi

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "control_log.h"
+#include "usb_log.h"
 #include "emulated_bus.h"
 #include "orb_device_interface_stm_usb.h"
 #include "virtual_clock.h"
@@ -59,7 +59,7 @@ inline std::string hex(const Requests& requests) {
 // host gave each request.
 inline Requests said(const orbsim::Sensor& sensor) {
     Requests out;
-    for (const auto& s : ctllog::said_to(sensor)) out.push_back({s.setup, s.timeout_ms});
+    for (const auto& s : usblog::said_to(sensor)) out.push_back({s.setup, s.timeout_ms});
     return out;
 }
 

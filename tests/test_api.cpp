@@ -131,7 +131,7 @@ TEST(Api, TheCurrentSensorIsPickedByIndexOrById) {
     out = printed_by([] { EXPECT_EQ(duGetSensorID(nullptr), -2); });
     EXPECT_EQ(out, kExceptionLine + "vn_ec_memory_is_null\n");
     // Any other exception is -1 and its own line, which reads "happed" on purpose.
-    ctllog::throw_on_next_request();
+    usblog::throw_on_next_request();
     out = printed_by([] { EXPECT_EQ(duSetShutterSpeed(100), -1); });
     EXPECT_EQ(out, "[orb_device_api] std::exception happed !!\n");
 

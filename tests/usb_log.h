@@ -1,16 +1,16 @@
-#ifndef ORB_TESTS_CONTROL_LOG_H
-#define ORB_TESTS_CONTROL_LOG_H
+#ifndef ORB_TESTS_USB_LOG_H
+#define ORB_TESTS_USB_LOG_H
 
-// The test binaries stand in front of libusb_control_transfer: every control
-// request made in the process is recorded with the device it went to and the
-// time-out it was given, which the emulated sensor cannot see (libusb keeps
-// time-outs to itself).
+// The test binaries stand in front of two libusb calls. Every control request
+// made in the process is recorded with the device it went to and the time-out
+// it was given, which the emulated sensor cannot see (libusb keeps time-outs
+// to itself); libusb_exit calls are counted.
 
 #include <vector>
 
 #include "orb_sim.h"
 
-namespace ctllog {
+namespace usblog {
 
 struct Sent {
     int bus;      // -1 for a null handle
@@ -32,6 +32,9 @@ std::vector<Sent> said_to(const orbsim::Sensor& sensor);
 // libusb: a failure the library does not know as its own.
 void throw_on_next_request();
 
-}  // namespace ctllog
+// libusb_exit calls so far: each gives up one libusb_init reference.
+int exits();
+
+}  // namespace usblog
 
 #endif

@@ -1,4 +1,4 @@
-#include "control_log.h"
+#include "usb_log.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -10,8 +10,9 @@
 
 namespace {
 std::mutex g_lock;
-std::vector<ctllog::Sent> g_sent;
+std::vector<usblog::Sent> g_sent;
 std::atomic<bool> g_throw_next{false};
+std::atomic<int> g_exits{0};
 }  // namespace
 
 // Replaces libusb's definition for the whole test process and forwards to it.
@@ -21,7 +22,7 @@ libusb_control_transfer(libusb_device_handle* handle, uint8_t request_type, uint
     using Control = int (*)(libusb_device_handle*, uint8_t, uint8_t, uint16_t, uint16_t, unsigned char*, uint16_t,
                             unsigned int);
     static const Control real = reinterpret_cast<Control>(dlsym(RTLD_NEXT, "libusb_control_transfer"));
-    ctllog::Sent s{-1, -1, {request_type, request, value, index, length}, timeout};
+    usblog::Sent s{-1, -1, {request_type, request, value, index, length}, timeout};
     if (handle) {
         libusb_device* dev = libusb_get_device(handle);
         s.bus = libusb_get_bus_number(dev);
@@ -35,7 +36,16 @@ libusb_control_transfer(libusb_device_handle* handle, uint8_t request_type, uint
     return real(handle, request_type, request, value, index, data, length, timeout);
 }
 
-namespace ctllog {
+extern "C" __attribute__((visibility("default"))) void LIBUSB_CALL libusb_exit(libusb_context* ctx) {
+    using Exit = void (*)(libusb_context*);
+    static const Exit real = reinterpret_cast<Exit>(dlsym(RTLD_NEXT, "libusb_exit"));
+    g_exits++;
+    real(ctx);
+}
+
+namespace usblog {
+
+int exits() { return g_exits; }
 
 void throw_on_next_request() { g_throw_next = true; }
 
@@ -62,4 +72,4 @@ std::vector<Sent> said_to(const orbsim::Sensor& sensor) {
     return mine;
 }
 
-}  // namespace ctllog
+}  // namespace usblog
