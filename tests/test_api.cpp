@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "emulated_bus.h"
-#include "sensor_conversation.h"
 #include "orb_device_api.h"
 #include "orb_device_interface_ae.h"
+#include "sensor_conversation.h"
 
 namespace {
 
@@ -130,7 +130,8 @@ TEST(Api, TheCurrentSensorIsPickedByIndexOrById) {
     EXPECT_EQ(out, kExceptionLine + "vn_ec_sensor_id_is_empty\n");
     out = printed_by([] { EXPECT_EQ(duGetSensorID(nullptr), -2); });
     EXPECT_EQ(out, kExceptionLine + "vn_ec_memory_is_null\n");
-    // Any other exception is -1 and its own line, which reads "happed" on purpose.
+    // Any other exception is -1 and its own line; "happed" is the line's
+    // spelling as hosts know it and stays.
     usblog::throw_on_next_request();
     out = printed_by([] { EXPECT_EQ(duSetShutterSpeed(100), -1); });
     EXPECT_EQ(out, "[orb_device_api] std::exception happed !!\n");

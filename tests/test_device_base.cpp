@@ -48,7 +48,7 @@ protected:
 
 }  // namespace
 
-TEST(DeviceBase, FreshObjectRefusesSensorWorkButConvertsExposures) {
+TEST(DeviceBase, FreshObjectRefusesSensorWorkAndAZeroClock) {
     g_FMA_Buffer[99][1023] = 5.0;
     Base base(0);
     EXPECT_EQ(g_FMA_Buffer[99][1023], 0.0);  // every construction clears the ring
@@ -78,16 +78,16 @@ TEST(DeviceBase, FreshObjectRefusesSensorWorkButConvertsExposures) {
 // (shutter x 912 + 160) / (clock x 1000) in integers, and back as
 // trunc((clock x 1000 x ms - 160 - 384) / 528). Besides the worked examples,
 // each formula gets a numerator that is an exact multiple of its divisor
-// (any constant made smaller drops the result by one) and one just below a
-// multiple (any made larger raises it), so every constant and the truncation
-// show. The numerator is a multiple of 8 one way, so an offset of 161 instead
-// of 160 cannot show there.
+// (any constant made smaller drops the result by one; below zero, any made
+// larger lifts it toward zero) and one just below a multiple (any made larger
+// raises it), so every constant and the truncation show.
 TEST(DeviceBase, ExposureConversionsKeepEveryConstantOfTheirFormulas) {
     Base base(0);
     struct ToMs { int clock, shutter; double ms; };
     for (ToMs c : {ToMs{20, 250, 11.0}, {1, 1, 1.0}, {10, 100, 9.0},
                    {1, 70, 64.0},         // 64000 / 1000
                    {1, 36, 32.0},         // 32992 / 1000
+                   {1, -55, -50.0},       // -50000 / 1000
                    {-10, 100, -9.0}}) {   // -9.136 truncated toward zero
         double ms = -1;
         EXPECT_EQ(base.shutter_to_exposure_time_ms(c.clock, c.shutter, &ms), 1);
