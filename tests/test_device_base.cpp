@@ -104,9 +104,14 @@ TEST(DeviceBase, ExposureConversionsKeepEveryConstantOfTheirFormulas) {
     }
 }
 
-// The sensor has no mode to read back: in service the call asks nothing and
-// writes nothing.
-TEST_F(InService, AcquisitionModeIsNotReadBack) {
+// Setting any acquisition mode rewrites the blank time, always on sensor 0
+// whatever sensor the object stands for (kept as the firmware expects it).
+// The sensor has no mode to read back: getting it asks nothing and leaves the
+// caller's value alone.
+TEST_F(InService, AcquisitionModeRewritesSensorZerosBlankTimeAndIsNotReadBack) {
+    sensor_.clear_log();
+    base_.set_acq_mode(3);
+    EXPECT_SAID(sensor_, {talk::cmd(34, 0), talk::cmd(33, 2), talk::cmd(39), talk::cmd(38)});
     sensor_.clear_log();
     int mode = 7;
     base_.get_acq_mode(&mode);
