@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <new>
@@ -129,12 +130,13 @@ SensorIdText id_text_of(orb_device_interface& sensor, unsigned int index) {
 
 int optimal_shutter_speed(const int* valid_filters_in, int num_of_valid_filters, int saturation_value) {
     orb_device_interface* sensor = current_sensor();
-    if (!sensor || (valid_filters_in && num_of_valid_filters < 0)) return -1;
+    if (!sensor) return -1;
     return guarded([&] {
         std::vector<double> background_data(kNumFilters, 0.0);
         std::vector<int> valid_filter_list;
+        // A negative count copies nothing; the search then looks at every filter.
         if (valid_filters_in)
-            valid_filter_list.assign(valid_filters_in, valid_filters_in + num_of_valid_filters);
+            valid_filter_list.assign(valid_filters_in, valid_filters_in + std::max(num_of_valid_filters, 0));
         else
             valid_filter_list.assign(kDefaultValidFilters.begin(), kDefaultValidFilters.end());
         sensor->set_auto_exposure_parameters(saturation_value, current_index());
@@ -276,8 +278,11 @@ int duGetShutterSpeedLimits(int* min_limit, int* max_limit) {
 
 int duShutterSpeedToExposureTime(int master_clock, int shutter_speed, double* exposure_time_val) {
     orb_device_interface* sensor = current_sensor();
-    // The conversion divides by the clock in kHz, held in an int.
-    if (!sensor || !exposure_time_val || master_clock < 1 || master_clock > INT_MAX / 1000) return -1;
+    // The conversion divides by the clock times 1000, held in an int: refused
+    // only when that is 0 or does not fit. A negative clock converts like any other.
+    if (!sensor || !exposure_time_val || master_clock == 0 || master_clock > INT_MAX / 1000 ||
+        master_clock < INT_MIN / 1000)
+        return -1;
     return guarded(
         [&] { return sensor->shutter_to_exposure_time_ms(master_clock, shutter_speed, exposure_time_val); });
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -11,6 +12,8 @@
 
 #include "emulated_bus.h"
 #include "orb_device_api.h"
+#include "orb_device_interface_ae.h"
+#include "sensor_conversation.h"
 
 namespace {
 
@@ -97,7 +100,15 @@ TEST(Api, SettingsAreClampedOnTheirWayToTheSensorAndExposureConverts) {
     int shutter = 0;
     EXPECT_EQ(duExposureTimeToShutterSpeed(20, ms, &shutter), 1);
     EXPECT_EQ(std::make_pair(ms, shutter), std::make_pair(11.0, 415));
-    EXPECT_EQ(duShutterSpeedToExposureTime(0, 250, &ms), -1);  // would divide by zero
+    // Any clock converts whose product with 1000 is a non-zero int; the
+    // quotient is truncated toward zero.
+    EXPECT_EQ(duShutterSpeedToExposureTime(-10, 100, &ms), 1);
+    EXPECT_EQ(ms, -9.0);
+    EXPECT_EQ(duShutterSpeedToExposureTime(-2147483, 1, &ms), 1);
+    EXPECT_EQ(ms, 0.0);
+    ms = 5.0;
+    for (int clock : {0, 2147484, -2147484}) EXPECT_EQ(duShutterSpeedToExposureTime(clock, 250, &ms), -1) << clock;
+    EXPECT_EQ(ms, 5.0);
     EXPECT_EQ(duExposureTimeToShutterSpeed(20, 11.0, nullptr), -1);
 }
 
@@ -119,6 +130,15 @@ TEST(Api, TheCurrentSensorIsPickedByIndexOrById) {
     EXPECT_EQ(out, kExceptionLine + "vn_ec_sensor_id_is_empty\n");
     out = printed_by([] { EXPECT_EQ(duGetSensorID(nullptr), -2); });
     EXPECT_EQ(out, kExceptionLine + "vn_ec_memory_is_null\n");
+    // Any other exception is -1 and its own line; "happed" is the line's
+    // spelling as hosts know it and stays.
+    usblog::throw_on_next_request();
+    out = printed_by([] { EXPECT_EQ(duSetShutterSpeed(100), -1); });
+    EXPECT_EQ(out, "[orb_device_api] std::exception happed !!\n");
+
+    // Connecting again first disconnects what is connected.
+    out = printed_by([] { duConnect(); });
+    EXPECT_EQ(out.rfind("Sensor is disconnected.\n", 0), 0u) << out;
 }
 
 TEST(Api, TheSensorListNamesEverySensorInItsOwnBuffer) {
@@ -159,16 +179,29 @@ TEST(Api, OptimalShutterSpeedBringsTheChosenFiltersBelowSaturation) {
     connect(1);
     orbsim::Sensor& s = testbed().sensor(0);
     int ss = 0;
+    vclock::reset();
     printed_by([&] { ss = duGetOptimalShutterSpeed(nullptr, 0); });
     ASSERT_GT(ss, 1);
+    EXPECT_EQ(m_gAEParams.upper_dn_value, 3500);
+    // Each trial lets the sensor settle 10 ms after its new speed.
+    const auto pauses = talk::pauses_ms();
+    EXPECT_NE(std::find(pauses.begin(), pauses.end(), 10u), pauses.end());
     // Accepted when the peak lands in 2900..3500; the brightest default
     // filter is number 514 (index 513), next to the array's brightest.
     const uint16_t peak = orbsim::light_value(513, static_cast<uint16_t>(ss));
     EXPECT_GE(peak, 2900);
     EXPECT_LE(peak, 3500);
 
-    s.clear_log();
+    // A negative count copies none of the host's filters, and an empty list
+    // means all 1024: only the last filter is lit, at a level the search
+    // accepts at its first speed.
+    s.set_frame_generator([](const orbsim::FrameInfo&, std::array<uint16_t, orbsim::kFilters>& v) {
+        v.fill(0);
+        v[1023] = 3200;
+    });
     int filters[] = {500, 501};
-    EXPECT_EQ(duGetOptimalShutterSpeed2(filters, -1, 2000), -1);
-    EXPECT_TRUE(s.requests().empty());
+    printed_by([&] { ss = duGetOptimalShutterSpeed(filters, -1); });
+    EXPECT_EQ(ss, m_gAEParams.initial_ss);
+    printed_by([&] { ss = duGetOptimalShutterSpeed(filters, 2); });
+    EXPECT_NE(ss, m_gAEParams.initial_ss);
 }

@@ -10,7 +10,7 @@
 using talk::cmd;
 using talk::stream;
 using E = orbsim::Event;
-using Requests = std::vector<orbsim::ControlRequest>;
+using talk::Requests;
 
 namespace {
 

@@ -48,7 +48,7 @@ protected:
 
 }  // namespace
 
-TEST(DeviceBase, FreshObjectRefusesSensorWorkButConvertsExposures) {
+TEST(DeviceBase, FreshObjectRefusesSensorWorkAndAZeroClock) {
     g_FMA_Buffer[99][1023] = 5.0;
     Base base(0);
     EXPECT_EQ(g_FMA_Buffer[99][1023], 0.0);  // every construction clears the ring
@@ -70,16 +70,53 @@ TEST(DeviceBase, FreshObjectRefusesSensorWorkButConvertsExposures) {
     EXPECT_EQ(base.leddriver_set_led_state(on, 8, 1), 0);  // no LED driver open
     EXPECT_EQ(base.leddriver_turn_off_all(), -1);
 
-    double ms = 0;
-    int ss = 0;
-    auto exposure = [&](int mclk, int shutter) { return base.shutter_to_exposure_time_ms(mclk, shutter, &ms), ms; };
-    EXPECT_EQ(exposure(20, 250), 11.0);  // 11.408 truncated
-    EXPECT_EQ(exposure(1, 1), 1.0);
-    EXPECT_EQ(exposure(10, 100), 9.0);
-    base.exposure_tim_ms_to_shutter(20, 11.0, &ss);
-    EXPECT_EQ(ss, 415);
     // A host's zero clock is refused, not divided by.
-    EXPECT_EQ(code_of([&] { exposure(0, 100); }), vn_ec_ill_defined_input);
+    double ms = 0;
+    EXPECT_EQ(code_of([&] { base.shutter_to_exposure_time_ms(0, 100, &ms); }), vn_ec_ill_defined_input);
+}
+
+// (shutter x 912 + 160) / (clock x 1000) in integers, and back as
+// trunc((clock x 1000 x ms - 160 - 384) / 528). Besides the worked examples,
+// each formula gets a numerator that is an exact multiple of its divisor
+// (any constant made smaller drops the result by one; below zero, any made
+// larger lifts it toward zero) and one just below a multiple (any made larger
+// raises it), so every constant and the truncation show.
+TEST(DeviceBase, ExposureConversionsKeepEveryConstantOfTheirFormulas) {
+    Base base(0);
+    struct ToMs { int clock, shutter; double ms; };
+    for (ToMs c : {ToMs{20, 250, 11.0}, {1, 1, 1.0}, {10, 100, 9.0},
+                   {1, 70, 64.0},         // 64000 / 1000
+                   {1, 36, 32.0},         // 32992 / 1000
+                   {1, -55, -50.0},       // -50000 / 1000
+                   {-10, 100, -9.0}}) {   // -9.136 truncated toward zero
+        double ms = -1;
+        EXPECT_EQ(base.shutter_to_exposure_time_ms(c.clock, c.shutter, &ms), 1);
+        EXPECT_EQ(ms, c.ms) << c.clock << " MHz, shutter " << c.shutter;
+    }
+    struct ToShutter { int clock; double ms; int shutter; };
+    for (ToShutter c : {ToShutter{20, 11.0, 415},
+                        {1, 28.0, 52},      // 27456 / 528
+                        {1, 63.375, 118},   // 62831 / 528 = 118.998
+                        {1, 0.0, -1}}) {    // -544 / 528 truncated toward zero
+        int ss = 0;
+        EXPECT_EQ(base.exposure_tim_ms_to_shutter(c.clock, c.ms, &ss), 1);
+        EXPECT_EQ(ss, c.shutter) << c.clock << " MHz, " << c.ms << " ms";
+    }
+}
+
+// Setting any acquisition mode rewrites the blank time, always on sensor 0
+// whatever sensor the object stands for (kept as the firmware expects it).
+// The sensor has no mode to read back: getting it asks nothing and leaves the
+// caller's value alone.
+TEST_F(InService, AcquisitionModeRewritesSensorZerosBlankTimeAndIsNotReadBack) {
+    sensor_.clear_log();
+    base_.set_acq_mode(3);
+    EXPECT_SAID(sensor_, {talk::cmd(34, 0), talk::cmd(33, 2), talk::cmd(39), talk::cmd(38)});
+    sensor_.clear_log();
+    int mode = 7;
+    base_.get_acq_mode(&mode);
+    EXPECT_EQ(mode, 7);
+    EXPECT_TRUE(sensor_.requests().empty());
 }
 
 TEST_F(InService, ReportsTheLastSpeedAskedForNotWhatTheSensorHolds) {

@@ -6,7 +6,7 @@
 #include "sensor_conversation.h"
 
 using talk::cmd;
-using Requests = std::vector<orbsim::ControlRequest>;
+using talk::Requests;
 
 namespace {
 

@@ -16,8 +16,8 @@ using Pauses = std::vector<uint64_t>;
 
 namespace {
 
-const std::vector<orbsim::ControlRequest> kStart = {stream(71), stream(70)};
-const std::vector<orbsim::ControlRequest> kStop = {stream(71), stream(71), stream(71)};
+const talk::Requests kStart = {stream(71), stream(70)};
+const talk::Requests kStop = {stream(71), stream(71), stream(71)};
 const std::string kRules = std::string(57, '@') + "\n" + std::string(57, '@') + "\n";
 
 std::vector<double> acquire(int n, int mode) {
@@ -239,7 +239,7 @@ TEST_F(Frames, ControlPathReadsOneFramePerRequest) {
     EXPECT_EQ(printed_by([] { EXPECT_EQ(acquire_frame_data_control(2, 0), 1); }),
               "Received data Count = 0\n===>>>> curent count : 0\n"
               "Received data Count = 2\n===>>>> curent count : 2\n");
-    const orbsim::ControlRequest frame_request = {0xA1, 2, 0x84, 1, 2048};
+    const talk::Request frame_request = {{0xA1, 2, 0x84, 1, 2048}, 2000};
     EXPECT_SAID(s, {frame_request, frame_request, frame_request});
     EXPECT_EQ(talk::pauses_ms(), (Pauses{30, 30, 30}));
     printed_by([] { acquire_frame_data_control(2, 0); });

@@ -11,7 +11,7 @@ using E = orbsim::Event;
 
 namespace {
 
-orbsim::ControlRequest led(uint16_t value) { return {0x21, 9, value, 0, 0}; }
+talk::Request led(uint16_t value) { return {{0x21, 9, value, 0, 0}, 1000}; }
 
 }  // namespace
 
@@ -37,9 +37,12 @@ TEST(LedDriver, StateWordCarriesChannelBitsAndIntensityAndClosingEndsTheDriver) 
     EXPECT_SAID(module, {led(0x0300), led(0x0105), led(0x0305), led(0x0200)});
     EXPECT_EQ(module.led_state(), 0x0200);
 
+    // Closing also gives up the driver's reference to libusb's default context.
+    const int exits = usblog::exits();
     EXPECT_EQ(is_led_driver_close(), 1);
     EXPECT_EQ(is_led_driver_open(), 0);
     EXPECT_EQ(is_led_driver_close(), 0);
+    EXPECT_EQ(usblog::exits() - exits, 1);
     // Unconfigured on close; interface 0 was never claimed, so libusb keeps
     // its release to itself.
     EXPECT_EQ(seen(module, E::SetConfiguration), std::vector<int>{-1});

@@ -14,7 +14,7 @@ using Pauses = std::vector<uint64_t>;
 
 TEST(Settings, ShutterSpeedGoesWithItsBlankTimeIsVerifiedAndSettles) {
     orbsim::Sensor& s = talk::connected_sensor();
-    const std::vector<orbsim::ControlRequest> shutter = {cmd(37, 0x03), cmd(5, 0xE8), cmd(36), cmd(4)};
+    const talk::Requests shutter = {cmd(37, 0x03), cmd(5, 0xE8), cmd(36), cmd(4)};
 
     // Blank time 1032 first, then the shutter bytes, read back; then the
     // blank period, 1032 * 0.7 + 10 ms.
@@ -80,7 +80,7 @@ TEST(Settings, BlankTimeIsWrittenWithoutReadBack) {
 
 TEST(Settings, AdcSettingsPackGainAndResolutionIntoOneRegister) {
     orbsim::Sensor& s = talk::connected_sensor();
-    const std::vector<orbsim::ControlRequest> adc = {cmd(19, 65), cmd(20, 3), cmd(35), cmd(40)};
+    const talk::Requests adc = {cmd(19, 65), cmd(20, 3), cmd(35), cmd(40)};
     EXPECT_EQ(set_adc_setting_values(65, 1, 1, 0), 1);
     EXPECT_SAID(s, adc);
     EXPECT_EQ(talk::pauses_ms(), (Pauses{30, 30, 30, 30}));
