@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <list>
+#include <future>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -600,7 +601,16 @@ Testbed::Testbed() : impl_(std::make_unique<Impl>()) {
     gchar* root = umockdev_testbed_get_root_dir(impl_->tb);
     impl_->root = root;
     g_free(root);
-    impl_->ticker = std::thread([this] { impl_->run_ticker(); });
+    // Returns once the ticker runs: a test that ends at once would otherwise
+    // exit while the thread is still being set up, and LeakSanitizer reports
+    // what the thread library had allocated for it by then.
+    std::promise<void> running;
+    std::future<void> started = running.get_future();
+    impl_->ticker = std::thread([this, running = std::move(running)]() mutable {
+        running.set_value();
+        impl_->run_ticker();
+    });
+    started.wait();
 }
 
 Testbed::~Testbed() {
