@@ -35,30 +35,33 @@ static mode_t mode_of(int flags, va_list ap) {
         }                      \
     } while (0)
 
-#define WRAP_OPEN(name)                                                   \
-    int name(const char* path, int flags, ...) {                          \
-        static int (*next)(const char*, int, ...);                        \
-        va_list ap;                                                       \
-        mode_t mode;                                                      \
-        va_start(ap, flags);                                              \
-        mode = mode_of(flags, ap);                                        \
-        va_end(ap);                                                       \
-        REFUSE_IF_BARRED(path);                                           \
+/* The mode argument exists only when the flags create a file. */
+#define TAKE_MODE(flags, mode)       \
+    do {                             \
+        va_list ap;                  \
+        va_start(ap, flags);         \
+        mode = mode_of(flags, ap);   \
+        va_end(ap);                  \
+    } while (0)
+
+#define WRAP_OPEN(name)                                                            \
+    int name(const char* path, int flags, ...) {                                   \
+        static int (*next)(const char*, int, ...);                                 \
+        mode_t mode;                                                               \
+        TAKE_MODE(flags, mode);                                                    \
+        REFUSE_IF_BARRED(path);                                                    \
         if (!next) next = (int (*)(const char*, int, ...))dlsym(RTLD_NEXT, #name); \
-        return next(path, flags, mode);                                   \
+        return next(path, flags, mode);                                            \
     }
 
-#define WRAP_OPENAT(name)                                                          \
-    int name(int dir, const char* path, int flags, ...) {                          \
-        static int (*next)(int, const char*, int, ...);                            \
-        va_list ap;                                                                \
-        mode_t mode;                                                               \
-        va_start(ap, flags);                                                       \
-        mode = mode_of(flags, ap);                                                 \
-        va_end(ap);                                                                \
-        REFUSE_IF_BARRED(path);                                                    \
+#define WRAP_OPENAT(name)                                                               \
+    int name(int dir, const char* path, int flags, ...) {                               \
+        static int (*next)(int, const char*, int, ...);                                 \
+        mode_t mode;                                                                    \
+        TAKE_MODE(flags, mode);                                                         \
+        REFUSE_IF_BARRED(path);                                                         \
         if (!next) next = (int (*)(int, const char*, int, ...))dlsym(RTLD_NEXT, #name); \
-        return next(dir, path, flags, mode);                                       \
+        return next(dir, path, flags, mode);                                            \
     }
 
 #define WRAP_FORTIFIED(name)                                          \
