@@ -98,6 +98,10 @@ ORB_EXPORT int orb_stream_stop(int index, int timeout_ms);
  * with the loss as its result. */
 ORB_EXPORT int orb_stream_get_stats(int index, orb_stream_stats* stats);
 
+/* The settings the sensor works with: those of the running stream, else
+ * read from the sensor's registers (no write, no pause). */
+ORB_EXPORT int orb_stream_get_settings(int index, orb_stream_settings* settings, int timeout_ms);
+
 /* Setting changes that take effect without stopping a stream. Frames still
  * waiting and frames under way when the change is made are discarded
  * (stale): every frame read after one of these returns was exposed with

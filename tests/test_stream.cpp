@@ -267,3 +267,31 @@ TEST(Stream, DisconnectingTheSensorEndsItsStreamAndEveryWait) {
     EXPECT_EQ(orb_stream_stop(0, 1000), ORB_STREAM_ERR_NOT_CONNECTED);
     EXPECT_EQ(orb_stream_stop(0, 1000), ORB_STREAM_ERR_NOT_STREAMING);
 }
+
+TEST(Stream, SettingsAreReadFromTheSensorAndFromARunningStreamWithoutAskingIt) {
+    orbsim::Sensor& s = connected();
+    ASSERT_EQ(orb_stream_set_shutter_speed(0, 700, 2000), ORB_STREAM_OK);
+    ASSERT_EQ(orb_stream_set_adc(0, 0, 90, 1, 2000), ORB_STREAM_OK);
+    s.clear_log();
+    orb_stream_settings got{};
+    EXPECT_ANSWERS_WITHIN(1000, ORB_STREAM_OK, orb_stream_get_settings(0, &got, 1000));
+    expect_sent_within(s, {cmd(36), cmd(4), cmd(39), cmd(38), cmd(35), cmd(40), cmd(53)}, 1000);
+    EXPECT_EQ(got.shutter_speed, 700);
+    EXPECT_EQ(got.blank_time, 732);
+    EXPECT_EQ(got.adc_range, 90);
+    EXPECT_EQ(got.adc_gain, 0);
+    EXPECT_EQ(got.adc_resolution, 1);
+
+    ASSERT_EQ(orb_stream_start(0, 0, 2000), ORB_STREAM_OK);
+    ASSERT_EQ(orb_stream_set_shutter_speed(0, 40, 2000), ORB_STREAM_OK);
+    s.clear_log();
+    EXPECT_EQ(orb_stream_get_settings(0, &got, 1000), ORB_STREAM_OK);
+    EXPECT_EQ(got.shutter_speed, 40);
+    EXPECT_TRUE(talk::said(s).empty()) << talk::hex(talk::said(s));
+    EXPECT_EQ(orb_stream_stop(0, 1000), ORB_STREAM_OK);
+
+    EXPECT_EQ(orb_stream_get_settings(0, nullptr, 1000), ORB_STREAM_ERR_INVALID);
+    EXPECT_EQ(orb_stream_get_settings(3, &got, 1000), ORB_STREAM_ERR_NOT_CONNECTED);
+    s.hang();
+    EXPECT_ANSWERS_WITHIN(400, ORB_STREAM_ERR_TIMEOUT, orb_stream_get_settings(0, &got, 200));
+}

@@ -272,6 +272,27 @@ extern "C" int orb_stream_stop(int index, int timeout_ms) {
     return failed(r, handle);
 }
 
+extern "C" int orb_stream_get_settings(int index, orb_stream_settings* settings, int timeout_ms) {
+    if (settings == nullptr || timeout_ms < 0) return ORB_STREAM_ERR_INVALID;
+    libusb_device_handle* handle = nullptr;
+    int r = usable(index, &handle);
+    if (r != ORB_STREAM_OK) return r;
+    Session& s = session_at(index);
+    {
+        // A stream knows them, and asking the sensor now would hold its
+        // frames back behind the requests.
+        std::lock_guard<std::mutex> guard(s.lock);
+        if (s.active && !s.failure) {
+            *settings = s.settings;
+            return ORB_STREAM_OK;
+        }
+    }
+    orb_stream_settings read{};
+    r = read_settings(handle, Deadline::in_ms(timeout_ms), read);
+    if (r == ORB_STREAM_OK) *settings = read;
+    return failed(r, handle);
+}
+
 extern "C" int orb_stream_get_stats(int index, orb_stream_stats* stats) {
     if (index < 0 || index >= kMaxStreams || stats == nullptr) return ORB_STREAM_ERR_INVALID;
     Session& s = session_at(index);
