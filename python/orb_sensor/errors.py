@@ -45,32 +45,38 @@ ERROR_CODE_NAMES = {
 
 
 class OrbError(Exception):
-    """A failure reported by the library.
+    """Every failure this package reports: the root of its exceptions.
 
-    `code` is the ORB_ERROR_CODE value and `name` its enumerator. An entry
-    point returns minus the code, except that a failure with no code of its
-    own comes back as -1, which is reported as vn_ec_fail (-1).
+    `code` is an ORB_ERROR_CODE value when the library gave one (`name` is
+    its enumerator), else -1 (vn_ec_fail).
     """
 
-    def __init__(self, code, name=None):
+    def __init__(self, text=None, code=-1):
         self.code = code
-        self.name = name or ERROR_CODE_NAMES.get(code, "unknown")
-        super().__init__(f"{self.name} ({code})")
-
-    @classmethod
-    def from_result(cls, result):
-        return cls(-1 if result == -1 else -result)
+        self.name = ERROR_CODE_NAMES.get(code, "unknown")
+        super().__init__(text or f"{self.name} ({code})")
 
 
 class NoSensorError(OrbError):
     """No sensor came up: none attached, or no access to its device node."""
 
-    def __init__(self):
-        super().__init__(3, "vn_ec_no_device_in_system")
+    def __init__(self, text="no sensor found"):
+        super().__init__(text, code=3)
 
 
-def check(result):
-    """Returns a non-negative result and raises OrbError for a negative one."""
-    if result < 0:
-        raise OrbError.from_result(result)
-    return result
+class SensorLostError(OrbError):
+    """The sensor left the bus (or its process ended). The same Sensor
+    works again once it is plugged back in."""
+
+
+class SensorTimeoutError(OrbError):
+    """The sensor did not answer within the time-out. The next call starts
+    afresh; if the sensor stays silent, replug it."""
+
+
+class OrbValueError(OrbError, ValueError):
+    """An argument out of range: nothing was sent to the sensor."""
+
+
+class OrbTypeError(OrbError, TypeError):
+    """An argument of the wrong type: nothing was sent to the sensor."""

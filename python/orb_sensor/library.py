@@ -37,6 +37,24 @@ _PROTOTYPES = {
     "duGetSensorParameters": (ctypes.c_int, [_c_int_p, _c_int_p]),
 }
 
+_c_void_p = ctypes.c_void_p
+
+# The streaming and bounded calls (orb_stream.h). Frames and settings are
+# passed as raw buffers: orb_sensor.wire_format knows their layout.
+_STREAM_PROTOTYPES = {
+    "orb_stream_start": (ctypes.c_int, [ctypes.c_int, ctypes.c_int, ctypes.c_int]),
+    "orb_stream_read": (ctypes.c_int, [ctypes.c_int, _c_void_p, ctypes.c_int]),
+    "orb_stream_stop": (ctypes.c_int, [ctypes.c_int, ctypes.c_int]),
+    "orb_stream_get_stats": (ctypes.c_int, [ctypes.c_int, _c_void_p]),
+    "orb_stream_get_settings": (ctypes.c_int, [ctypes.c_int, _c_void_p, ctypes.c_int]),
+    "orb_stream_set_shutter_speed": (ctypes.c_int, [ctypes.c_int, ctypes.c_int, ctypes.c_int]),
+    "orb_stream_set_adc": (ctypes.c_int, [ctypes.c_int] * 5),
+    "orb_single_shot": (ctypes.c_int, [ctypes.c_int, _c_double_p, ctypes.c_int, ctypes.c_int]),
+    "orb_sensor_present": (ctypes.c_int, [ctypes.c_int]),
+    "orb_stream_result_text": (ctypes.c_char_p, [ctypes.c_int]),
+}
+_PROTOTYPES.update(_STREAM_PROTOTYPES)
+
 # The LED driver calls have C++ linkage: they are reached by their (stable,
 # Itanium ABI) mangled names.
 _LED_PROTOTYPES = {

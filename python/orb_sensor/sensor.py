@@ -1,91 +1,80 @@
-"""Sensors as Python objects over the library's du... entry points.
+"""Sensors as Python objects.
 
-The library keeps one table of connected sensors and one current sensor per
-process, so this module keeps one connection per process: the first
-Sensor.list() or Sensor() connects every attached sensor, and they stay
-connected until the process exits. Sensors attached later are not seen.
-Each Sensor makes its own sensor current before every call, so several may
-be open at once; none of this is safe to use from two threads at a time.
+The library runs in a worker process that orb_sensor.supervisor starts on
+the first call and replaces when it hangs or its sensor is replugged, so
+every call returns within its time-out and a Sensor outlives an unplug: it
+follows its sensor by ID. Calls on one sensor from several threads run one
+after the other; two sensors work at once.
 """
 
-import atexit
-import ctypes
+import threading
+import time
 
 import numpy as np
 
-from . import library
-from .errors import NoSensorError, OrbError, check
+from . import checks, streaming, supervisor
+from .errors import NoSensorError, OrbValueError, SensorLostError
+from .frame import (DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, NUM_FILTERS, Frame, exposure_ms,
+                    nearest_shutter_speed, saturated_filters)
 
-NUM_FILTERS = 1024
-SENSOR_ID_SIZE = 26
-# The sensor's master clock in MHz, used to turn shutter speeds into
-# milliseconds: (shutter x 912 + 160) ticks. The library truncates to whole
-# milliseconds, so at 10 MHz shutter speed 1000 is 91 ms.
-DEFAULT_MASTER_CLOCK_MHZ = 10
-
-
-class _Connection:
-    """The process's one duConnect, kept until the process exits: the library
-    brings its USB event thread up only once per process, so a second
-    connection after a disconnect does not work."""
-
-    count = 0
-
-    @classmethod
-    def acquire(cls):
-        lib = library.load()
-        if cls.count == 0:
-            connected = lib.duConnect()
-            if connected < 1:
-                raise NoSensorError()
-            cls.count = connected
-            atexit.register(lib.duDisconnect)
-        return lib
-
-
-def _sensor_ids(lib):
-    total = lib.duGetTotalSensors()
-    entries = lib.duGetSensorList()
-    if not entries:
-        # The library reports any failure here as a null list, codes lost.
-        raise OrbError(-1)
-    try:
-        return [ctypes.string_at(entries[i]).decode("ascii") for i in range(total)]
-    finally:
-        for i in range(total):
-            library.free(entries[i])
-        library.free(entries)
+SHUTTER_SPEED_LIMITS = (1, 3000)
+ADC_RANGE_LIMITS = (0, 255)
+# Time-outs in seconds: for a setting (a few requests of at most 1 s each),
+# and beyond the frames themselves for an acquisition.
+CONTROL_TIMEOUT_S = 5.0
+ACQUISITION_MARGIN_S = 2.0
+# The sensor sends a frame at most every 32/19 ms, or once per exposure.
+FASTEST_FRAME_S = 32 / 19 / 1000
+# The library's auto-exposure search takes up to a few dozen acquisitions.
+AUTO_EXPOSE_TIMEOUT_S = 60.0
+DARK_AVERAGES = 16
 
 
 class Sensor:
-    """One connected sensor, by index (0 upward) or by ID text.
+    """One attached sensor, by index (0 upward, in the order the sensors
+    were found) or by ID text.
 
-    Use as a context manager, or call close(); closing only retires this
-    object, the connection stays until the process exits.
+        with Sensor() as s:
+            s.exposure_ms = 20
+            frame = s.read(averages=10)
+            for frame in s.stream(frames=100):
+                print(frame.seq, frame.values.max())
+
+    `timeout` (seconds) bounds every setting; acquisitions add the time
+    their frames take. Raises NoSensorError when no sensor is attached.
     """
 
-    def __init__(self, index=None, id=None):
+    def __init__(self, index=None, id=None, timeout=CONTROL_TIMEOUT_S):
         if index is not None and id is not None:
-            raise ValueError("open a sensor by index or by ID, not both")
-        self._lib = _Connection.acquire()
+            raise OrbValueError("open a sensor by index or by ID, not both")
+        self._timeout = checks.timeout(timeout)
+        self._supervisor = supervisor.shared()
         if id is not None:
-            self._index = check(self._lib.duActivateSensorWithID(id.encode("ascii")))
+            id = checks.sensor_id(id)
         else:
-            index = 0 if index is None else index
-            if not 0 <= index < _Connection.count:
-                raise IndexError(f"no sensor at index {index}: {_Connection.count} connected")
-            self._index = index
+            index = checks.integer("index", 0 if index is None else index, 0, 1023)
+        ids = self._supervisor.connected_ids()
+        if not ids:
+            raise NoSensorError()
+        if id is None:
+            if index >= len(ids):
+                raise OrbValueError(f"index must be below {len(ids)}: {len(ids)} sensor(s) attached")
+            id = ids[index]
+        elif id not in ids:
+            raise NoSensorError(f"no sensor with ID {id}: attached are " + ", ".join(ids))
+        self._id = id
+        self._lock = self._supervisor.sensor_lock(id)
         self._open = True
+        self.dark_frame = None
+        self._dark_correction = False
 
     @staticmethod
     def list():
         """The IDs of the attached sensors, in index order; empty when none."""
-        try:
-            return _sensor_ids(_Connection.acquire())
-        except NoSensorError:
-            return []
+        return supervisor.shared().connected_ids()
 
     def close(self):
+        """Retires this object; the sensor stays connected for others."""
         self._open = False
 
     def __enter__(self):
@@ -94,92 +83,203 @@ class Sensor:
     def __exit__(self, *exc):
         self.close()
 
-    def _current(self):
-        if not self._open:
-            raise ValueError("the sensor is closed")
-        self._lib.duActivateSensorWithIndex(self._index)
-        return self._lib
+    def __repr__(self):
+        try:
+            shutter = f" shutter {self.shutter_speed}"
+        except Exception:  # a repr must not fail: an unplugged sensor has none
+            shutter = " (not reachable)"
+        return f"<Sensor {self._id} index {self.index}{shutter}>"
 
-    @property
-    def index(self):
-        return self._index
+    def _request(self, operation, *args, timeout=None, watch=False):
+        if not self._open:
+            raise OrbValueError("the sensor is closed")
+        return self._supervisor.request(self._id, operation, args, timeout or self._timeout, watch=watch)
+
+    # Identity.
 
     @property
     def id(self):
-        buffer = ctypes.create_string_buffer(SENSOR_ID_SIZE)
-        check(self._current().duGetSensorID(buffer))
-        return buffer.value.decode("ascii")
+        """The sensor's ID text, as read when it was connected."""
+        return self._id
+
+    @property
+    def index(self):
+        """The sensor's index among the sensors connected now."""
+        ids = self._supervisor.ids
+        return ids.index(self._id) if self._id in ids else None
+
+    # Settings.
 
     @staticmethod
     def shutter_speed_limits():
-        low, high = ctypes.c_int(), ctypes.c_int()
-        library.load().duGetShutterSpeedLimits(ctypes.byref(low), ctypes.byref(high))
-        return low.value, high.value
+        """(lowest, highest) shutter speed."""
+        return SHUTTER_SPEED_LIMITS
+
+    @property
+    def max_value(self):
+        """The highest value a filter reads: 4095, saturation."""
+        return MAX_VALUE
+
+    def settings(self):
+        """The sensor's settings, read from it (or from its running stream):
+        shutter_speed, blank_time, adc_range, adc_gain, adc_resolution,
+        onboard_average."""
+        with self._lock:
+            return self._request("settings")
 
     @property
     def shutter_speed(self):
-        """The shutter speed last set; the library keeps one for all sensors."""
-        return check(self._current().duGetShutterSpeed())
+        """The shutter speed, 1 to 3000, read from the sensor; setting it
+        takes effect from the next frame."""
+        return self.settings()["shutter_speed"]
 
     @shutter_speed.setter
     def shutter_speed(self, value):
-        # Clamped to the limits, as the library does; done here too so that a
-        # Python integer beyond 32 bits cannot wrap on its way in.
-        low, high = self.shutter_speed_limits()
-        check(self._current().duSetShutterSpeed(min(max(int(value), low), high)))
+        value = checks.integer("shutter speed", value, *SHUTTER_SPEED_LIMITS)
+        with self._lock:
+            self._request("set_shutter", value)
+            self._supervisor.remember(self._id, "set_shutter", (value,))
+
+    @property
+    def exposure_ms(self):
+        """The exposure of the shutter speed, in milliseconds (at the 10 MHz
+        master clock). Setting it picks the nearest shutter speed."""
+        return exposure_ms(self.shutter_speed)
+
+    @exposure_ms.setter
+    def exposure_ms(self, ms):
+        low, high = (exposure_ms(s) for s in SHUTTER_SPEED_LIMITS)
+        ms = checks.number("exposure_ms", ms, low, high)
+        self.shutter_speed = min(max(nearest_shutter_speed(ms), SHUTTER_SPEED_LIMITS[0]), SHUTTER_SPEED_LIMITS[1])
 
     def exposure_time_ms(self, shutter_speed=None, master_clock=DEFAULT_MASTER_CLOCK_MHZ):
-        """Exposure time of a shutter speed (the current one by default), in
-        whole milliseconds, for a master clock in MHz."""
-        lib = self._current()
+        """The exposure of a shutter speed (the current one by default) in
+        whole milliseconds for a master clock in MHz, truncated as the
+        library reports it."""
         if shutter_speed is None:
-            shutter_speed = check(lib.duGetShutterSpeed())
-        ms = ctypes.c_double()
-        check(lib.duShutterSpeedToExposureTime(master_clock, shutter_speed, ctypes.byref(ms)))
-        return ms.value
-
-    def filter_data(self, averages=1):
-        """The average of `averages` frames: 1024 values, nominally 0 to 4095."""
-        if averages < 1:
-            raise ValueError("averages must be at least 1")
-        out = np.zeros(NUM_FILTERS, dtype=np.float64)
-        check(self._current().duGetFilterData(
-            out.ctypes.data_as(ctypes.POINTER(ctypes.c_double)), averages))
-        return out
-
-    def optimal_shutter_speed(self, filters=None, target=None):
-        """Runs the auto-exposure search and returns the shutter speed found.
-        `filters` are 1-based filter numbers (None: the sensor's valid
-        filters); `target` is the peak DN aimed at (None: the library's
-        default). The search drives the sensor's register directly, which
-        the library's reported shutter speed does not follow, so the result
-        is set as the shutter speed afterwards."""
-        lib = self._current()
-        if filters is None:
-            array, count = None, 0
-        else:
-            filters = [int(f) for f in filters]
-            array, count = (ctypes.c_int * len(filters))(*filters), len(filters)
-        if target is None:
-            found = check(lib.duGetOptimalShutterSpeed(array, count))
-        else:
-            found = check(lib.duGetOptimalShutterSpeed2(array, count, int(target)))
-        self.shutter_speed = found
-        return found
+            shutter_speed = self.shutter_speed
+        shutter_speed = checks.integer("shutter speed", shutter_speed, *SHUTTER_SPEED_LIMITS)
+        master_clock = checks.integer("master clock", master_clock, 1, 1000)
+        return float(int(exposure_ms(shutter_speed, master_clock)))
 
     @property
     def adc(self):
         """(gain, range) of the sensor's ADC."""
-        gain, range_ = ctypes.c_int(), ctypes.c_int()
-        check(self._current().duGetSensorParameters(ctypes.byref(gain), ctypes.byref(range_)))
-        return gain.value, range_.value
+        s = self.settings()
+        return s["adc_gain"], s["adc_range"]
 
     def set_adc(self, gain=None, range=None):
-        """Sets the ADC gain (0 or 1) and range index (0 to 255); an omitted one
-        keeps its value. Out-of-range values become gain 0 and range 132, as
-        the library has it."""
-        if gain is None or range is None:
-            current_gain, current_range = self.adc
-            gain = current_gain if gain is None else gain
-            range = current_range if range is None else range
-        check(self._current().duSetSensorParameters(int(gain), int(range)))
+        """Sets the ADC gain (0 or 1) and range index (0 to 255); an omitted
+        one keeps its value."""
+        if gain is not None:
+            gain = checks.integer("ADC gain", gain, 0, 1)
+        if range is not None:
+            range = checks.integer("ADC range", range, *ADC_RANGE_LIMITS)
+        with self._lock:
+            current = self._request("settings")
+            args = (current["adc_gain"] if gain is None else gain,
+                    current["adc_range"] if range is None else range, current["adc_resolution"])
+            self._request("set_adc", *args)
+            self._supervisor.remember(self._id, "set_adc", args)
+
+    # Acquisition.
+
+    def _acquisition_timeout(self, frames, timeout, shutter_speed=None):
+        if timeout is not None:
+            return checks.timeout(timeout)
+        frame_s = max(exposure_ms(shutter_speed or SHUTTER_SPEED_LIMITS[1]) / 1000, FASTEST_FRAME_S)
+        return ACQUISITION_MARGIN_S + 2 * frames * frame_s
+
+    def read(self, averages=1, timeout=None):
+        """One Frame: the average of `averages` frames taken when asked
+        (the sensor is started, the frames in flight are passed over).
+        `saturated` lists the filters at 4095 in every frame averaged."""
+        averages = checks.integer("averages", averages, 1, checks.INT_MAX)
+        with self._lock:
+            settings = self._request("settings")
+            timeout = self._acquisition_timeout(averages, timeout, settings["shutter_speed"])
+            values = self._request("read", averages, timeout=timeout)
+        saturated = saturated_filters(values[np.newaxis])
+        if self._dark_correction and self.dark_frame is not None:
+            values = values - self.dark_frame
+        return Frame(values, seq=0, timestamp=time.time(), shutter_speed=settings["shutter_speed"],
+                     adc=(settings["adc_gain"], settings["adc_range"]), saturated=saturated,
+                     averages=averages, sensor_id=self._id)
+
+    def filter_data(self, averages=1, timeout=None):
+        """The values of read(): numpy float64, 1024 filters."""
+        return self.read(averages, timeout).values
+
+    def stream(self, averages=1, frames=None, seconds=None, timeout=None, ring_frames=0):
+        """Every frame as the sensor makes it, as an iterator of Frame
+        objects, `averages` frames averaged into each; gapless while the
+        consumer keeps up (a Frame's `lost` counts what it missed). Ends
+        after `frames` frames or `seconds` seconds, or when the consumer
+        stops; `timeout` bounds the wait for any one frame. Settings may be
+        changed while it runs: every frame after the change was exposed
+        with it."""
+        averages = checks.integer("averages", averages, 1, checks.INT_MAX)
+        frames = checks.optional_count("frames", frames)
+        if seconds is not None:
+            seconds = checks.timeout(seconds, "seconds")
+        ring_frames = checks.integer("ring_frames", ring_frames, 0, 1 << 20)
+        shutter = self.shutter_speed
+        timeout = self._acquisition_timeout(averages, timeout, shutter)
+        def open_stream():
+            return self._supervisor.open_stream(self._id, ring_frames, self._timeout)
+        return streaming.frames(open_stream, self, averages, frames, seconds, timeout)
+
+    # Auto-exposure and dark.
+
+    def auto_expose(self, target=None, filters=None, timeout=AUTO_EXPOSE_TIMEOUT_S):
+        """Searches the shutter speed that puts the brightest filters (of
+        `filters`, numbers 1..1024; default all valid ones) at `target` DN
+        (default: the library's), sets it, and returns (shutter speed,
+        exposure in ms)."""
+        if target is not None:
+            target = checks.target(target)
+        filters = [] if filters is None else checks.filters(filters)
+        timeout = checks.timeout(timeout)
+        with self._lock:
+            found = self._request("auto_expose", filters, target, timeout=timeout, watch=True)
+            self._supervisor.remember(self._id, "set_shutter", (found,))
+        return found, exposure_ms(found)
+
+    def optimal_shutter_speed(self, filters=None, target=None):
+        """auto_expose()'s shutter speed."""
+        return self.auto_expose(target=target, filters=filters)[0]
+
+    def dark(self, averages=DARK_AVERAGES, timeout=None):
+        """Takes a dark frame at the shortest exposure (cover the sensor
+        first), keeps it for dark_correction and returns it; the shutter
+        speed is put back afterwards."""
+        with self._lock:
+            shutter = self.shutter_speed
+            self.shutter_speed = SHUTTER_SPEED_LIMITS[0]
+            try:
+                correction, self._dark_correction = self._dark_correction, False
+                try:
+                    frame = self.read(averages, timeout)
+                finally:
+                    self._dark_correction = correction
+            finally:
+                self.shutter_speed = shutter
+        self.dark_frame = frame.values
+        return frame.values
+
+    @property
+    def dark_correction(self):
+        """When on, read() and stream() subtract the dark frame (dark()
+        must have been taken)."""
+        return self._dark_correction
+
+    @dark_correction.setter
+    def dark_correction(self, on):
+        if not isinstance(on, (bool, np.bool_)):
+            raise checks.OrbTypeError(f"dark_correction must be True or False, not {on!r}")
+        if on and self.dark_frame is None:
+            raise OrbValueError("dark_correction needs a dark frame: call dark() first")
+        self._dark_correction = bool(on)
+
+
+__all__ = ["Sensor", "SensorLostError", "NUM_FILTERS"]

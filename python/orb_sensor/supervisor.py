@@ -1,0 +1,402 @@
+"""Starts, watches and replaces the worker process that owns the library.
+
+The library can be connected once per process, keeps one current sensor,
+and some of its calls wait for ever; so it lives in a worker
+(orb_sensor.worker) and this process never loads it. Every request has a
+deadline. A worker that misses one, or dies, is ended; the next request
+brings a new one up, which connects the sensors afresh and finds each
+again by its ID. The worker's standard output, where the library prints,
+becomes records of the logger "orb_sensor.library".
+"""
+
+import itertools
+import logging
+import os
+import queue
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+
+import numpy as np
+
+from . import bus_scan, wire_format
+from .errors import OrbError, OrbValueError, SensorLostError, SensorTimeoutError
+
+LIBRARY_LOG = logging.getLogger("orb_sensor.library")
+WORKER_LOG = logging.getLogger("orb_sensor.worker")
+# duConnect brings every sensor up with its pauses, and a sensor that does
+# not answer costs the library's own time-outs.
+CONNECT_TIMEOUT_S = 30.0
+# Beyond a request's own time-out, for the worker to answer it.
+GRACE_S = 1.0
+# How often a long request checks that its sensor is still on the bus.
+PRESENCE_POLL_S = 0.25
+# For the settings put back after reconnecting.
+CONTROL_TIMEOUT_S = 5.0
+# Frames a stream keeps for a consumer that falls behind before it drops
+# (and counts) the newest: 14 s at the sensor's fastest pace.
+STREAM_BACKLOG_FRAMES = 8192
+
+
+
+class _Ended(OrbError):
+    """The library's frame path ended: the worker must be replaced."""
+
+
+_EXCEPTIONS = {"lost": SensorLostError, "timeout": SensorTimeoutError, "value": OrbValueError,
+               "ended": _Ended}
+
+
+def _raise(kind, text):
+    raise _EXCEPTIONS.get(kind, OrbError)(text)
+
+
+class _Pending:
+    __slots__ = ("done", "ok", "value")
+
+    def __init__(self):
+        self.done = threading.Event()
+        self.ok = False
+        self.value = None
+
+
+class StreamChannel:
+    """Frames of one stream as the worker sends them, for one consumer."""
+
+    def __init__(self):
+        self._items = queue.SimpleQueue()
+        self._lock = threading.Lock()
+        self._queued = 0
+        self.dropped = 0
+
+    def feed(self, block):
+        count = len(block) // wire_format.FRAME_DTYPE.itemsize
+        with self._lock:
+            if self._queued + count > STREAM_BACKLOG_FRAMES:
+                self.dropped += count
+                return
+            self._queued += count
+        self._items.put(("frames", block))
+
+    def end(self, failure):
+        self._items.put(("ended", failure))
+
+    def get(self, timeout):
+        """("frames", records) or ("ended", failure or None); queue.Empty
+        after `timeout` seconds."""
+        kind, payload = self._items.get(timeout=timeout)
+        if kind == "frames":
+            records = np.frombuffer(payload, wire_format.FRAME_DTYPE)
+            with self._lock:
+                self._queued -= len(records)
+            return kind, records
+        return kind, payload
+
+
+class Worker:
+    """One worker process and the threads that read what it sends."""
+
+    def __init__(self):
+        parent, child = socket.socketpair()
+        package_root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+        env = dict(os.environ)
+        env["PYTHONPATH"] = os.pathsep.join(filter(None, [package_root, env.get("PYTHONPATH")]))
+        # Its own session: the terminal's Ctrl-C reaches this process, which
+        # decides what becomes of the worker.
+        self.process = subprocess.Popen(
+            [sys.executable, "-m", "orb_sensor.worker", str(child.fileno())],
+            pass_fds=(child.fileno(),), env=env, stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, start_new_session=True)
+        child.close()
+        self._sock = parent
+        self._send_lock = threading.Lock()
+        self._pending = {}
+        self._streams = {}
+        self._lock = threading.Lock()
+        self._ids = itertools.count(1)
+        self.alive = True
+        self.failure = None
+        for stream, log in ((self.process.stdout, LIBRARY_LOG), (self.process.stderr, WORKER_LOG)):
+            threading.Thread(target=self._log_lines, args=(stream, log), daemon=True).start()
+        threading.Thread(target=self._read, daemon=True).start()
+
+    @staticmethod
+    def _log_lines(stream, log):
+        for line in stream:
+            log.debug("%s", line.decode("utf-8", "replace").rstrip("\n"))
+
+    def _read(self):
+        while True:
+            try:
+                message = wire_format.receive(self._sock)
+            except (EOFError, OSError):
+                break
+            kind = message[0]
+            if kind == "reply":
+                _, request_id, ok, value = message
+                with self._lock:
+                    pending = self._pending.pop(request_id, None)
+                if pending is not None:
+                    pending.ok, pending.value = ok, value
+                    pending.done.set()
+            else:
+                _, index, stream_id, payload = message
+                channel = self._streams.get((index, stream_id))
+                if channel is not None:
+                    if kind == "frames":
+                        channel.feed(payload)
+                    else:
+                        channel.end(payload)
+        self._gone()
+
+    def _gone(self):
+        with self._lock:
+            self.alive = False
+            pending, self._pending = self._pending, {}
+            streams, self._streams = self._streams, {}
+        code = self.process.poll()
+        if self.failure is None:
+            how = f"signal {-code}" if code is not None and code < 0 else f"status {code}"
+            self.failure = ("library", f"the library's process ended unexpectedly ({how}); "
+                                       "the next call starts it again")
+        for p in pending.values():
+            p.ok, p.value = False, self.failure
+            p.done.set()
+        for channel in streams.values():
+            channel.end(self.failure)
+
+    def send(self, index, operation, args):
+        pending = _Pending()
+        with self._lock:
+            if not self.alive:
+                pending.ok, pending.value = False, self.failure
+                pending.done.set()
+                return pending
+            request_id = next(self._ids)
+            self._pending[request_id] = pending
+        try:
+            with self._send_lock:
+                wire_format.send(self._sock, (request_id, index, operation, args))
+        except OSError:
+            self.end(("library", "the library's process does not take requests"))
+        return pending
+
+    def open_stream(self, index, stream_id):
+        channel = StreamChannel()
+        with self._lock:
+            self._streams[(index, stream_id)] = channel
+        return channel
+
+    def close_stream(self, index, stream_id):
+        with self._lock:
+            self._streams.pop((index, stream_id), None)
+
+    def end(self, failure):
+        """Kills the process; whatever waits on it fails with `failure`."""
+        if self.failure is None:
+            self.failure = failure
+        try:
+            self.process.send_signal(signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        self.process.wait()
+        try:
+            self._sock.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+
+
+class Supervisor:
+    """The worker of this process, and the sensors it connected."""
+
+    def __init__(self):
+        self._lock = threading.RLock()
+        self._worker = None
+        self.ids = []
+        self.library_path = ""
+        self._nodes_at_connect = set()
+        self.generation = 0
+        self._stream_ids = itertools.count(1)
+        self._sensor_locks = {}
+        # What the package set on each sensor, by ID: a new worker's connect
+        # brings the sensors up afresh, and this puts their settings back.
+        self._wanted = {}
+
+    def sensor_lock(self, sensor_id):
+        with self._lock:
+            return self._sensor_locks.setdefault(sensor_id, threading.RLock())
+
+    def remember(self, sensor_id, operation, args):
+        with self._lock:
+            self._wanted.setdefault(sensor_id, {})[operation] = args
+
+    # The worker's life.
+
+    def _start(self):
+        self._worker = Worker()
+        self.generation += 1
+        self._nodes_at_connect = bus_scan.sensor_addresses()
+        try:
+            reply = self._wait(self._worker, self._worker.send(None, "connect", ()), CONNECT_TIMEOUT_S,
+                               what="connecting the sensors")
+        except BaseException:
+            self.ids = []
+            raise
+        self.ids = reply["ids"]
+        self.library_path = reply["library"]
+        for index, sensor_id in enumerate(self.ids):
+            for operation, args in self._wanted.get(sensor_id, {}).items():
+                pending = self._worker.send(index, operation, (*args, int(CONTROL_TIMEOUT_S * 1000)))
+                if not pending.done.wait(CONTROL_TIMEOUT_S + GRACE_S) or not pending.ok:
+                    WORKER_LOG.warning("sensor %s: %s %s not restored after reconnecting",
+                                       sensor_id, operation, args)
+
+    def _healthy(self):
+        return self._worker is not None and self._worker.alive
+
+    def end_worker(self, failure, generation=None):
+        """Ends the worker (of `generation`, if given): every sensor is
+        connected afresh by the next request."""
+        with self._lock:
+            if self._worker is not None and generation in (None, self.generation):
+                self._worker.end(failure)
+
+    def connected_ids(self):
+        """The IDs of the sensors the worker connected, connecting first
+        when no worker runs."""
+        with self._lock:
+            if not self._healthy():
+                self._start()
+            return list(self.ids)
+
+    def locate(self, sensor_id):
+        """The index of `sensor_id` in a worker that can reach it. A new
+        worker is started when the old one has ended, or when the sensor is
+        missing and the bus has changed since the sensors were connected (a
+        replug, which also cuts the streams of the others: they resume)."""
+        with self._lock:
+            if self._healthy():
+                if sensor_id in self.ids:
+                    return self.ids.index(sensor_id)
+                if bus_scan.sensor_addresses() == self._nodes_at_connect:
+                    raise SensorLostError(f"sensor {sensor_id} is not on the bus: plug it back in")
+                self._worker.end(("restart", "reconnecting the sensors after a replug"))
+            self._start()
+            if sensor_id not in self.ids:
+                raise SensorLostError(f"sensor {sensor_id} is not on the bus: plug it back in")
+            return self.ids.index(sensor_id)
+
+    # Requests.
+
+    def request(self, sensor_id, operation, args, timeout, watch=False):
+        """Runs `operation` on the sensor's worker thread and returns its
+        value, or raises what it failed with. `timeout` is the request's
+        own, in seconds; `watch` checks the sensor's presence while it runs
+        (for calls of the library that wait for ever). A request that found
+        the library's frame path ended (another sensor left) is run once
+        more in a new worker."""
+        for attempt in (1, 2):
+            with self._lock:
+                index = self.locate(sensor_id)
+                worker, generation = self._worker, self.generation
+            pending = worker.send(index, operation, (*args, int(timeout * 1000)))
+            try:
+                return self._wait(worker, pending, timeout + GRACE_S, what=operation.replace("_", " "),
+                                  watch_index=index if watch else None)
+            except _Ended:
+                self.end_worker(("restart", "the library's frame path ended"), generation)
+                if attempt == 2:
+                    raise SensorLostError(f"sensor {sensor_id}: the library's frame path ended") from None
+            except SensorLostError:
+                self.end_worker(("restart", f"sensor {sensor_id} left the bus"), generation)
+                raise
+
+    def _wait(self, worker, pending, timeout, what, watch_index=None):
+        deadline = time.monotonic() + timeout
+        try:
+            while not pending.done.wait(min(PRESENCE_POLL_S, max(deadline - time.monotonic(), 0))):
+                if time.monotonic() >= deadline:
+                    worker.end(("restart", f"{what}: no answer within {timeout:g} s"))
+                    _raise("timeout", f"{what}: no answer within {timeout:g} s; "
+                                      "the sensor does not respond")
+                if watch_index is not None and not self._still_present(worker, watch_index):
+                    worker.end(("restart", f"{what}: the sensor left the bus"))
+                    _raise("lost", f"{what}: the sensor left the bus")
+        except KeyboardInterrupt:
+            # What the worker is doing may take long or never end.
+            worker.end(("restart", "interrupted"))
+            raise
+        if pending.ok:
+            return pending.value
+        _raise(*pending.value)
+
+    @staticmethod
+    def _still_present(worker, index):
+        probe = worker.send(None, "present", (index,))
+        if not probe.done.wait(PRESENCE_POLL_S * 4):
+            return True
+        return not (probe.ok is False and probe.value[0] == "lost")
+
+    # Streams.
+
+    def open_stream(self, sensor_id, ring_frames, timeout):
+        for attempt in (1, 2):
+            with self._lock:
+                index = self.locate(sensor_id)
+                worker, generation = self._worker, self.generation
+                stream_id = next(self._stream_ids)
+                channel = worker.open_stream(index, stream_id)
+            try:
+                self._wait(worker, worker.send(index, "stream_start", (stream_id, ring_frames, int(timeout * 1000))),
+                           timeout + GRACE_S, what="starting the stream")
+                return _StreamHandle(self, worker, generation, index, stream_id, channel)
+            except BaseException as e:
+                worker.close_stream(index, stream_id)
+                if isinstance(e, (_Ended, SensorLostError)):
+                    self.end_worker(("restart", "the library's frame path ended"), generation)
+                if not isinstance(e, _Ended) or attempt == 2:
+                    raise
+
+
+class _StreamHandle:
+    def __init__(self, supervisor, worker, generation, index, stream_id, channel):
+        self.supervisor, self.worker, self.generation = supervisor, worker, generation
+        self.index, self.stream_id, self.channel = index, stream_id, channel
+
+    def stop(self, timeout):
+        """Stops the stream in the worker; a worker that does not answer in
+        time is ended (the next call starts another)."""
+        try:
+            if self.worker.alive:
+                self.supervisor._wait(self.worker, self.worker.send(self.index, "stream_stop",
+                                                                    (int(timeout * 1000),)),
+                                      timeout, what="stopping the stream")
+        except OrbError:
+            pass
+        finally:
+            self.worker.close_stream(self.index, self.stream_id)
+
+    def stats(self, timeout=2.0):
+        return self.supervisor._wait(self.worker, self.worker.send(self.index, "stats", ()), timeout,
+                                     what="reading the stream's counters")
+
+    def ended(self):
+        """The stream failed: no request of this worker can be trusted."""
+        self.supervisor.end_worker(("restart", "a stream ended"), self.generation)
+
+
+_shared = None
+_shared_lock = threading.Lock()
+
+
+def shared():
+    """The supervisor of this process's sensors."""
+    global _shared
+    with _shared_lock:
+        if _shared is None:
+            _shared = Supervisor()
+        return _shared
+
