@@ -22,7 +22,7 @@ import time
 
 import numpy as np
 
-from . import bus_scan, wire_format
+from . import usb_nodes, wire_format
 from .errors import OrbError, OrbValueError, SensorLostError, SensorTimeoutError
 
 LIBRARY_LOG = logging.getLogger("orb_sensor.library")
@@ -238,7 +238,7 @@ class Supervisor:
     def _start(self):
         self._worker = Worker()
         self.generation += 1
-        self._nodes_at_connect = bus_scan.sensor_addresses()
+        self._nodes_at_connect = usb_nodes.sensor_addresses()
         try:
             reply = self._wait(self._worker, self._worker.send(None, "connect", ()), CONNECT_TIMEOUT_S,
                                what="connecting the sensors")
@@ -281,7 +281,7 @@ class Supervisor:
             if self._healthy():
                 if sensor_id in self.ids:
                     return self.ids.index(sensor_id)
-                if bus_scan.sensor_addresses() == self._nodes_at_connect:
+                if usb_nodes.sensor_addresses() == self._nodes_at_connect:
                     raise SensorLostError(f"sensor {sensor_id} is not on the bus: plug it back in")
                 self._worker.end(("restart", "reconnecting the sensors after a replug"))
             self._start()

@@ -46,6 +46,12 @@ def sensor_nodes(sys_root=SYS_ROOT, dev_root=DEV_ROOT):
     return sorted(nodes)
 
 
+def sensor_addresses(sys_root=SYS_ROOT):
+    """{node name} of the attached devices, bus/address: a replugged device
+    comes back at a new address, so a change here means a replug."""
+    return {os.path.relpath(node, "/dev") for node in sensor_nodes(sys_root, "/dev")}
+
+
 def _acl(path):
     """The node's access ACL as (tag, perm, id) entries, or None without one.
     udev's uaccess tag grants the seat's user through such an entry, which
