@@ -6,9 +6,10 @@ is the sensor that receives the request. One request sets every channel:
 channel bits in the low byte of the state word, intensity from bit 8 up.
 """
 
-import ctypes
+from . import checks, supervisor
+from .errors import OrbError
 
-from . import library
+CONTROL_TIMEOUT_S = 5.0
 
 # Eight channel bits in the state word; a ninth channel would land on the
 # intensity's lowest bit, so the package refuses it rather than send it.
@@ -34,44 +35,50 @@ def state_word(channels, intensity):
 
 
 class NoLedModuleError(LookupError):
-    def __init__(self):
-        super().__init__("no LED module found (or it could not be opened)")
+    def __init__(self, text="no LED module found (or it could not be opened)"):
+        super().__init__(text)
 
 
 class LedModule:
-    """The LED driver, open for the life of the object.
+    """The LED module, driven from a worker process of its own.
 
         with LedModule() as led:
             led.set(channels=[0, 2], intensity=100)
 
-    Closing the driver also ends libusb's default context, which sensors
-    opened in the same process share: use it in a process of its own, or
-    after the sensors are done.
+    Closing the library's LED driver ends libusb's default context, which
+    sensors in the same process share: so the driver never runs in the
+    sensors' worker. The module is opened by the first set().
     """
 
-    def __init__(self):
-        self._lib = library.load()
-        if self._lib.connect_LED_device() != 1:
-            raise NoLedModuleError()
+    def __init__(self, timeout=CONTROL_TIMEOUT_S):
+        self._timeout = checks.timeout(timeout)
+        self._worker = None
 
     def set(self, channels=(), intensity=0):
         """Switches the given channels on and every other one off. Returns
         the state word sent."""
-        channels = sorted(set(channels))
+        if isinstance(channels, (str, bytes)):
+            raise checks.OrbTypeError(f"channels must be channel numbers, not text {channels!r}")
+        channels = sorted({checks.integer("LED channel", ch, 0, MAX_CHANNELS - 1) for ch in channels})
+        intensity = checks.integer("LED intensity", intensity, 0, MAX_INTENSITY)
         word = state_word(channels, intensity)
         count = channels[-1] + 1 if channels else 0
-        on = (ctypes.c_bool * max(count, 1))(*[ch in channels for ch in range(count)])
-        if self._lib.set_state_to_led_device(on, count, intensity) != 1:
-            raise NoLedModuleError()
+        if self._worker is None or not self._worker.alive:
+            self._worker = supervisor.Worker()
+        pending = self._worker.send(None, "led", ([ch in channels for ch in range(count)], intensity))
+        try:
+            supervisor.Supervisor.wait(self._worker, pending, self._timeout, what="setting the LED module")
+        except OrbError as e:
+            raise NoLedModuleError(str(e)) from None
         return word
 
     def off(self):
         return self.set((), 0)
 
     def close(self):
-        if self._lib is not None:
-            self._lib.is_led_driver_close()
-            self._lib = None
+        if self._worker is not None:
+            self._worker.end(("restart", "the LED module was closed"))
+            self._worker = None
 
     def __enter__(self):
         return self

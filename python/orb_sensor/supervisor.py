@@ -240,7 +240,7 @@ class Supervisor:
         self.generation += 1
         self._nodes_at_connect = usb_nodes.sensor_addresses()
         try:
-            reply = self._wait(self._worker, self._worker.send(None, "connect", ()), CONNECT_TIMEOUT_S,
+            reply = self.wait(self._worker, self._worker.send(None, "connect", ()), CONNECT_TIMEOUT_S,
                                what="connecting the sensors")
         except BaseException:
             self.ids = []
@@ -304,7 +304,7 @@ class Supervisor:
                 worker, generation = self._worker, self.generation
             pending = worker.send(index, operation, (*args, int(timeout * 1000)))
             try:
-                return self._wait(worker, pending, timeout + GRACE_S, what=operation.replace("_", " "),
+                return self.wait(worker, pending, timeout + GRACE_S, what=operation.replace("_", " "),
                                   watch_index=index if watch else None)
             except _Ended:
                 self.end_worker(("restart", "the library's frame path ended"), generation)
@@ -314,7 +314,8 @@ class Supervisor:
                 self.end_worker(("restart", f"sensor {sensor_id} left the bus"), generation)
                 raise
 
-    def _wait(self, worker, pending, timeout, what, watch_index=None):
+    @staticmethod
+    def wait(worker, pending, timeout, what, watch_index=None):
         deadline = time.monotonic() + timeout
         try:
             while not pending.done.wait(min(PRESENCE_POLL_S, max(deadline - time.monotonic(), 0))):
@@ -322,7 +323,7 @@ class Supervisor:
                     worker.end(("restart", f"{what}: no answer within {timeout:g} s"))
                     _raise("timeout", f"{what}: no answer within {timeout:g} s; "
                                       "the sensor does not respond")
-                if watch_index is not None and not self._still_present(worker, watch_index):
+                if watch_index is not None and not Supervisor._still_present(worker, watch_index):
                     worker.end(("restart", f"{what}: the sensor left the bus"))
                     _raise("lost", f"{what}: the sensor left the bus")
         except KeyboardInterrupt:
@@ -350,7 +351,7 @@ class Supervisor:
                 stream_id = next(self._stream_ids)
                 channel = worker.open_stream(index, stream_id)
             try:
-                self._wait(worker, worker.send(index, "stream_start", (stream_id, ring_frames, int(timeout * 1000))),
+                self.wait(worker, worker.send(index, "stream_start", (stream_id, ring_frames, int(timeout * 1000))),
                            timeout + GRACE_S, what="starting the stream")
                 return _StreamHandle(self, worker, generation, index, stream_id, channel)
             except BaseException as e:
@@ -371,7 +372,7 @@ class _StreamHandle:
         time is ended (the next call starts another)."""
         try:
             if self.worker.alive:
-                self.supervisor._wait(self.worker, self.worker.send(self.index, "stream_stop",
+                self.supervisor.wait(self.worker, self.worker.send(self.index, "stream_stop",
                                                                     (int(timeout * 1000),)),
                                       timeout, what="stopping the stream")
         except OrbError:
@@ -380,7 +381,7 @@ class _StreamHandle:
             self.worker.close_stream(self.index, self.stream_id)
 
     def stats(self, timeout=2.0):
-        return self.supervisor._wait(self.worker, self.worker.send(self.index, "stats", ()), timeout,
+        return self.supervisor.wait(self.worker, self.worker.send(self.index, "stats", ()), timeout,
                                      what="reading the stream's counters")
 
     def ended(self):

@@ -74,6 +74,7 @@ class Worker:
         self._lib = None
         self._queues = {}
         self._pumps = {}
+        self._led_open = False
 
     def send(self, message):
         with self._send_lock:
@@ -89,15 +90,16 @@ class Worker:
         return {"ids": ids, "library": os.path.realpath(self._lib._name)}
 
     def op_led(self, on, intensity):
+        """The LED driver stays open until this process ends: its close
+        would end the libusb context of the process."""
         lib = library.load()
-        if lib.connect_LED_device() != 1:
-            raise Failure("nodevice", "no LED module found (or it could not be opened)")
-        try:
-            flags = (ctypes.c_bool * max(len(on), 1))(*on)
-            if lib.set_state_to_led_device(flags, len(on), intensity) != 1:
-                raise Failure("nodevice", "the LED module did not take the request")
-        finally:
-            lib.is_led_driver_close()
+        if not self._led_open:
+            if lib.connect_LED_device() != 1:
+                raise Failure("nodevice", "no LED module found (or it could not be opened)")
+            self._led_open = True
+        flags = (ctypes.c_bool * max(len(on), 1))(*on)
+        if lib.set_state_to_led_device(flags, len(on), intensity) != 1:
+            raise Failure("nodevice", "the LED module did not take the request")
         return True
 
     def op_present(self, index):

@@ -1,0 +1,63 @@
+"""--emulate: the tool runs itself again under orb-emulate."""
+
+import os
+import shutil
+import sys
+
+from . import library
+
+EMULATED_ENV = "ORB_SENSOR_EMULATED"
+EMULATE_ENV = "ORB_EMULATE"
+
+
+def find_orb_emulate():
+    """The launcher: $ORB_EMULATE, beside the library of a build tree,
+    beside the installed tool, or on PATH; None when there is none."""
+    explicit = os.environ.get(EMULATE_ENV)
+    if explicit:
+        return explicit
+    lib = os.environ.get(library.LIBRARY_ENV)
+    if lib:
+        # A build tree keeps the library in src/ and the launcher in sim/.
+        lib_dir = os.path.dirname(os.path.abspath(lib))
+        for candidate in (os.path.join(lib_dir, "..", "sim", "orb-emulate"),
+                          os.path.join(lib_dir, "orb-emulate")):
+            if os.access(candidate, os.X_OK):
+                return os.path.normpath(candidate)
+    # Installed: the package is in PREFIX/lib/python3/dist-packages, the
+    # launcher in PREFIX/bin.
+    package_root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    installed = os.path.join(package_root, "..", "..", "..", "bin", "orb-emulate")
+    if os.access(installed, os.X_OK):
+        return os.path.normpath(installed)
+    return shutil.which("orb-emulate")
+
+
+def reexec(sensors, led, argv):
+    """Replaces this process with the same command under the launcher;
+    returns 2 when there is no launcher."""
+    launcher = find_orb_emulate()
+    if launcher is None:
+        sys.stderr.write(f"orb-sensor: --emulate needs orb-emulate: put it on PATH or set {EMULATE_ENV}\n")
+        return 2
+    env = dict(os.environ)
+    env[EMULATED_ENV] = "1"
+    package_root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    env["PYTHONPATH"] = os.pathsep.join(filter(None, [package_root, env.get("PYTHONPATH")]))
+    # A halogen lamp to look at, as the demo has it.
+    command = [launcher, "--sensors", str(sensors), "--scene", "halogen", *(["--led"] if led else []), "--",
+               sys.executable, "-m", "orb_sensor", *argv]
+    sys.stdout.flush()
+    sys.stderr.flush()
+    os.execve(launcher, command, env)
+
+
+def with_emulate_count(argv):
+    """argparse would take the subcommand after a bare --emulate for its count."""
+    argv = list(argv)
+    for i, arg in enumerate(argv):
+        if arg == "--":
+            break
+        if arg == "--emulate" and not (i + 1 < len(argv) and argv[i + 1].isdigit()):
+            argv[i] = "--emulate=1"
+    return argv
