@@ -27,9 +27,12 @@ from .errors import OrbError, OrbValueError, SensorLostError, SensorTimeoutError
 
 LIBRARY_LOG = logging.getLogger("orb_sensor.library")
 WORKER_LOG = logging.getLogger("orb_sensor.worker")
-# duConnect brings every sensor up with its pauses, and a sensor that does
-# not answer costs the library's own time-outs.
-CONNECT_TIMEOUT_S = 30.0
+# duConnect brings every sensor up with its pauses (0.7 s each), and a
+# sensor that does not answer costs the library's own time-outs: the
+# connect is given so much for each sensor on the bus.
+CONNECT_BASE_S = 1.5
+CONNECT_PER_SENSOR_S = 1.0
+CONNECT_MAX_S = 30.0
 # Beyond a request's own time-out, for the worker to answer it.
 GRACE_S = 1.0
 # How often a long request checks that its sensor is still on the bus.
@@ -239,9 +242,10 @@ class Supervisor:
         self._worker = Worker()
         self.generation += 1
         self._nodes_at_connect = usb_nodes.sensor_addresses()
+        timeout = min(CONNECT_BASE_S + CONNECT_PER_SENSOR_S * len(self._nodes_at_connect), CONNECT_MAX_S)
         try:
-            reply = self.wait(self._worker, self._worker.send(None, "connect", ()), CONNECT_TIMEOUT_S,
-                               what="connecting the sensors")
+            reply = self.wait(self._worker, self._worker.send(None, "connect", ()), timeout,
+                              what="connecting the sensors")
         except BaseException:
             self.ids = []
             raise
