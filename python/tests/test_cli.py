@@ -15,13 +15,13 @@ def test_list_names_each_sensor(orb_sensor, sensors):
     assert result.stdout.splitlines() == [f"{i} C1234-7-{20 + i}-33-1" for i in range(sensors)]
 
 
-def test_no_sensor_explains_the_udev_rule(orb_sensor):
-    for command in ("list", "acquire"):
-        result = orb_sensor("--emulate", "0", command)
-        assert result.returncode == 1
+def test_no_sensor_says_what_to_check(orb_sensor):
+    for command in ("list", "acquire", "stream", "record -o x.h5"):
+        result = orb_sensor("--emulate", "0", *command.split())
+        assert result.returncode == 1, (command, result.stderr)
         assert result.stdout == ""
-        assert "udev/60-orb-sensor.rules" in result.stderr
-        assert "sudo udevadm control --reload && sudo udevadm trigger" in result.stderr
+        assert result.stderr.startswith("orb-sensor: no sensor found")
+        assert "`orb-sensor doctor`" in result.stderr
 
 
 def test_acquire_writes_csv_to_stdout(orb_sensor):
@@ -72,14 +72,13 @@ def test_led_sets_the_state_word_and_refuses_what_it_cannot_carry(orb_sensor):
         assert result.returncode == 2 and result.stdout == "", args
 
 
-def test_refused_sensor_names_its_node_and_the_udev_rule(run_python):
-    result = run_python(1, "import os\nfrom orb_sensor import cli\n"
-                           "os.access = lambda *a: False\n"
-                           "print(cli._no_sensor_message())\n")
+def test_refused_sensor_names_its_node(run_python):
+    result = run_python(1, "from orb_sensor import commands, usb_nodes\n"
+                           "usb_nodes.may_open = lambda *a, **k: False\n"
+                           "print(commands.no_sensor_message())\n")
     assert result.returncode == 0, result.stderr
     assert result.stdout.startswith(
         "orb-sensor: no sensor could be opened: this user may not open /dev/bus/usb/001/")
-    assert "sudo cp udev/60-orb-sensor.rules /etc/udev/rules.d/" in result.stdout
 
 
 def test_progress_shows_on_a_terminal_only(orb_sensor):
