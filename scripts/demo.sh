@@ -5,15 +5,17 @@
 # in, it runs against two emulated sensors.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-# Quiet unless something fails: the set-up and the build say what went wrong.
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
+build=${ORB_BUILD_DIR:-$top/build}
+# Quiet unless something fails: the set-up and the build write to a log
+# that stays, and its end is shown when they fail.
+mkdir -p "$build"
+log=$build/demo-build.log
 if ! { "$top/scripts/setup.sh" &&
        ORB_BUILD_TARGETS="orb_device orb-emulate orbsim-access" "$top/scripts/build.sh"; } >"$log" 2>&1; then
-  cat "$log"
+  tail -n 40 "$log"
+  echo "The set-up or the build failed; the whole log is in $log." >&2
   exit 1
 fi
-build=${ORB_BUILD_DIR:-$top/build}
 export ORB_DEVICE_LIBRARY=$build/src/liborb_device.so.1 ORB_EMULATE=$build/sim/orb-emulate
 
 plugged=0

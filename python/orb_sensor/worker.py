@@ -20,6 +20,7 @@ import queue
 import socket
 import sys
 import threading
+import time
 
 import numpy as np
 
@@ -33,9 +34,11 @@ ERR_ENDED = -103
 ERR_NOT_STREAMING = -107
 ERR_INVALID = -105
 SHUTTER_RANGE = (1, 3000)
-# Frames taken from the ring in one go: a batch is sent at least every
-# PUMP_WAIT_MS, so a slow sensor's frames are not held back.
+# Frames sent in one message: those that come within BATCH_WINDOW_S of the
+# first, at most BATCH_FRAMES. The window adds its length to a frame's
+# delay and divides the cost of a message among several frames.
 BATCH_FRAMES = 64
+BATCH_WINDOW_S = 0.010
 PUMP_WAIT_MS = 20
 
 
@@ -201,11 +204,17 @@ class Worker:
         while not stop.is_set():
             count = 0
             r = lib.orb_stream_read(index, base, PUMP_WAIT_MS)
+            # Frames that follow within the batch window travel together:
+            # one message for several frames costs both processes less.
+            window_end = time.monotonic() + BATCH_WINDOW_S
             while r == OK:
                 count += 1
-                if count == BATCH_FRAMES:
+                left_ms = int((window_end - time.monotonic()) * 1000)
+                if count == BATCH_FRAMES or left_ms <= 0:
                     break
-                r = lib.orb_stream_read(index, base + count * size, 0)
+                r = lib.orb_stream_read(index, base + count * size, left_ms)
+            if r == ERR_TIMEOUT and count:
+                r = OK
             if count:
                 try:
                     self.send(("frames", index, stream_id, pickle.PickleBuffer(block[:count * size])))
