@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Turns orb_bench's and orb_bus_bench's JSON output into the markdown tables of docs/performance.md.
+"""Turns the JSON output of orb_bench, orb_bus_bench and bench_python.py into the markdown tables of docs/performance.md.
 
 usage: summarize.py RESULTS.json [MORE.json...] [--update-doc docs/performance.md]
 
@@ -120,6 +120,48 @@ def bus_pace(table):
     return out
 
 
+def python_stream(table):
+    out = ["| Python package: Sensor.stream() | Frames delivered in s | Frames/s delivered | Sent: by seq, the sensor's count "
+           "| Delivered / sent | Lost | CPU µs per frame: user's process (its consumer thread) + worker "
+           "| Whole chain, cores | Emulator CPU µs per frame |",
+           "|---|--:|--:|--:|--:|--:|--:|--:|--:|"]
+    for name, r in find(table, "PythonStream"):
+        emulator = fmt(r["emulator_cpu_us_per_frame"]) if "emulator_cpu_us_per_frame" in r else "–"
+        out.append(f"| shutter speed {name.split('/')[1].split(':')[1]}, realistic timing "
+                   f"| {r['delivered']:,.0f} in {r['seconds']:.1f} | {fmt(r['delivered_fps'])} "
+                   f"| {r['sent_by_seq']:,.0f}, {r['sensor_sent']:,.0f} | **{r['delivered_per_sent']:.3f}** | {r['lost']:g} "
+                   f"| {fmt(r['user_cpu_us_per_frame'])} ({fmt(r['consumer_cpu_us_per_frame'])}) "
+                   f"+ {fmt(r['worker_cpu_us_per_frame'])} | **{r['chain_cores']:.3f}** | {emulator} |")
+    return out
+
+
+def python_reads(table):
+    out = ["| Python package: call | Calls | Median ms (min–max) | Pauses ms | Frames' time ms | Frame wait ms "
+           "| Median / (pauses + frame wait) |",
+           "|---|--:|--:|--:|--:|--:|--:|"]
+    for name, r in find(table, "PythonRead"):
+        out.append(f"| Sensor.read(averages={name.split(':')[1]}), shutter speed 1 | {r['iterations']:g} "
+                   f"| {fmt(r['median_ms'])} ({fmt(r['min_ms'])}–{fmt(r['max_ms'])}) | {fmt(r['pauses_ms'], 0)} "
+                   f"| {fmt(r['frames_ms'])} | {fmt(r['frame_wait_ms'])} | **{r['ratio']:.3f}** |")
+    for _, r in find(table, "PythonSettings"):
+        out.append(f"| Sensor.settings(), not streaming | {r['iterations']:g} "
+                   f"| {fmt(r['median_ms'])} ({fmt(r['min_ms'])}–{fmt(r['max_ms'])}) | 0 | | | |")
+    return out
+
+
+def python_unplug(table):
+    out = ["| Python package: unplug and replug | Rounds | Median ms (min–max) |", "|---|--:|--:|"]
+    for _, r in find(table, "PythonUnplugReplug"):
+        rounds = f"{r['iterations']:g}"
+        out += [f"| `unplug 0` sent while streaming → SensorLostError | {rounds} | **{fmt(r['unplug_to_lost_ms'])}** "
+                f"({fmt(r['unplug_to_lost_min_ms'])}–{fmt(r['unplug_to_lost_max_ms'])}) |",
+                f"| of it, until the bench answered `ok` | {rounds} | {fmt(r['unplug_answer_ms'])} |",
+                f"| `replug 0` sent → first frame of Sensor.read() ({r['reads_until_frame']:g} call at most) | {rounds} "
+                f"| **{fmt(r['replug_to_frame_ms'], 0)}** ({fmt(r['replug_to_frame_min_ms'], 0)}–"
+                f"{fmt(r['replug_to_frame_max_ms'], 0)}) |"]
+    return out
+
+
 def machine(results, medians):
     ctx = results["context"]
     load = ", ".join(f"{x:.2f}" for x in ctx.get("load_avg", []))
@@ -155,7 +197,8 @@ def main():
         print(f"orb_bench: {r['name']}: {r.get('error_message', 'failed')}", file=sys.stderr)
     table, medians = rows(results)
     parts = [machine(results, medians)]
-    for section in (entry_points, frame_path, continuous, streams, single_shot, auto_exposure, bus_pace):
+    for section in (entry_points, frame_path, continuous, streams, single_shot, auto_exposure, bus_pace,
+                    python_stream, python_reads, python_unplug):
         lines = section(table)
         if len(lines) > 2:
             parts.append("\n".join(lines))

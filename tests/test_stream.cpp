@@ -235,6 +235,18 @@ TEST(SingleShot, ReturnsAtItsTimeOutWhenNoFrameComesAndTheNextOneWorks) {
     EXPECT_EQ(out[0], 3.5);
 }
 
+TEST(SingleShot, AfterATimeOutWhoseStopWentUnansweredTheNextOneRestartsTheSensor) {
+    orbsim::Sensor& s = connected();
+    std::vector<double> out(1024, -1);
+    s.hang();
+    EXPECT_ANSWERS_WITHIN(1500, ORB_STREAM_ERR_TIMEOUT, orb_single_shot(0, out.data(), 1, 300));
+    // The sensor comes back not streaming; frames are owed only after a
+    // start it has seen.
+    s.clear_faults();
+    EXPECT_ANSWERS_WITHIN(5000, ORB_STREAM_OK, orb_single_shot(0, out.data(), 1, 5000));
+    EXPECT_FALSE(s.streaming());
+}
+
 TEST(Presence, AsksTheBusNotTheSensor) {
     orbsim::Sensor& s = connected();
     EXPECT_EQ(orb_sensor_present(0), ORB_STREAM_OK);

@@ -125,7 +125,17 @@ class Sensor:
         shutter_speed, blank_time, adc_range, adc_gain, adc_resolution,
         onboard_average."""
         with self._lock:
-            return self._request("settings")
+            settings = self._request("settings")
+            self._supervisor.learn(self._id, settings, replace=True)
+            return settings
+
+    def _known_settings(self):
+        """The settings as last read or set through the package: a read()
+        need not ask the sensor for them first."""
+        return self._supervisor.known(self._id) or self.settings()
+
+    def _learn(self, **changes):
+        self._supervisor.learn(self._id, changes)
 
     @property
     def shutter_speed(self):
@@ -139,6 +149,7 @@ class Sensor:
         with self._lock:
             self._request("set_shutter", value)
             self._supervisor.remember(self._id, "set_shutter", (value,))
+            self._learn(shutter_speed=value, blank_time=value + 32)
 
     @property
     def exposure_ms(self):
@@ -181,6 +192,7 @@ class Sensor:
                     current["adc_range"] if range is None else range, current["adc_resolution"])
             self._request("set_adc", *args)
             self._supervisor.remember(self._id, "set_adc", args)
+            self._learn(adc_gain=args[0], adc_range=args[1])
 
     # Acquisition.
 
@@ -196,7 +208,7 @@ class Sensor:
         `saturated` lists the filters at 4095 in every frame averaged."""
         averages = checks.integer("averages", averages, 1, checks.INT_MAX)
         with self._lock:
-            settings = self._request("settings")
+            settings = self._known_settings()
             timeout = self._acquisition_timeout(averages, timeout, settings["shutter_speed"])
             values = self._request("read", averages, timeout=timeout)
         saturated = saturated_filters(values[np.newaxis])
@@ -223,8 +235,7 @@ class Sensor:
         if seconds is not None:
             seconds = checks.timeout(seconds, "seconds")
         ring_frames = checks.integer("ring_frames", ring_frames, 0, 1 << 20)
-        shutter = self.shutter_speed
-        timeout = self._acquisition_timeout(averages, timeout, shutter)
+        timeout = self._acquisition_timeout(averages, timeout, self._known_settings()["shutter_speed"])
         def open_stream():
             return self._supervisor.open_stream(self._id, ring_frames, self._timeout)
         return streaming.frames(open_stream, self, averages, frames, seconds, timeout)
@@ -243,6 +254,7 @@ class Sensor:
         with self._lock:
             found = self._request("auto_expose", filters, target, timeout=timeout, watch=True)
             self._supervisor.remember(self._id, "set_shutter", (found,))
+            self._learn(shutter_speed=found, blank_time=found + 32)
         return found, exposure_ms(found)
 
     def optimal_shutter_speed(self, filters=None, target=None):

@@ -127,6 +127,17 @@ def frames(open_stream, sensor, averages, count, seconds, timeout):
         handle.stop(STOP_TIMEOUT_S)
 
 
+_NONE = np.zeros(0, dtype=np.intp)
+
+
+def _saturated(rows, raw):
+    # The library counts a frame's saturated filters: most frames have none,
+    # and then there is nothing to look for.
+    if all(int(r["saturated"]) == 0 for r in rows):
+        return _NONE
+    return saturated_filters(raw)
+
+
 def _frame(rows, seq, lost, sensor):
     raw = np.stack([r["values"] for r in rows]) if len(rows) > 1 else rows[0]["values"][np.newaxis]
     values = raw.mean(axis=0) if len(rows) > 1 else raw[0].astype(np.float64)
@@ -139,4 +150,4 @@ def _frame(rows, seq, lost, sensor):
                  timestamp=int(last["timestamp_ns"]) / 1e9 + _CLOCK_OFFSET_S,
                  shutter_speed=int(settings["shutter_speed"]),
                  adc=(int(settings["adc_gain"]), int(settings["adc_range"])),
-                 saturated=saturated_filters(raw), lost=lost, averages=len(rows), sensor_id=sensor.id)
+                 saturated=_saturated(rows, raw), lost=lost, averages=len(rows), sensor_id=sensor.id)

@@ -227,10 +227,26 @@ class Supervisor:
         # What the package set on each sensor, by ID: a new worker's connect
         # brings the sensors up afresh, and this puts their settings back.
         self._wanted = {}
+        self._known = {}
 
     def sensor_lock(self, sensor_id):
         with self._lock:
             return self._sensor_locks.setdefault(sensor_id, threading.RLock())
+
+    def known(self, sensor_id):
+        """The sensor's settings as last read or set through this worker,
+        or None."""
+        with self._lock:
+            generation, settings = self._known.get(sensor_id, (None, None))
+            return dict(settings) if generation == self.generation and settings else None
+
+    def learn(self, sensor_id, settings, replace=False):
+        with self._lock:
+            generation, known = self._known.get(sensor_id, (None, None))
+            if replace:
+                self._known[sensor_id] = (self.generation, dict(settings))
+            elif generation == self.generation and known:
+                known.update(settings)
 
     def remember(self, sensor_id, operation, args):
         with self._lock:

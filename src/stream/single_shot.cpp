@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 
 #include "orb_device_interface_device_settings.h"
 #include "orb_device_interface_stm.h"
@@ -89,6 +90,9 @@ int wait_for_frames(int wanted, const Deadline& d) {
     return ORB_STREAM_OK;
 }
 
+// A single shot timed out and its stop went unanswered.
+std::atomic<bool> stop_owed{false};
+
 bool any_stream_running() {
     for (int i = 0; i < kMaxStreams; i++) {
         Session& s = session_at(i);
@@ -117,7 +121,9 @@ extern "C" int orb_single_shot(int index, double* output, int averages, int time
     iCurrAcqMode = kModeSingleShot;
     g_count = 0;
     iCurrAvgNum = averages;
-    if (!bulkModeStarted) {
+    // After a time-out whose stop went unanswered, the sensor may or may
+    // not stream: it is restarted, not trusted to.
+    if (!bulkModeStarted || stop_owed.exchange(false)) {
         bulkModeStarted = true;
         r = start_streaming(handle, deadline);
     }
@@ -135,11 +141,14 @@ extern "C" int orb_single_shot(int index, double* output, int averages, int time
 
     if (r != ORB_STREAM_OK) {
         // Left streaming, a sensor would keep the bus busy; one stop, best
-        // effort, and the flag stays set if it did not get through, so that
-        // the next acquisition stops it.
-        if (r == ORB_STREAM_ERR_TIMEOUT && do_exit == 0 &&
-            stream_request(handle, kCmdStreamStop, Deadline::in_ms(kStopAfterTimeoutMs)) == ORB_STREAM_OK)
-            bulkModeStarted = false;
+        // effort. If it did not get through, the next single shot restarts
+        // the sensor instead of waiting on frames it may not send.
+        if (r == ORB_STREAM_ERR_TIMEOUT && do_exit == 0) {
+            if (stream_request(handle, kCmdStreamStop, Deadline::in_ms(kStopAfterTimeoutMs)) == ORB_STREAM_OK)
+                bulkModeStarted = false;
+            else
+                stop_owed = true;
+        }
         return r == ORB_STREAM_ERR_TIMEOUT ? r : loss_result(handle);
     }
     // Stops, with the lock released: the stop requests wait for libusb's
