@@ -104,8 +104,8 @@ class Rig:
                 "worker": [p for w in workers for p in _tree(w, tree)], "emulator": [self.process.pid]}
 
     def page(self):
-        return self.driver.execute_script("return {painted: window.orbView.painted, "
-                                          "delays: window.orbView.delays.slice()}")
+        return self.driver.execute_script("return {received: window.orbView.received, "
+                                          "painted: window.orbView.painted, delays: window.orbView.delays.slice()}")
 
     def close(self):
         self.driver.quit()
@@ -128,7 +128,8 @@ def measure(rig, shutter, seconds):
     return {
         "shutter": shutter, "exposure_ms": status1["exposure_ms"], "seconds": elapsed,
         "sent": (sent1 - sent0) / elapsed, "received": (status1["frames"] - status0["frames"]) / elapsed,
-        "painted": painted / elapsed, "lost": status1["lost"] - status0["lost"],
+        "to_page": (page1["received"] - page0["received"]) / elapsed, "painted": painted / elapsed,
+        "lost": status1["lost"] - status0["lost"],
         "delay_median": statistics.median(delays), "delay_p95": statistics.quantiles(delays, n=20)[-1],
         "delay_max": max(delays),
         "cpu": {name: 100 * (cpu1[name] - cpu0[name]) / elapsed for name in groups},
@@ -151,13 +152,14 @@ def main():
     print(f"{time.strftime('%Y-%m-%d %H:%M')}, nproc {os.cpu_count()}, load average {load[0]:.2f}, "
           f"{args.seconds:g} s a row")
     print()
-    print("| Shutter speed (exposure) | Sensor, frames/s | View received, frames/s | Painted/s "
-          "| Lost | Delay median / p95 / max, ms | CPU % browser | server | worker | emulator |")
-    print("|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|")
+    print("| Shutter speed (exposure) | Sensor, frames/s | View received, frames/s | Sent to the page/s "
+          "| Painted/s | Painted / received | Lost | Delay median / p95 / max, ms "
+          "| CPU % browser | server | worker | emulator |")
+    print("|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|")
     for r in rows:
         cpu = r["cpu"]
         print(f"| {r['shutter']} ({r['exposure_ms']:.3g} ms) | {r['sent']:.1f} | {r['received']:.1f} "
-              f"| **{r['painted']:.1f}** | {r['lost']} "
+              f"| {r['to_page']:.1f} | **{r['painted']:.1f}** | {r['painted'] / r['received']:.3f} | {r['lost']} "
               f"| **{r['delay_median']:.0f}** / {r['delay_p95']:.0f} / {r['delay_max']:.0f} "
               f"| {cpu['browser']:.0f} | {cpu['server']:.0f} | {cpu['worker']:.0f} | {cpu['emulator']:.0f} |")
 

@@ -211,7 +211,8 @@ def test_settings_on_the_page_reach_the_sensor_and_bad_ones_reach_nothing(view, 
     driver.find_element("css selector", '#led-channels [data-channel="2"]').click()
     wait_for(lambda: json.loads(v.request("api/status")[1])["led"]["channels"] == [2], 5, "LED channel 2 on")
     selector.find_elements("tag name", "option")[1].click()
-    wait_for(lambda: text(driver, "sensor-id") == "C1234-7-21-33-1", 10, "the second sensor")
+    wait_for(lambda: json.loads(v.request("api/status")[1])["sensor_id"] == "C1234-7-21-33-1", 10,
+             "the second sensor")
     wait_for(lambda: re.search(r"^1 .* streaming=yes", v.ctl("status"), re.M), 10, "the second streaming")
     number = wait_for(lambda: frame_number(driver), 10, "its frames")
     wait_for(lambda: frame_number(driver) > number, 5, "its frame number advancing")

@@ -1,5 +1,5 @@
-"""The frame on the page as a file, in the layouts of `orb-sensor acquire`:
-CSV ("# key: value" lines, then filter,value) or JSON (the same keys and
+"""The frame on the page as a file: CSV (its metadata as "# key: value"
+lines, then filter,value for filters 1..1024) or JSON (the same keys and
 filter_data)."""
 
 import datetime

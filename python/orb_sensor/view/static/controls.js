@@ -98,6 +98,7 @@ export function showStatus(next) {
 
   const select = $("sensor");
   select.hidden = next.sensors.length < 2;
+  $("sensor-id").hidden = !select.hidden;
   if (select.options.length !== next.sensors.length) {
     select.replaceChildren(...next.sensors.map((id) => new Option(id, id)));
   }
