@@ -34,16 +34,21 @@ def _open_browser(url):
                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
 
 
-async def _serve(app, args, token, sensor_id):
+async def _serve(app, args, token, session):
     runner = web.AppRunner(app, handle_signals=False)
     await runner.setup()
     try:
         try:
             await web.TCPSite(runner, args.host, args.port, shutdown_timeout=SHUTDOWN_S).start()
         except OSError as e:
-            raise OrbValueError(f"cannot listen on {args.host} port {args.port}: {e.strerror or e}") from None
+            why = os.strerror(e.errno) if e.errno else str(e)
+            raise OrbValueError(f"cannot listen on {args.host} port {args.port}: {why}") from None
+        # Every connect brings the sensor up at shutter speed 1 (0.1 ms), where
+        # little but the dark level shows: the view begins with an auto-exposure.
+        session.auto_expose(None).add_done_callback(_report_failure)
+        session.start()
         url = _url(args.host, runner.addresses[0][1], token)
-        print(f"orb-sensor view of sensor {sensor_id}: {url}", flush=True)
+        print(f"orb-sensor view of sensor {session.sensor.id}: {url}", flush=True)
         if args.host in ("0.0.0.0", "::"):
             sys.stderr.write("listening on every address: from another machine, use this one's name "
                              f"instead of {security.LOOPBACK}\n")
@@ -82,12 +87,8 @@ def run(args, progress):
     token = security.new_token(args.host)
     app = server.application(session, token)
     progress.done()
-    # Every connect brings the sensor up at shutter speed 1 (0.1 ms), where
-    # little but the dark level shows: the view begins with an auto-exposure.
-    session.auto_expose(None).add_done_callback(_report_failure)
-    session.start()
     try:
-        asyncio.run(_serve(app, args, token, sensor.id))
+        asyncio.run(_serve(app, args, token, session))
     finally:
         session.stop()
     return 0

@@ -56,7 +56,8 @@ class Session:
     def stop(self, timeout=5.0):
         self._stopping = True
         self._interrupt.set()
-        self._thread.join(timeout)
+        if self._thread.is_alive():
+            self._thread.join(timeout)
         self.recorder.stop()
         if self.lights is not None:
             self.lights.close()
@@ -163,7 +164,7 @@ class Session:
         return self.submit(job, "auto-exposure")
 
     def take_dark(self):
-        return self.submit(lambda sensor: sensor.dark() is not None, "taking a dark frame")
+        return self.submit(lambda sensor: sensor.dark(), "taking a dark frame")
 
     def switch(self, sensor_id):
         def job(_):
@@ -173,6 +174,7 @@ class Session:
             self.sensor = self._sensors[sensor_id]
             self.settings, self.shown = {}, None
             self.frames = self.lost = 0
+            self._rate_mark = (time.monotonic(), 0)
             return sensor_id
         return self.submit(job, f"opening sensor {sensor_id}")
 
