@@ -54,6 +54,23 @@ def run_metadata(sensor, averages):
             "dark_correction": sensor.dark_correction}
 
 
+def check_output(path):
+    """Refuses an output path that cannot be written, before the sensor
+    starts: the writer's own checks, then a file made and removed where
+    none is yet (a directory may look writable and refuse files)."""
+    try:
+        recording.check_output_path(path)
+    except ValueError as e:
+        raise OrbValueError(str(e)) from None
+    if path == "-" or os.path.exists(path):
+        return
+    try:
+        os.close(os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL))
+        os.unlink(path)
+    except OSError as e:
+        raise OrbValueError(f"cannot write {path}: {e.strerror}") from None
+
+
 def list_sensors(_args, progress):
     progress.step("connecting the sensors")
     ids = Sensor.list()
@@ -89,7 +106,7 @@ def acquire(args, progress):
         raise OrbValueError("--filters needs --auto-exposure")
     for path in (args.output, args.plot):
         if path is not None:
-            recording.check_output_path(path)
+            check_output(path)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
         if args.gain is not None or args.adc_range is not None:
@@ -152,7 +169,7 @@ def _frames_to(writer, sensor, args, status):
 
 
 def stream(args, progress):
-    recording.check_output_path(args.output)
+    check_output(args.output)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
         meta = run_metadata(sensor, args.averages)
@@ -166,7 +183,7 @@ def stream(args, progress):
 def record(args, progress):
     if args.output == "-":
         raise OrbValueError("record: -o must name a file: HDF5 cannot go to standard output")
-    recording.check_output_path(args.output)
+    check_output(args.output)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
         meta = run_metadata(sensor, args.averages)

@@ -7,7 +7,7 @@ channel bits in the low byte of the state word, intensity from bit 8 up.
 """
 
 from . import checks, supervisor
-from .errors import OrbError
+from .errors import OrbError, OrbTypeError
 
 CONTROL_TIMEOUT_S = 5.0
 
@@ -58,7 +58,7 @@ class LedModule:
         """Switches the given channels on and every other one off. Returns
         the state word sent."""
         if isinstance(channels, (str, bytes)):
-            raise checks.OrbTypeError(f"channels must be channel numbers, not text {channels!r}")
+            raise OrbTypeError(f"channels must be channel numbers, not text {channels!r}")
         channels = sorted({checks.integer("LED channel", ch, 0, MAX_CHANNELS - 1) for ch in channels})
         intensity = checks.integer("LED intensity", intensity, 0, MAX_INTENSITY)
         word = state_word(channels, intensity)

@@ -7,15 +7,13 @@ follows its sensor by ID. Calls on one sensor from several threads run one
 after the other; two sensors work at once.
 """
 
-import threading
 import time
 
 import numpy as np
 
 from . import checks, streaming, supervisor
-from .errors import NoSensorError, OrbValueError, SensorLostError
-from .frame import (DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, NUM_FILTERS, Frame, exposure_ms,
-                    nearest_shutter_speed, saturated_filters)
+from .errors import NoSensorError, OrbTypeError, OrbValueError
+from .frame import DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, Frame, exposure_ms, nearest_shutter_speed, saturated_filters
 
 SHUTTER_SPEED_LIMITS = (1, 3000)
 ADC_RANGE_LIMITS = (0, 255)
@@ -288,10 +286,8 @@ class Sensor:
     @dark_correction.setter
     def dark_correction(self, on):
         if not isinstance(on, (bool, np.bool_)):
-            raise checks.OrbTypeError(f"dark_correction must be True or False, not {on!r}")
+            raise OrbTypeError(f"dark_correction must be True or False, not {on!r}")
         if on and self.dark_frame is None:
             raise OrbValueError("dark_correction needs a dark frame: call dark() first")
         self._dark_correction = bool(on)
 
-
-__all__ = ["Sensor", "SensorLostError", "NUM_FILTERS"]

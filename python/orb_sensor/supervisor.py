@@ -199,8 +199,12 @@ class Worker:
 
     def end(self, failure):
         """Kills the process; whatever waits on it fails with `failure`."""
-        if self.failure is None:
-            self.failure = failure
+        with self._lock:
+            if self.failure is None:
+                self.failure = failure
+            # No new request goes to it, even before its reader has seen
+            # the socket close.
+            self.alive = False
         try:
             self.process.send_signal(signal.SIGKILL)
         except ProcessLookupError:
@@ -271,7 +275,7 @@ class Supervisor:
             for operation, args in self._wanted.get(sensor_id, {}).items():
                 pending = self._worker.send(index, operation, (*args, int(CONTROL_TIMEOUT_S * 1000)))
                 if not pending.done.wait(CONTROL_TIMEOUT_S + GRACE_S) or not pending.ok:
-                    WORKER_LOG.warning("sensor %s: %s %s not restored after reconnecting",
+                    WORKER_LOG.debug("sensor %s: %s %s not restored after reconnecting",
                                        sensor_id, operation, args)
 
     def _healthy(self):
@@ -302,12 +306,19 @@ class Supervisor:
                 if sensor_id in self.ids:
                     return self.ids.index(sensor_id)
                 if usb_nodes.sensor_addresses() == self._nodes_at_connect:
-                    raise SensorLostError(f"sensor {sensor_id} is not on the bus: plug it back in")
+                    raise SensorLostError(self._missing(sensor_id))
                 self._worker.end(("restart", "reconnecting the sensors after a replug"))
             self._start()
             if sensor_id not in self.ids:
-                raise SensorLostError(f"sensor {sensor_id} is not on the bus: plug it back in")
+                raise SensorLostError(self._missing(sensor_id))
             return self.ids.index(sensor_id)
+
+    def _missing(self, sensor_id):
+        on_bus = len(self._nodes_at_connect)
+        if on_bus > len(self.ids):
+            return (f"sensor {sensor_id} could not be opened: {on_bus} device(s) on the bus, "
+                    f"{len(self.ids)} opened; `orb-sensor doctor` says why")
+        return f"sensor {sensor_id} is not on the bus: plug it back in"
 
     # Requests.
 
@@ -317,7 +328,8 @@ class Supervisor:
         own, in seconds; `watch` checks the sensor's presence while it runs
         (for calls of the library that wait for ever). A request that found
         the library's frame path ended (another sensor left) is run once
-        more in a new worker."""
+        more in a new worker, and so is one that found its sensor gone
+        when it has come back since (replugged between two calls)."""
         for attempt in (1, 2):
             with self._lock:
                 index = self.locate(sensor_id)
@@ -325,14 +337,20 @@ class Supervisor:
             pending = worker.send(index, operation, (*args, int(timeout * 1000)))
             try:
                 return self.wait(worker, pending, timeout + GRACE_S, what=operation.replace("_", " "),
-                                  watch_index=index if watch else None)
-            except _Ended:
-                self.end_worker(("restart", "the library's frame path ended"), generation)
-                if attempt == 2:
-                    raise SensorLostError(f"sensor {sensor_id}: the library's frame path ended") from None
-            except SensorLostError:
-                self.end_worker(("restart", f"sensor {sensor_id} left the bus"), generation)
-                raise
+                                 watch_index=index if watch else None)
+            except (_Ended, SensorLostError) as e:
+                self.end_worker(("restart", f"sensor {sensor_id}: {e}"), generation)
+                if attempt == 2 or not self._bus_changed(e):
+                    if isinstance(e, _Ended):
+                        raise SensorLostError(f"sensor {sensor_id}: the library's frame path ended") from None
+                    raise
+
+    def _bus_changed(self, error):
+        """Whether a failed request is worth a second try in a new worker:
+        the frame path ended under it (another sensor left), or a device
+        came onto the bus since the sensors were connected (the sensor was
+        replugged between two calls)."""
+        return isinstance(error, _Ended) or bool(usb_nodes.sensor_addresses() - self._nodes_at_connect)
 
     @staticmethod
     def wait(worker, pending, timeout, what, watch_index=None):
@@ -376,9 +394,12 @@ class Supervisor:
                 return _StreamHandle(self, worker, generation, index, stream_id, channel)
             except BaseException as e:
                 worker.close_stream(index, stream_id)
-                if isinstance(e, (_Ended, SensorLostError)):
-                    self.end_worker(("restart", "the library's frame path ended"), generation)
-                if not isinstance(e, _Ended) or attempt == 2:
+                if not isinstance(e, (_Ended, SensorLostError)):
+                    raise
+                self.end_worker(("restart", f"sensor {sensor_id}: {e}"), generation)
+                if attempt == 2 or not self._bus_changed(e):
+                    if isinstance(e, _Ended):
+                        raise SensorLostError(f"sensor {sensor_id}: the library's frame path ended") from None
                     raise
 
 

@@ -27,7 +27,8 @@ def test_no_sensor_says_what_to_check(orb_sensor):
 def test_acquire_writes_csv_to_stdout(orb_sensor):
     result = orb_sensor("--emulate", "acquire", "-n", "2")
     assert result.returncode == 0, result.stderr
-    lines = result.stdout.splitlines()
+    lines = [line for line in result.stdout.splitlines() if not line.startswith("# ")]
+    assert "# sensor_id: C1234-7-20-33-1" in result.stdout
     assert lines[0] == "filter,value" and len(lines) == 1025
     rows = [line.split(",") for line in lines[1:]]
     assert [int(f) for f, _ in rows] == list(range(1, 1025))
@@ -42,6 +43,8 @@ def test_acquire_json_with_settings_and_plot(orb_sensor, tmp_path):
     assert result.stdout == ""
     doc = json.loads((tmp_path / "frame.json").read_text())
     assert len(doc.pop("filter_data")) == 1024
+    assert doc.pop("library_version") == "1.0.0" and doc.pop("saturated_filters") == []
+    assert doc.pop("time").startswith("20")
     assert doc == {"sensor_id": "C1234-7-21-33-1", "sensor_index": 1, "averages": 2,
                    "shutter_speed": 400, "exposure_time_ms": 36.0, "master_clock_mhz": 10,
                    "adc_gain": 0, "adc_range": 100, "auto_exposure": False,

@@ -48,6 +48,10 @@ except SensorLostError:
     assert took(t) < 2 and seen > 10, (took(t), seen)
 ctl("replug", "0")
 assert len([f for f in s.stream(frames=20)]) == 20
+# Unplugged and back between two calls: the next call just works.
+ctl("unplug", "0")
+ctl("replug", "0")
+assert s.read().shutter_speed == 120
 print("recovered", s.index)
 """, "--frames", "counter")
     assert "recovered 0" in out
@@ -153,3 +157,32 @@ except (ValueError, TypeError) as e:
 assert s.settings() == before
 """)
     assert message in out
+
+
+def test_every_bench_fault_ends_in_a_clear_error_in_time_and_a_replug_recovers(run_python):
+    out = run(run_python, 1, """
+from orb_sensor import OrbError
+s = Sensor()
+s.read()
+faults = [["stall", "70"], ["no-reply", "70"], ["wrong-echo", "36", "7"], ["short-frame", "1000"],
+          ["stall-bulk"], ["trickle", "64"], ["hang"], ["refuse-claim"], ["refuse-open"]]
+calls = {"read": lambda: s.read(timeout=3), "set": lambda: setattr(s, "shutter_speed", 50),
+         "stream": lambda: list(s.stream(frames=20, timeout=3))}
+for fault in faults:
+    ctl("fault", "0", *fault)
+    for name, call in calls.items():
+        t = time.monotonic()
+        try:
+            call()
+        except OrbError as e:
+            assert str(e), (fault, name)
+        # The longest bound: a read's 3 s and the second a request is
+        # given beyond it.
+        assert took(t) < 4.5, (fault, name, took(t))
+    ctl("unplug", "0")
+    ctl("replug", "0")
+    ctl("clear", "0")
+    assert len(s.read().values) == 1024, fault
+print("all faults")
+""")
+    assert "all faults" in out
