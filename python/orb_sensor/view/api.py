@@ -24,7 +24,7 @@ def _control(handler):
             return _error(400, e)
         except (SensorLostError, SensorTimeoutError) as e:
             return _error(409, e)
-        except (OrbError, OSError) as e:
+        except (OrbError, OSError, ValueError) as e:  # ValueError: a recording's path
             return _error(500, e)
         return web.json_response(session.status())
     return answer
