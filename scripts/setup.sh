@@ -4,7 +4,8 @@ set -euo pipefail
 
 packages=(cmake gcc g++ make pkg-config libusb-1.0-0-dev umockdev libumockdev-dev
           libgtest-dev libgmock-dev libbenchmark-dev python3
-          python3-numpy python3-matplotlib python3-pytest python3-h5py clang libclang-rt-14-dev valgrind)
+          python3-numpy python3-matplotlib python3-pytest python3-h5py clang libclang-rt-14-dev valgrind
+          python3-aiohttp python3-selenium chromium chromium-driver)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -15,4 +16,15 @@ if [ ${#missing[@]} -gt 0 ]; then
   echo "Installing: ${missing[*]}"
   $sudo apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
+fi
+
+# uPlot draws the live view's plot (orb-sensor view); it stays in the build
+# tree and the install rule copies its two files under share/orb-sensor.
+uplot=uplot@1.6.32
+npm_dir="$(cd "$(dirname "$0")/.." && pwd)/build/npm"
+if ! grep -qs '"version": "'"${uplot#uplot@}"'"' "$npm_dir/node_modules/uplot/package.json"; then
+  command -v npm >/dev/null || { echo "setup.sh: $uplot needs npm (Node.js 18 or later)" >&2; exit 1; }
+  echo "Installing $uplot into $npm_dir"
+  mkdir -p "$npm_dir"
+  npm install --prefix "$npm_dir" --no-save --no-package-lock --no-audit --no-fund "$uplot" >/dev/null
 fi

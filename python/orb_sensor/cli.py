@@ -93,7 +93,21 @@ def parser():
     led.add_argument("--off", action="store_true", help="switch every channel off")
 
     sub.add_parser("doctor", help="check what a sensor needs on this machine, and say what to fix")
+
+    v = sub.add_parser("view", help="the live filter data in a browser, with the sensor's controls")
+    _sensor_options(v, timeout=False)
+    v.add_argument("--port", type=arguments.whole(0, 65535), default=0, metavar="N",
+                   help="serve on port N (default 0: an unused one, printed)")
+    v.add_argument("--host", default="127.0.0.1", metavar="ADDR",
+                   help="listen on ADDR (default 127.0.0.1); any other needs the printed token")
+    v.add_argument("--open", action="store_true", help="open the page in the desktop's browser")
     return p
+
+
+def _view(args, progress):
+    # aiohttp is needed by this command only.
+    from .view.command import run
+    return run(args, progress)
 
 
 def _show_library_lines():
@@ -112,7 +126,7 @@ def _fail(progress, text, status):
 
 def _run(args, progress):
     try:
-        return COMMANDS[args.command](args, progress)
+        return {**COMMANDS, "view": _view}[args.command](args, progress)
     except NoSensorError as e:
         progress.done()
         sys.stderr.write(no_sensor_message(e))
@@ -133,7 +147,7 @@ def main(argv=None):
     argv = sys.argv[1:] if argv is None else argv
     args = parser().parse_args(emulation.with_emulate_count(argv))
     if args.emulate is not None and not os.environ.get(emulation.EMULATED_ENV):
-        return emulation.reexec(args.emulate, led=args.command == "led", argv=argv)
+        return emulation.reexec(args.emulate, led=args.command in ("led", "view"), argv=argv)
     if args.verbose:
         _show_library_lines()
     if args.command == "doctor":

@@ -1,0 +1,216 @@
+"""The sensor the page looks at, streamed in a thread of its own.
+
+The thread keeps a stream running and hands each frame (averaged as the
+page asks) to the pages and to the recording. What needs the sensor alone,
+auto-exposure and a dark frame, runs in the same thread between two
+streams. When the sensor is lost the thread says so and tries again every
+half second: once it is plugged back in, frames come again by themselves.
+"""
+
+import concurrent.futures
+import contextlib
+import os
+import queue
+import threading
+import time
+
+from ..errors import OrbError, SensorLostError, SensorTimeoutError
+from ..frame import exposure_ms
+from ..sensor import Sensor
+from .averaging import Averager
+from .fanout import Fanout
+from .recorder import Recorder
+
+RETRY_S = 0.5
+# The frame rate is counted over at least this long.
+RATE_WINDOW_S = 1.0
+
+
+class Session:
+    def __init__(self, sensor, sensor_ids, directory=None):
+        self.sensor_ids = sensor_ids
+        self._sensors = {sensor.id: sensor}
+        self.sensor = sensor
+        self.averages = 1
+        self.frozen = False
+        self.state, self.message = "starting", ""
+        self.settings = {}
+        self.frames = self.lost = 0
+        # The frame on the page, and whether the dark frame was subtracted
+        # from it: one tuple, so that the two are read together.
+        self.shown = None
+        self.lights = None
+        self.fanout = Fanout()
+        self.recorder = Recorder(directory or os.getcwd())
+        self._rate, self._rate_mark = 0.0, (time.monotonic(), 0)
+        self._jobs = queue.SimpleQueue()
+        # Set to end the running stream (a job waits, or the view ends), and
+        # to cut the wait between two tries short.
+        self._interrupt = threading.Event()
+        self._stopping = False
+        self._thread = threading.Thread(target=self._run, name="orb-view-session", daemon=True)
+
+    def start(self):
+        self._thread.start()
+
+    def stop(self, timeout=5.0):
+        self._stopping = True
+        self._interrupt.set()
+        if self._thread.is_alive():
+            self._thread.join(timeout)
+        self.recorder.stop()
+        if self.lights is not None:
+            self.lights.close()
+
+    # The thread.
+
+    def _run(self):
+        while not self._stopping:
+            self._interrupt.clear()
+            self._run_jobs()
+            try:
+                self._stream()
+            except (SensorLostError, SensorTimeoutError) as e:
+                self._set_state("lost", str(e))
+            except OrbError as e:
+                self._set_state("failed", str(e))
+            except Exception as e:  # a fault of the view's own: shown, and tried again
+                self._set_state("failed", f"internal error: {type(e).__name__}: {e}")
+            if self.state in ("lost", "failed"):
+                self._interrupt.wait(RETRY_S)
+
+    def _stream(self):
+        sensor = self.sensor
+        s = sensor.settings()
+        self._note(shutter_speed=s["shutter_speed"], adc_gain=s["adc_gain"], adc_range=s["adc_range"])
+        averager = Averager()
+        with contextlib.closing(sensor.stream()) as frames:
+            for frame in frames:
+                if self.state != "streaming":
+                    self._set_state("streaming")
+                self.frames += 1
+                self.lost += frame.lost
+                # The stream read the flag in this thread as it made the frame,
+                # an instant ago.
+                corrected = sensor.dark_correction
+                average = averager.add(frame, self.averages, corrected)
+                if average is not None:
+                    self.recorder.write(average)
+                    if not self.frozen:
+                        self.shown = (average, corrected)
+                        self.fanout.frame(average)
+                if self._interrupt.is_set() or self._stopping:
+                    return
+
+    def _run_jobs(self):
+        while True:
+            try:
+                job, what, future = self._jobs.get_nowait()
+            except queue.Empty:
+                return
+            self._set_state("busy", what)
+            try:
+                future.set_result(job(self.sensor))
+            except Exception as e:  # the page is told, the thread goes on
+                future.set_exception(e)
+
+    def submit(self, job, what):
+        """Runs job(sensor) in the session's thread with the stream stopped;
+        a future of its result. `what` is shown on the page meanwhile."""
+        future = concurrent.futures.Future()
+        self._jobs.put((job, what, future))
+        self._interrupt.set()
+        return future
+
+    # What the page sees.
+
+    def _set_state(self, state, message=""):
+        self.state, self.message = state, message
+        self.fanout.status()
+
+    def _note(self, **settings):
+        self.settings.update(settings)
+        self.fanout.status()
+
+    def set_shutter_speed(self, value):
+        self.sensor.shutter_speed = value
+        self._note(shutter_speed=value)
+
+    def set_exposure_ms(self, ms):
+        self.sensor.exposure_ms = ms
+        self._note(shutter_speed=self.sensor.shutter_speed)
+
+    def set_adc(self, gain, range):
+        self.sensor.set_adc(gain=gain, range=range)
+        self._note(**{k: v for k, v in (("adc_gain", gain), ("adc_range", range)) if v is not None})
+
+    def set_averages(self, n):
+        self.averages = n
+        self.fanout.status()
+
+    def set_frozen(self, frozen):
+        self.frozen = frozen
+        self.fanout.status()
+
+    def set_dark_correction(self, on):
+        self.sensor.dark_correction = on
+        self.fanout.status()
+
+    def auto_expose(self, target):
+        def job(sensor):
+            shutter, _ = sensor.auto_expose(target=target)
+            self._note(shutter_speed=shutter)
+            return shutter
+        return self.submit(job, "auto-exposure")
+
+    def take_dark(self):
+        return self.submit(lambda sensor: sensor.dark(), "taking a dark frame")
+
+    def switch(self, sensor_id):
+        def job(_):
+            self.recorder.stop()
+            if sensor_id not in self._sensors:
+                self._sensors[sensor_id] = Sensor(id=sensor_id)
+            self.sensor = self._sensors[sensor_id]
+            self.settings, self.shown = {}, None
+            self.frames = self.lost = 0
+            self._rate_mark = (time.monotonic(), 0)
+            return sensor_id
+        return self.submit(job, f"opening sensor {sensor_id}")
+
+    def set_lights(self, channels, intensity):
+        self.lights.set(channels, intensity)
+        self.fanout.status()
+
+    def start_recording(self):
+        self.recorder.start(self.sensor, self.averages)
+        self.fanout.status()
+
+    def stop_recording(self):
+        self.recorder.stop()
+        self.fanout.status()
+
+    @property
+    def current(self):
+        """The frame on the page, None before the first."""
+        return None if self.shown is None else self.shown[0]
+
+    def status(self):
+        now = time.monotonic()
+        mark_time, mark_frames = self._rate_mark
+        if now - mark_time >= RATE_WINDOW_S:
+            self._rate = (self.frames - mark_frames) / (now - mark_time)
+            self._rate_mark = (now, self.frames)
+        shutter = self.settings.get("shutter_speed")
+        state = "frozen" if self.frozen and self.state == "streaming" else self.state
+        return {
+            "sensor_id": self.sensor.id, "sensors": self.sensor_ids, "state": state, "message": self.message,
+            "shutter_speed": shutter, "exposure_ms": None if shutter is None else exposure_ms(shutter),
+            "averages": self.averages,
+            "adc": {"gain": self.settings.get("adc_gain"), "range": self.settings.get("adc_range")},
+            "frames": self.frames, "frame_number": None if self.current is None else int(self.current.seq),
+            "lost": self.lost, "frame_rate": round(self._rate, 1), "frozen": self.frozen,
+            "dark": self.sensor.dark_frame is not None, "dark_correction": self.sensor.dark_correction,
+            "recording": self.recorder.status(),
+            "led": None if self.lights is None else self.lights.status(),
+        }
