@@ -33,3 +33,8 @@ sensor=("${bench[@]}" "$top/tools/orb-sensor")
 "${sensor[@]}" list
 "${sensor[@]}" acquire --auto-exposure -n 10 -o frame.csv --plot frame.png
 echo "Wrote $PWD/frame.csv (filter,value) and $PWD/frame.png."
+if [ "$plugged" = 0 ]; then
+  echo "Live view in the browser: $top/tools/orb-sensor --emulate 1 view --open"
+else
+  echo "Live view in the browser: $top/tools/orb-sensor view --open"
+fi
