@@ -108,6 +108,10 @@ with one_device(SensorID="C1234-7-20-33-1") as proxy:
     assert len(set(corrected)) == 1 and corrected[0] < 4.0 and (proxy.FilterData == corrected).all()
     proxy.DarkCorrection = False
     assert set(proxy.Acquire()) == {4.0}
+    proxy.Start()
+    proxy.TakeDark()                        # the stream pauses for it and goes on
+    assert proxy.state() == RUNNING and proxy.Acquire()[0] >= 3.0
+    proxy.Stop()
     ctl("frames", "0", "constant=4095")
     assert proxy.Saturated is None and set(proxy.Acquire()) == {4095.0}     # PyTango reads [] as None
     assert list(proxy.Saturated) == list(range(1, 1025))

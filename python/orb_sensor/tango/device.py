@@ -130,8 +130,8 @@ class OrbSensor(Device):
         return frame.values, frame.timestamp, AttrQuality.ATTR_VALID
 
     @attribute(dtype=tango.DevLong64,
-               doc="The number of FilterData's frame (of the last one averaged), from 0 at Start and "
-                   "again when the sensor came back; 0 for Acquire's frame when idle, -1 before any")
+               doc="The number of FilterData's frame (of the last one averaged), from 0 at Start; "
+                   "0 for Acquire's frame when idle, -1 before any")
     def FrameNumber(self):
         frame = self._latest.frame
         return -1 if frame is None else int(frame.seq)

@@ -27,6 +27,10 @@ class Streamer:
         # Read with every frame: a change starts a new average.
         self.averages = 1
         self.open = False
+        # The frames are numbered from 0 at start(), on across the streams
+        # this thread opens again (after a pause, or once the sensor is
+        # back), during which the sensor made no frames.
+        self._next_seq = 0
         self._pauses = 0
         self._closed = False
         self._thread = threading.Thread(target=self._run, name="orb-tango-stream", daemon=True)
@@ -37,6 +41,8 @@ class Streamer:
 
     def stream(self, on):
         with self._changed:
+            if on and not self.wanted:
+                self._next_seq = 0
             self.wanted = on
             self._changed.notify_all()
         self._on_change()
@@ -86,10 +92,13 @@ class Streamer:
         try:
             frames = self._link.open().stream()
             averager = Averager(self.averages)
+            first_seq = self._next_seq
             for frame in frames:
                 self._link.reached()
                 if not self._should_stream():
                     return 0
+                frame.seq += first_seq
+                self._next_seq = frame.seq + 1
                 if averager.size != self.averages:
                     averager = Averager(self.averages)
                 average = averager.add(frame)
