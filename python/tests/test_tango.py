@@ -8,7 +8,11 @@ the client does not expect), so every subscription here is shorter."""
 
 import os
 
+import numpy as np
+
 from conftest import REPO
+from orb_sensor.frame import Frame
+from orb_sensor.tango.frames import Averager
 
 PRELUDE = """
 import os, socket, subprocess, sys, time
@@ -92,6 +96,20 @@ with one_device(SensorIndex=0) as proxy:
                          "API_WAttrOutsideLimit|AdcRange must be between 0 and 255, not 256"]
 
 
+def test_averages_never_mix_settings_and_count_what_they_drop():
+    def frame(seq, shutter, lost=0, saturated=()):
+        return Frame(np.full(1024, float(seq)), seq=seq, timestamp=seq, shutter_speed=shutter, adc=(1, 132),
+                     saturated=np.array(saturated, int), lost=lost)
+    averager = Averager(3)
+    stream = [frame(0, 5), frame(1, 5, saturated=[7]), frame(2, 9, lost=2), frame(3, 9), frame(4, 9, saturated=[1]),
+              frame(5, 9, lost=1), frame(6, 9)]
+    out = [a for a in map(averager.add, stream) if a is not None]
+    # Frames 0 and 1 (shutter 5) are dropped when 2 comes at shutter 9: lost with the 2 before frame 2.
+    assert [(a.seq, a.values[0], a.shutter_speed, a.lost, list(a.saturated), a.averages) for a in out] == [
+        (4, 3.0, 9, 4, [1], 3)]
+    assert averager.add(frame(7, 9)).lost == 1 and Averager(1).add(stream[0]) is stream[0]
+
+
 def test_acquire_dark_auto_exposure_and_the_led(run_python):
     out = run(run_python, 1, """
 from orb_sensor.led import state_word
@@ -155,8 +173,24 @@ with one_device() as proxy:
     assert len(got) == proxy.FrameNumber + 1 and proxy.FramesLost == 0, (len(got), proxy.FrameNumber)
     assert during[0] in got
     print("events", len(got))
+    proxy.Averages = 4
+    values = Values()
+    event = proxy.subscribe_event("FilterData", tango.EventType.CHANGE_EVENT, values)
+    proxy.Start()
+    time.sleep(1)
+    proxy.ShutterSpeed = 2                  # the average under way is dropped, and counted
+    time.sleep(1)
+    proxy.Stop()
+    wait_state(proxy, ON, 5)
+    time.sleep(0.5)
+    proxy.unsubscribe_event(event)
+    got = values.values()[1:]               # the first: the value when subscribing
+    # Four frames k..k+3 average to k + 1.5: none straddles the change, which the library
+    # passes over; the frames of the average under way then (up to 3) count as lost.
+    assert got[0] == 4.5 and all(b % 1 == 0.5 and b > a for a, b in zip(got, got[1:])), got
+    assert 0 <= proxy.FramesLost <= 3 and proxy.ShutterSpeed == 2
 """, "--frames", "counter")
-    assert int(out[-1].split()[-1]) > 300
+    assert int(out[0].split()[-1]) > 300
 
 
 def test_three_sensors_stream_at_once_and_an_unplug_faults_only_its_own(run_python):
