@@ -22,10 +22,12 @@ run on meanwhile.
 """
 
 import argparse
+import ctypes
 import datetime
 import json
 import os
 import resource
+import signal
 import socket
 import subprocess
 import sys
@@ -42,6 +44,8 @@ from orb_sensor.frame import exposure_ms  # noqa: E402
 from orb_sensor.sensor import FASTEST_FRAME_S  # noqa: E402
 
 SERVER_START_S = 60.0
+PR_SET_PDEATHSIG = 1
+SERVER_STOP_S = 20.0
 # Each round: events before its window opens, and the window; together
 # well within the ten seconds a subscription lasts without a database.
 WARM_UP_S = 1.0
@@ -105,9 +109,11 @@ def start_server(count, directory):
         f.write("orb-tango/bench/DEVICE/OrbSensor: " + ", ".join(names) + "\n")
         f.writelines(f"{name}->SensorIndex: {i}\n" for i, name in enumerate(names))
     port = free_port()
-    server = subprocess.Popen([sys.executable, os.path.join(REPO, "tools", "orb-tango"), "bench", f"-file={db}",
-                               "-ORBendPoint", f"giop:tcp:127.0.0.1:{port}"],
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    # It ends with this process, also when a Tango client crash ends it.
+    server = subprocess.Popen([sys.executable, os.path.join(REPO, "tools", "orb-tango"), "bench",
+                               f"-file={db}", "-ORBendPoint", f"giop:tcp:127.0.0.1:{port}"],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                              preexec_fn=lambda: ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGTERM))
     return server, [f"tango://127.0.0.1:{port}/{name}#dbase=no" for name in names]
 
 
@@ -126,31 +132,32 @@ def wait_on(proxies, server):
 
 
 class Counter:
-    """The events of one device: how many, and how many went missing
-    between two received, by the counter values they carry."""
+    """The events of one device: how many, how many went missing between
+    two received (by the counter values they carry), and how late they
+    came after their frame (the event's time stamp is the frame's)."""
 
     def __init__(self):
         self.lock = threading.Lock()
-        self.received = 0
-        self.missing = 0
+        self.received = self.missing = 0
+        self.delay_sum = self.delay_max = 0.0
         self.last = None
 
     def __call__(self, event):
-        if event.err or event.attr_value is None or event.attr_value.value is None:
+        value = None if event.err or event.attr_value is None else event.attr_value.value
+        if value is None or len(value) == 0:
             return
-        values = event.attr_value.value
-        if len(values) == 0:
-            return
-        k = int(values[0])
+        k, delay = int(value[0]), time.time() - event.attr_value.time.totime()
         with self.lock:
             if self.last is not None:
                 self.missing += (k - self.last - 1) % COUNTER_MODULO
             self.last = k
             self.received += 1
+            self.delay_sum += delay
+            self.delay_max = max(self.delay_max, delay)
 
     def snapshot(self):
         with self.lock:
-            return self.received, self.missing
+            return self.received, self.missing, self.delay_sum
 
 
 class Snapshot:
@@ -159,65 +166,64 @@ class Snapshot:
         self.events = [c.snapshot() for c in counters]
         self.sent = frames_sent()
         self.lost = [p.FramesLost for p in proxies]
-        self.server = cpu_s(server_pid)
-        self.worker = sum(cpu_s(pid) for pid in worker_pids)
-        self.launcher = cpu_s(os.getppid())
-        r = resource.getrusage(resource.RUSAGE_SELF)
-        self.client = r.ru_utime + r.ru_stime
+        self.cpu = {"server": cpu_s(server_pid), "worker": sum(cpu_s(pid) for pid in worker_pids),
+                    "emulator": cpu_s(os.getppid()), "client": sum(resource.getrusage(resource.RUSAGE_SELF)[:2])}
 
 
 def measure(proxies, server, rounds, shutter):
+    """Streams every sensor; `rounds` subscriptions of ROUND_S seconds each."""
     for proxy in proxies:
         proxy.ShutterSpeed = shutter
         proxy.Averages = 1
         proxy.Start()
     time.sleep(WARM_UP_S)
     workers = children(server.pid)
-    totals = {"wall": 0.0, "received": 0, "missing": 0, "sent": 0, "lost": 0, "server": 0.0, "worker": 0.0,
-              "client": 0.0, "launcher": 0.0}
+    wall, received, missing, delay, sent, lost, delay_max = 0.0, 0, 0, 0.0, 0, 0, 0.0
+    cpu = dict.fromkeys(("server", "worker", "emulator", "client"), 0.0)
     for _ in range(rounds):
         counters = [Counter() for _ in proxies]
         ids = [proxy.subscribe_event("FilterData", tango.EventType.CHANGE_EVENT, counter)
                for proxy, counter in zip(proxies, counters)]
         time.sleep(WARM_UP_S)
         first = Snapshot(counters, proxies, server.pid, workers)
+        for c in counters:
+            c.delay_max = 0.0
         time.sleep(ROUND_S)
         last = Snapshot(counters, proxies, server.pid, workers)
         for proxy, event_id in zip(proxies, ids):
             proxy.unsubscribe_event(event_id)
-        totals["wall"] += last.time - first.time
-        totals["received"] += sum(b[0] - a[0] for a, b in zip(first.events, last.events))
-        totals["missing"] += sum(b[1] - a[1] for a, b in zip(first.events, last.events))
-        totals["sent"] += sum(b - a for a, b in zip(first.sent, last.sent))
-        totals["lost"] += sum(b - a for a, b in zip(first.lost, last.lost))
-        for key in ("server", "worker", "client", "launcher"):
-            totals[key] += getattr(last, key) - getattr(first, key)
+        wall += last.time - first.time
+        received += sum(b[0] - a[0] for a, b in zip(first.events, last.events))
+        missing += sum(b[1] - a[1] for a, b in zip(first.events, last.events))
+        delay += sum(b[2] - a[2] for a, b in zip(first.events, last.events))
+        delay_max = max([delay_max] + [c.delay_max for c in counters])
+        sent += sum(b - a for a, b in zip(first.sent, last.sent))
+        lost += sum(b - a for a, b in zip(first.lost, last.lost))
+        for key in cpu:
+            cpu[key] += last.cpu[key] - first.cpu[key]
     for proxy in proxies:
         proxy.Stop()
-    wall, received, sent = totals["wall"], totals["received"], totals["sent"]
-    pace = 1 / max(exposure_ms(shutter) / 1000, FASTEST_FRAME_S)
-
-    def per(key, count):
-        return totals[key] / count * 1e6 if count else 0.0
-    return {"seconds": wall, "sensors": len(proxies), "sensor_pace_fps": pace * len(proxies),
-            "sensor_sent_fps": sent / wall, "events_received": received, "events_per_s": received / wall,
-            "events_per_sent": received / sent if sent else 0.0, "events_missing": totals["missing"],
-            "frames_lost_by_server": totals["lost"],
-            "server_cpu_us_per_frame": per("server", received), "worker_cpu_us_per_frame": per("worker", received),
-            "client_cpu_us_per_event": per("client", received), "emulator_cpu_us_per_frame": per("launcher", sent),
-            "server_cores": (totals["server"] + totals["worker"]) / wall, "emulator_cores": totals["launcher"] / wall,
-            "client_cores": totals["client"] / wall}
+    pace = len(proxies) / max(exposure_ms(shutter) / 1000, FASTEST_FRAME_S)
+    return {"seconds": wall, "sensor_pace_fps": pace, "sensor_sent_fps": sent / wall,
+            "events_received": received, "events_per_s": received / wall,
+            "events_per_sent": received / sent if sent else 0.0, "events_missing": missing,
+            "frames_lost_by_server": lost, "event_delay_mean_ms": delay / received * 1000 if received else 0.0,
+            "event_delay_max_ms": delay_max * 1000,
+            "server_cpu_us_per_frame": cpu["server"] / received * 1e6 if received else 0.0,
+            "worker_cpu_us_per_frame": cpu["worker"] / received * 1e6 if received else 0.0,
+            "client_cpu_us_per_event": cpu["client"] / received * 1e6 if received else 0.0,
+            "emulator_cpu_us_per_frame": cpu["emulator"] / sent * 1e6 if sent else 0.0,
+            **{f"{key}_cores": value / wall for key, value in cpu.items()}}
 
 
-UNITS = {"seconds": "s", "sensors": "", "sensor_pace_fps": "frames/s", "sensor_sent_fps": "frames/s",
-         "events_received": "events", "events_per_s": "events/s", "events_per_sent": "",
-         "events_missing": "events", "frames_lost_by_server": "frames", "server_cores": "cores", "emulator_cores": "cores",
-         "client_cores": "cores"}
+UNITS = {"seconds": "s", "sensor_pace_fps": "frames/s", "sensor_sent_fps": "frames/s", "events_received": "events",
+         "events_per_s": "events/s", "events_per_sent": "", "events_missing": "events",
+         "frames_lost_by_server": "frames", "event_delay_mean_ms": "ms", "event_delay_max_ms": "ms"}
 
 
 def print_table(name, counters):
     lines = [(f"{name}/{k}", f"{v:,.3f}" if isinstance(v, float) else f"{v:,}",
-              UNITS.get(k, "us/frame" if "us_per" in k else "")) for k, v in counters.items()]
+              UNITS.get(k, "cores" if k.endswith("_cores") else "us/frame")) for k, v in counters.items()]
     width = max(len(n) for n, _, _ in lines)
     figure = max(len(v) for _, v, _ in lines)
     print("-" * (width + figure + 12))
@@ -246,7 +252,11 @@ def main():
             counters = measure(proxies, server, args.rounds, args.shutter)
         finally:
             server.terminate()
-            server.wait(10)
+            try:
+                server.wait(SERVER_STOP_S)
+            except subprocess.TimeoutExpired:
+                server.kill()
+                raise
     name = f"TangoEvents/sensors:{count}/shutter:{args.shutter}"
     print(f"{datetime.datetime.now().astimezone().isoformat(timespec='seconds')}\n"
           f"Run on ({os.cpu_count()} X CPU s), load average {', '.join(f'{x:.2f}' for x in load)} "

@@ -15,11 +15,15 @@ from orb_sensor.frame import Frame
 from orb_sensor.tango.frames import Averager
 
 PRELUDE = """
-import os, socket, subprocess, sys, time
+import ctypes, os, signal, socket, subprocess, sys, time
 import tango
 from tango.test_context import DeviceTestContext, MultiDeviceTestContext
 from orb_sensor.tango import OrbSensor
 ON, RUNNING, FAULT = tango.DevState.ON, tango.DevState.RUNNING, tango.DevState.FAULT
+def die_with_parent():
+    ctypes.CDLL(None).prctl(1, signal.SIGKILL)       # PR_SET_PDEATHSIG
+# A server left behind by a client that crashed would look for its sensors for ever.
+os.register_at_fork(after_in_child=die_with_parent)
 def ctl(*words):
     out = subprocess.run([os.environ["ORB_EMULATE"], "ctl", *words], capture_output=True, text=True, timeout=10)
     assert out.stdout.strip().endswith("ok"), out.stdout
@@ -283,7 +287,7 @@ with socket.socket() as s:
     s.bind(("127.0.0.1", 0))
     port = s.getsockname()[1]
 server = subprocess.Popen([sys.executable, {script!r}, "lab", "-file={db}",
-                           "-ORBendPoint", f"giop:tcp:127.0.0.1:{{port}}"])
+                           "-ORBendPoint", f"giop:tcp:127.0.0.1:{{port}}"], preexec_fn=die_with_parent)
 try:
     a, b = (tango.DeviceProxy(f"tango://127.0.0.1:{{port}}/lab/orb/{{n}}#dbase=no") for n in "ab")
     t = time.monotonic()

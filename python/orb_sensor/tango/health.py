@@ -14,6 +14,10 @@ FAILED = "failed"
 # one that does not answer costs a new library process, which cuts the
 # streams of every other sensor of this server, so it is tried less often.
 RETRY_S = {LOST: 0.5, SILENT: 5.0, FAILED: 1.0, CONNECTING: 0.5}
+# Attempts that started a library process and failed all the same wait
+# twice as long each time, up to this: a library that cannot start is
+# not started again every second.
+MAX_RETRY_S = 30.0
 
 
 def problem_of(error):
@@ -40,7 +44,7 @@ def advice(name, problem):
                 f"back). The device finds it again by itself. ({text})")
     if kind == SILENT:
         return (f"Sensor {name} does not answer: unplug it and plug it back in. The device tries it "
-                f"again every {RETRY_S[SILENT]:g} s. ({text})")
+                f"again by itself. ({text})")
     return (f"The library failed on sensor {name}: {text}. The device tries again by itself; if this "
             "stays, restart the server.")
 

@@ -51,6 +51,10 @@ class SensorLink:
         self._open_lock = threading.Lock()
         self._calls = queue.Queue()
         self._addresses = None
+        # The library process of the last failure, and how often in a row
+        # a new one failed too.
+        self._failed_generation = None
+        self._doublings = 0
         self._closed = False
         self._thread = threading.Thread(target=self._serve, name="orb-tango-link", daemon=True)
 
@@ -96,13 +100,25 @@ class SensorLink:
     def reached(self):
         if self.problem is not None:
             self.problem = None
+            self._failed_generation, self._doublings = None, 0
             self._on_change()
 
     def report(self, error):
         problem = health.problem_of(error)
-        if problem is not None and problem != self.problem:
+        if problem is None:
+            return
+        generation = supervisor.shared().generation
+        started = self._failed_generation not in (None, generation)
+        self._doublings = self._doublings + 1 if started else 0
+        self._failed_generation = generation
+        if problem != self.problem:
             self.problem = problem
             self._on_change()
+
+    def retry_s(self):
+        """How long to wait before trying the sensor again."""
+        kind = self.problem[0] if self.problem else health.FAILED
+        return min(health.RETRY_S[kind] * 2 ** self._doublings, health.MAX_RETRY_S)
 
     def learn(self, **settings):
         self.settings = {**self.settings, **settings}
@@ -168,7 +184,7 @@ class SensorLink:
                 if seen != bus or now >= next_read:
                     bus = seen
                     self._poll()
-                    next_read = now + (REFRESH_S if self.problem is None else health.RETRY_S[self.problem[0]])
+                    next_read = now + (REFRESH_S if self.problem is None else self.retry_s())
 
     def close(self):
         """Ends the link's thread (after the call it runs, if any)."""

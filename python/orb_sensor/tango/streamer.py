@@ -7,7 +7,6 @@ import contextlib
 import threading
 
 from ..errors import OrbError
-from . import health
 from .failures import Busy
 from .frames import Averager
 
@@ -107,8 +106,7 @@ class Streamer:
             return 0
         except OrbError as e:
             self._link.report(e)
-            problem = health.problem_of(e)
-            return health.RETRY_S[problem[0]] if problem else health.RETRY_S[health.FAILED]
+            return self._link.retry_s()
         finally:
             if frames is not None:
                 frames.close()
