@@ -5,6 +5,7 @@ says how to register them)."""
 import logging
 import sys
 
+import tango
 from tango.server import run
 
 from .device import OrbSensor
@@ -25,5 +26,11 @@ def main(argv=None):
         sys.stderr.write(USAGE)
         return 0 if len(argv) > 1 else 2
     logging.basicConfig(level=logging.WARNING, format="orb-tango: %(name)s: %(message)s")
-    run((OrbSensor,), args=argv)
+    try:
+        run((OrbSensor,), args=argv, raises=True)
+    except tango.DevFailed as e:
+        sys.stderr.write(f"orb-tango: {e.args[0].desc.strip()}\n")
+        return 1
+    except KeyboardInterrupt:
+        return 130
     return 0
