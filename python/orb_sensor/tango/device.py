@@ -1,0 +1,287 @@
+"""OrbSensor: one spectral sensor as a Tango device.
+
+Attribute reads never reach the sensor: they serve the latest frame and
+the settings the link last read or set. Writes and commands that need the
+sensor run on the link's thread and are waited on for a bounded time,
+without the device's monitor; a sensor known to be out of reach refuses
+them at once, saying what to do.
+"""
+
+import functools
+import threading
+import time
+
+import numpy as np
+import tango
+from tango import AttrQuality, AttrWriteType
+from tango.server import Device, attribute, command, device_property
+
+from ..errors import OrbError
+from ..frame import NUM_FILTERS, exposure_ms, nearest_shutter_speed
+from ..sensor import ACQUISITION_MARGIN_S, AUTO_EXPOSE_TIMEOUT_S, DARK_AVERAGES, FASTEST_FRAME_S
+from ..supervisor import GRACE_S
+from . import failures, health, led_command, limits
+from .frames import LatestFrame
+from .link import WAIT_S, SensorLink
+from .streamer import Streamer
+
+RW = AttrWriteType.READ_WRITE
+# How long a command waits for a running stream to close before it takes
+# the sensor (the package stops a stream within 0.8 s).
+STREAM_CLOSE_S = 1.5
+
+
+def _acquisition_s(averages, shutter_speed):
+    """An upper bound on `averages` frames at `shutter_speed`, as the
+    package's own time-out of a read counts it."""
+    frame_s = max(exposure_ms(shutter_speed) / 1000, FASTEST_FRAME_S)
+    return ACQUISITION_MARGIN_S + 2 * averages * frame_s
+
+
+def _waits(method):
+    """For a call that waits on the sensor: it runs without the device's
+    monitor, so that the stream's events and other clients' calls go on
+    meanwhile, and the package's exceptions reach the client as DevFailed
+    with the reason of their kind and their own text."""
+    @functools.wraps(method)
+    def waiting(self, *args):
+        with tango.AutoTangoAllowThreads(self):
+            try:
+                return method(self, *args)
+            except (OrbError, failures.Busy, LookupError) as e:
+                failures.rethrow(e, f"OrbSensor.{method.__name__}")
+    return waiting
+
+
+class OrbSensor(Device):
+    """One spectral sensor: 1024 filters, 12-bit values (4095 is
+    saturation). Start streams, FilterData sends a change event with every
+    frame; State is ON (idle), RUNNING (streaming) or FAULT (the sensor is
+    unplugged or silent; the device recovers by itself once it is back)."""
+
+    SensorID = device_property(dtype=str, default_value="",
+                               doc="The sensor's ID text (as `orb-sensor list` prints it); "
+                                   "when empty, SensorIndex chooses")
+    SensorIndex = device_property(dtype=int, default_value=0,
+                                  doc="The sensor's index (0 upward) when SensorID is empty; "
+                                      "followed by its ID once found")
+
+    def init_device(self):
+        super().init_device()
+        self._guard = threading.Lock()
+        self._alive = True
+        self._latest = LatestFrame()
+        self.set_change_event("FilterData", True, False)
+        self.set_change_event("State", True, False)
+        sensor_id = self.SensorID.strip() or None
+        self._link = SensorLink(sensor_id, self.SensorIndex, on_change=self._show)
+        self._streamer = Streamer(self._link, self._deliver, on_change=self._show)
+        self._link.streaming = lambda: self._streamer.wanted
+        self._show()
+        self._link.start()
+        self._streamer.start()
+
+    def delete_device(self):
+        # A push waiting for the monitor holds the guard.
+        with tango.AutoTangoAllowThreads(self):
+            with self._guard:
+                self._alive = False
+            self._streamer.close()
+            self._link.close()
+
+    # What the device shows.
+
+    def _show(self):
+        with self._guard:
+            if not self._alive:
+                return
+            state, status = health.describe(self._link.name, self._link.problem, self._streamer.wanted)
+            self.set_status(status)
+            if state != self.get_state():
+                self.set_state(state)
+                self.push_change_event("State")
+
+    def _deliver(self, frame):
+        self._latest.put(frame)
+        with self._guard:
+            if self._alive:
+                self.push_change_event("FilterData", frame.values, frame.timestamp, AttrQuality.ATTR_VALID)
+
+    def _set_shutter(self, value):
+        self._link.call(lambda sensor: setattr(sensor, "shutter_speed", value), "setting the shutter speed")
+        self._link.learn(shutter_speed=value)
+
+    def _setting(self, key):
+        value = self._link.settings.get(key)
+        if value is None:
+            failures.throw(failures.ABSENT, f"not known yet: {self.get_status()}", "OrbSensor.read")
+        return value
+
+    # The latest frame.
+
+    @attribute(dtype=(float,), max_dim_x=NUM_FILTERS, unit="DN",
+               doc="The latest frame: 1024 values, an average of Averages frames, dark-corrected when "
+                   "DarkCorrection is on. A change event with every frame while streaming; INVALID "
+                   "before the first frame")
+    def FilterData(self):
+        frame = self._latest.frame
+        if frame is None:
+            return np.zeros(0), time.time(), AttrQuality.ATTR_INVALID
+        return frame.values, frame.timestamp, AttrQuality.ATTR_VALID
+
+    @attribute(dtype=tango.DevLong64,
+               doc="The number of FilterData's frame (of the last one averaged), from 0 at Start; "
+                   "0 for Acquire's frame when idle, -1 before any")
+    def FrameNumber(self):
+        frame = self._latest.frame
+        return -1 if frame is None else int(frame.seq)
+
+    @attribute(dtype=(tango.DevLong,), max_dim_x=NUM_FILTERS,
+               doc="The filters (1 to 1024) of FilterData's frame that read 4095 in any frame averaged")
+    def Saturated(self):
+        frame = self._latest.frame
+        return np.zeros(0, np.int32) if frame is None else np.asarray(frame.saturated, np.int32)
+
+    @attribute(dtype=tango.DevLong64, doc="Frames the stream lost since Start: not read in time, or "
+                                          "dropped from an average by a change of settings")
+    def FramesLost(self):
+        return self._latest.lost
+
+    @attribute(dtype=str, name="SensorID", doc="The sensor's ID text; empty until it was found")
+    def sensor_id(self):
+        return self._link.sensor_id or ""
+
+    # Settings.
+
+    @attribute(dtype=tango.DevLong, access=RW,
+               doc="The shutter speed, " + limits.describe("ShutterSpeed") +
+                   "; exposure = (912 x shutter + 160) / 10000 ms")
+    def ShutterSpeed(self):
+        return self._setting("shutter_speed")
+
+    @ShutterSpeed.write
+    @_waits
+    def ShutterSpeed(self, value):
+        self._set_shutter(int(limits.check("ShutterSpeed", value)))
+
+    @attribute(dtype=float, access=RW, unit="ms", format="%.4f",
+               doc="The exposure of the shutter speed, " + limits.describe("ExposureTime") +
+                   " ms (10 MHz master clock); a write sets the nearest shutter speed")
+    def ExposureTime(self):
+        return exposure_ms(self._setting("shutter_speed"))
+
+    @ExposureTime.write
+    @_waits
+    def ExposureTime(self, ms):
+        limits.check("ExposureTime", ms)
+        low, high = limits.RANGES["ShutterSpeed"]
+        self._set_shutter(min(max(nearest_shutter_speed(ms), low), high))
+
+    @attribute(dtype=tango.DevLong, access=RW,
+               doc="Frames averaged into each FilterData frame, by the stream and by Acquire, " +
+                   limits.describe("Averages"))
+    def Averages(self):
+        return self._streamer.averages
+
+    @Averages.write
+    def Averages(self, value):
+        self._streamer.averages = int(limits.check("Averages", value))
+
+    @attribute(dtype=tango.DevLong, access=RW, doc="The ADC's gain, " + limits.describe("AdcGain"))
+    def AdcGain(self):
+        return self._setting("adc_gain")
+
+    @AdcGain.write
+    @_waits
+    def AdcGain(self, value):
+        value = int(limits.check("AdcGain", value))
+        self._link.call(lambda sensor: sensor.set_adc(gain=value), "setting the ADC gain")
+        self._link.learn(adc_gain=value)
+
+    @attribute(dtype=tango.DevLong, access=RW, doc="The ADC's range index, " + limits.describe("AdcRange"))
+    def AdcRange(self):
+        return self._setting("adc_range")
+
+    @AdcRange.write
+    @_waits
+    def AdcRange(self, value):
+        value = int(limits.check("AdcRange", value))
+        self._link.call(lambda sensor: sensor.set_adc(range=value), "setting the ADC range")
+        self._link.learn(adc_range=value)
+
+    @attribute(dtype=bool, access=RW,
+               doc="Subtract the dark frame (TakeDark) from every frame, streamed or acquired")
+    def DarkCorrection(self):
+        sensor = self._link.sensor
+        return bool(sensor and sensor.dark_correction)
+
+    @DarkCorrection.write
+    def DarkCorrection(self, on):
+        # The Sensor keeps the dark frame and subtracts it: no request.
+        sensor = self._link.sensor
+        if sensor is None:
+            failures.throw(failures.ABSENT, f"not reached yet: {self.get_status()}", "OrbSensor.DarkCorrection")
+        if on and sensor.dark_frame is None:
+            failures.throw(failures.BAD_VALUE, "DarkCorrection needs a dark frame: cover the sensor and run "
+                                               "TakeDark first", "OrbSensor.DarkCorrection")
+        sensor.dark_correction = bool(on)
+
+    # Commands.
+
+    @command(doc_in="Streams until Stop; FilterData sends a change event with every frame. Also "
+                    "while the sensor is away: the stream starts once it is back")
+    def Start(self):
+        if not self._streamer.wanted:
+            self._latest.reset_lost()
+        self._streamer.stream(True)
+
+    @command(doc_in="Ends the stream (the sensor stops within a second)")
+    def Stop(self):
+        self._streamer.stream(False)
+
+    @command(dtype_out=(float,), doc_out="One frame, an average of Averages frames (also FilterData). "
+                                         "While streaming, the stream's next frame")
+    @_waits
+    def Acquire(self):
+        averages = self._streamer.averages
+        wait = _acquisition_s(averages, self._link.settings.get("shutter_speed", 3000)) + GRACE_S
+        if self._streamer.wanted:
+            self._link.check()
+            frame = self._latest.after(self._latest.count, wait)
+            if frame is None:
+                failures.throw(failures.SILENT, f"no frame from the stream within {wait:g} s: "
+                               f"{self.get_status()}", "OrbSensor.Acquire")
+        else:
+            # A stream just stopped may still hold the sensor.
+            self._streamer.wait_closed(STREAM_CLOSE_S)
+            frame = self._link.call(lambda sensor: sensor.read(averages=averages), "reading a frame",
+                                    wait + WAIT_S)
+            self._deliver(frame)
+        return frame.values
+
+    @command(dtype_in=tango.DevLong, doc_in="The peak to reach, 1 to 4095 DN; 0: the library's own",
+             dtype_out=tango.DevLong, doc_out="The shutter speed found, now set. Takes up to "
+                                              f"{AUTO_EXPOSE_TIMEOUT_S:g} s: raise the client's time-out")
+    @_waits
+    def AutoExpose(self, target):
+        self._link.check()
+        with self._streamer.paused(STREAM_CLOSE_S):
+            shutter, _ = self._link.call(lambda sensor: sensor.auto_expose(target=int(target) or None),
+                                         "searching the shutter speed", AUTO_EXPOSE_TIMEOUT_S + GRACE_S)
+        self._link.learn(shutter_speed=shutter)
+        return shutter
+
+    @command(doc_in="Takes a dark frame (cover the sensor first) at the shortest exposure, "
+                    f"{DARK_AVERAGES} averaged, for DarkCorrection; the shutter speed is kept")
+    @_waits
+    def TakeDark(self):
+        self._link.check()
+        with self._streamer.paused(STREAM_CLOSE_S):
+            self._link.call(lambda sensor: sensor.dark(), "taking a dark frame",
+                            _acquisition_s(DARK_AVERAGES, 1) + 2 * WAIT_S)
+
+    @command(dtype_in=tango.DevVarLongArray, doc_in=led_command.USAGE, dtype_out=tango.DevLong,
+             doc_out="The state word the LED module received: channel bits, intensity << 8")
+    @_waits
+    def SetLed(self, values):
+        return led_command.set_led(values)
