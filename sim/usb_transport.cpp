@@ -119,6 +119,11 @@ struct Device {
     bool handler_attached = false;
     std::list<Urb> pending;  // submitted, not finished, in submission order
     std::list<Urb> done;     // finished, waiting to be reaped
+    // The hosts that opened the node, each held until it is seen closed:
+    // umockdev 0.17 never says a client vanished, and a client freed while
+    // it had URBs here could leave its address to a new one, which would
+    // then reap the URBs of a dead process and wait for ever on its answer.
+    std::vector<UMockdevIoctlClient*> clients;
     bool unplugged = false;
 };
 
@@ -193,7 +198,8 @@ struct Testbed::Impl {
     void pump(Device& d, Clock::time_point now);
     Clock::time_point land_controls(Device& d, Clock::time_point now);
     void sync_fifo(Device& d);
-    void forget_client(Device& d, UMockdevIoctlClient* client);
+    void add_client(Device& d, UMockdevIoctlClient* client);
+    void forget_closed_clients(Device& d);
     void run_ticker();
 };
 
@@ -235,14 +241,10 @@ gboolean on_ioctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer devi
     return d->testbed->handle(*d, client);
 }
 
-void on_open(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer device) {
-    static_cast<Device*>(device)->sensor->record(Event::Open, 0);
-}
-
-void on_close(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer device) {
+void on_open(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer device) {
     auto* d = static_cast<Device*>(device);
-    d->testbed->forget_client(*d, client);
-    d->sensor->record(Event::Close, 0);
+    d->testbed->add_client(*d, client);
+    d->sensor->record(Event::Open, 0);
 }
 
 }  // namespace
@@ -251,6 +253,7 @@ gboolean Testbed::Impl::handle(Device& d, UMockdevIoctlClient* client) {
     const gulong request = umockdev_ioctl_client_get_request(client);
     UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
     std::lock_guard<std::mutex> lock(mu);
+    forget_closed_clients(d);
 
     if (request == USBDEVFS_REAPURBNDELAY) {
         reap(d, client, arg);
@@ -497,15 +500,29 @@ void Testbed::Impl::sync_fifo(Device& d) {
     }
 }
 
-void Testbed::Impl::forget_client(Device& d, UMockdevIoctlClient* client) {
+void Testbed::Impl::add_client(Device& d, UMockdevIoctlClient* client) {
     std::lock_guard<std::mutex> lock(mu);
-    for (auto* list : {&d.pending, &d.done}) {
-        list->remove_if([&](const Urb& u) {
-            if (u.owner != client) return false;
-            u.release();
-            return true;
-        });
+    d.clients.push_back(UMOCKDEV_IOCTL_CLIENT(g_object_ref(client)));
+}
+
+// A closed client's URBs go, so that its pending frame transfers neither
+// take frames nor keep the node looking reapable to the other hosts. Only
+// umockdev's worker calls this: it is the thread that closes clients.
+void Testbed::Impl::forget_closed_clients(Device& d) {
+    const auto closed = std::partition(d.clients.begin(), d.clients.end(), umockdev_ioctl_client_get_connected);
+    if (closed == d.clients.end()) return;
+    for (auto c = closed; c != d.clients.end(); ++c) {
+        for (auto* list : {&d.pending, &d.done}) {
+            list->remove_if([&](const Urb& u) {
+                if (u.owner != *c) return false;
+                u.release();
+                return true;
+            });
+        }
+        d.sensor->record(Event::Close, 0);
+        g_object_unref(*c);
     }
+    d.clients.erase(closed, d.clients.end());
     sync_fifo(d);
 }
 
@@ -626,8 +643,10 @@ Testbed::~Testbed() {
         for (auto& d : impl_->devices) {
             for (const Urb& u : d->pending) u.release();
             for (const Urb& u : d->done) u.release();
+            for (UMockdevIoctlClient* c : d->clients) g_object_unref(c);
             d->pending.clear();
             d->done.clear();
+            d->clients.clear();
             if (d->fifo_fd >= 0) close(d->fifo_fd);
         }
     }
@@ -706,7 +725,6 @@ void Testbed::Impl::plug(Slot& slot, int address) {
     d->handler = umockdev_ioctl_base_new();
     g_signal_connect(d->handler, "handle-ioctl", G_CALLBACK(on_ioctl), d.get());
     g_signal_connect(d->handler, "client-connected", G_CALLBACK(on_open), d.get());
-    g_signal_connect(d->handler, "client-vanished", G_CALLBACK(on_close), d.get());
     GError* error = nullptr;
     if (!umockdev_testbed_attach_ioctl(tb, node, d->handler, &error)) {
         std::string why = error ? error->message : "unknown error";

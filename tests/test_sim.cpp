@@ -1,11 +1,18 @@
 // The emulated sensor, seen through the real libusb-1.0 as the library sees it,
 // and its firmware model on its own.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <libusb.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "orb_sim.h"
@@ -221,6 +228,44 @@ TEST_F(Streaming, TwoHandlesOnOneDeviceKeepTheirTransfersApart) {
     EXPECT_EQ(r.run(), LIBUSB_TRANSFER_COMPLETED);
     const auto events = s.events();
     EXPECT_EQ(std::count_if(events.begin(), events.end(), [](const orbsim::Event& e) { return e.kind == orbsim::Event::Open; }), 2);
+}
+
+// A host process that dies with a frame transfer waiting only closes its
+// node. The emulator must let that transfer go: kept, it would be filled
+// and handed to whichever host came next.
+TEST_F(Streaming, AHostGoneWithATransferWaitingLeavesNothingBehind) {
+    char node[32];
+    std::snprintf(node, sizeof node, "/dev/bus/usb/%03d/%03d", s.bus(), s.address());
+    const int fd = ::open(node, O_RDWR);
+    ASSERT_GE(fd, 0);
+    std::vector<uint8_t> buf(orbsim::kFrameBytes);
+    usbdevfs_urb urb{};
+    urb.type = USBDEVFS_URB_TYPE_BULK;
+    urb.endpoint = orbsim::kBulkInEndpoint;
+    urb.buffer = buf.data();
+    urb.buffer_length = static_cast<int>(buf.size());
+    ASSERT_EQ(::ioctl(fd, USBDEVFS_SUBMITURB, &urb), 0);
+    EXPECT_TRUE(tb.bulk_waiting(s));
+    ::close(fd);
+
+    const auto closes = [&] {
+        const auto events = s.events();
+        return std::count_if(events.begin(), events.end(), [](const orbsim::Event& e) { return e.kind == orbsim::Event::Close; });
+    };
+    // The emulator sees the close at the next request on the node.
+    const auto end = std::chrono::steady_clock::now() + 2s;
+    while ((tb.bulk_waiting(s) || closes() == 0) && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(10ms);
+        first_byte(h, 37, 3);
+    }
+    EXPECT_FALSE(tb.bulk_waiting(s));
+    EXPECT_EQ(closes(), 1);
+    // The host still connected streams on.
+    s.set_frame_generator(orbsim::counter_frames());
+    BulkRead r(usb.ctx, h);
+    r.submit();
+    ASSERT_EQ(command(h, 70), 0);
+    EXPECT_EQ(r.wait(), LIBUSB_TRANSFER_COMPLETED);
 }
 
 TEST(SimModel, EncodesTwelveBitSamplesBigEndianWithNoiseBelow) {

@@ -12,7 +12,7 @@ import time
 import numpy as np
 
 from . import checks, streaming, supervisor
-from .errors import NoSensorError, OrbTypeError, OrbValueError
+from .errors import NoSensorError, OrbTypeError, OrbValueError, SensorLostError
 from .frame import DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, Frame, exposure_ms, nearest_shutter_speed, saturated_filters
 
 SHUTTER_SPEED_LIMITS = (1, 3000)
@@ -59,7 +59,12 @@ class Sensor:
                 raise OrbValueError(f"index must be below {len(ids)}: {len(ids)} sensor(s) attached")
             id = ids[index]
         elif id not in ids:
-            raise NoSensorError(f"no sensor with ID {id}: attached are " + ", ".join(ids))
+            # Replugged since the sensors were connected: a new worker finds it.
+            try:
+                self._supervisor.locate(id)
+            except SensorLostError:
+                raise NoSensorError(f"no sensor with ID {id}: attached are "
+                                    + (", ".join(self._supervisor.connected_ids()) or "none")) from None
         self._id = id
         self._lock = self._supervisor.sensor_lock(id)
         self._open = True
