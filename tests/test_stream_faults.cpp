@@ -216,21 +216,30 @@ TEST(StreamFaults, ShortFrameIsCountedLostAndNeverDelivered) {
 // At the sensor's pace (594 frames/s, fewer on a loaded machine or under
 // valgrind) a ring of 256 frames fills within half a second: a host away
 // for 5 s finds it full, the rest lost and counted, and its memory as it
-// was once the ring had filled.
+// was once the ring had filled. The waits are on the counts, bounded, so
+// that a slow machine only makes the test longer.
 TEST(StreamFaults, HostThatStopsReadingForFiveSecondsLosesCountedFramesInFlatMemory) {
     constexpr uint32_t kRing = 256;
     orbsim::Sensor& s = connected();
     s.set_timing(orbsim::Timing::Realistic);
     ASSERT_EQ(orb_stream_start(0, kRing, 2000), ORB_STREAM_OK);
     for (int i = 0; i < 50; i++) ASSERT_EQ(orb_stream_read(0, &frame(), 1000), ORB_STREAM_OK);
-    std::this_thread::sleep_for(1500ms);
+    orb_stream_stats st{};
+    const auto stats_until = [&st](std::function<bool()> reached) {
+        const auto end = std::chrono::steady_clock::now() + 30s;
+        while (orb_stream_get_stats(0, &st) == ORB_STREAM_OK && !reached() && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(50ms);
+        return reached();
+    };
+    ASSERT_TRUE(stats_until([&] { return st.queued == kRing; })) << "queued " << st.queued;
     const long full_kb = resident_kb();
+    const uint64_t completed_when_full = st.completed;
     std::this_thread::sleep_for(3500ms);
+    ASSERT_TRUE(stats_until([&] { return st.completed >= completed_when_full + 300; }));
     if (resident_memory_is_ours()) {
         EXPECT_LT(resident_kb() - full_kb, 256);
     }
 
-    orb_stream_stats st{};
     ASSERT_EQ(orb_stream_get_stats(0, &st), ORB_STREAM_OK);
     EXPECT_EQ(st.queued, kRing);
     uint64_t expected = 50;
