@@ -131,6 +131,24 @@ print(sorted(counts.items()), a.shutter_speed)
     assert "[('a', (400, True)), ('b', (400, True))] 7" in out
 
 
+def test_a_sensor_plugged_in_after_the_connect_is_found_by_its_id(run_python):
+    out = run(run_python, 2, """
+from orb_sensor import NoSensorError
+ctl("unplug", "1")
+assert Sensor.list() == ["C1234-7-20-33-1"]
+try:
+    Sensor(id="C1234-7-21-33-1")
+    raise SystemExit("opened a sensor not on the bus")
+except NoSensorError as e:
+    print(e)
+ctl("replug", "1")
+late = Sensor(id="C1234-7-21-33-1")
+print("found", late.index, late.read().sensor_id, Sensor(0).read().sensor_id)
+""")
+    assert "no sensor with ID C1234-7-21-33-1: attached are C1234-7-20-33-1" in out
+    assert "found 1 C1234-7-21-33-1 C1234-7-20-33-1" in out
+
+
 @pytest.mark.parametrize("call, message", [
     ("s.read(averages=2**32 + 1)", "averages must be between 1 and"),
     ("s.read(averages=0)", "averages must be between 1 and"),
