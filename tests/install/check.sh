@@ -47,6 +47,8 @@ out=$(env -u ORB_EMULATE -u ORB_DEVICE_LIBRARY "$prefix/bin/orb-sensor" --emulat
 out=$("$prefix/bin/orb-emulate" --sensors 1 -- sh -c \
   '"$0/bin/orb-emulate" ctl fault 0 refuse-open >/dev/null; "$0/bin/orb-sensor" list; echo "status $?"' "$prefix")
 grep -qx 'status 1' <<<"$out" || { echo "a refused sensor was opened: $out"; exit 1; }
+# The installed Tango server finds the installed package.
+"$prefix/bin/orb-tango" --help 2>&1 | grep -q '^usage: orb-tango INSTANCE' || { echo "orb-tango --help failed"; exit 1; }
 
 # The streaming calls and the 0.1-style calls have C linkage, except the two
 # writers of the latter, whose symbols
