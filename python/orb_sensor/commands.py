@@ -11,7 +11,7 @@ import time
 
 from . import __version__, recording, supervisor, usb_nodes
 from .errors import NoSensorError, OrbValueError
-from .led import CHANNEL_LABELS, LedModule, state_word
+from .led import CHANNEL_LABELS, LedModule
 from .progress import StatusLine
 from .sensor import Sensor
 
@@ -55,20 +55,11 @@ def run_metadata(sensor, averages):
 
 
 def check_output(path):
-    """Refuses an output path that cannot be written, before the sensor
-    starts: the writer's own checks, then a file made and removed where
-    none is yet (a directory may look writable and refuse files)."""
+    """Refuses an output path that cannot be written, before the sensor starts."""
     try:
         recording.check_output_path(path)
     except ValueError as e:
         raise OrbValueError(str(e)) from None
-    if path == "-" or os.path.exists(path):
-        return
-    try:
-        os.close(os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL))
-        os.unlink(path)
-    except OSError as e:
-        raise OrbValueError(f"cannot write {path}: {e.strerror}") from None
 
 
 def list_sensors(_args, progress):
@@ -202,10 +193,9 @@ def record(args, progress):
 def led(args, progress):
     if args.off and (args.on or args.intensity):
         raise OrbValueError("led: --off takes no --on or --intensity")
-    word = state_word(args.on, args.intensity)
     progress.step("opening the LED module")
     with LedModule() as module:
-        module.set(args.on, args.intensity)
+        word = module.set(args.on, args.intensity)
     progress.done()
     on = ", ".join(f"{ch} ({CHANNEL_LABELS[ch]})" for ch in sorted(set(args.on))) or "none"
     print(f"LED state word 0x{word:04x}: channels on: {on}; intensity {args.intensity}")

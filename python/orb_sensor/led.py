@@ -22,12 +22,8 @@ CHANNEL_LABELS = ("468 nm", "529 nm", "572 nm", "610 nm", "640 nm", "740 nm",
 
 
 def state_word(channels, intensity):
-    """The 16-bit value the module receives for these channels on."""
-    for ch in channels:
-        if not 0 <= ch < MAX_CHANNELS:
-            raise ValueError(f"LED channel {ch} is outside 0..{MAX_CHANNELS - 1}")
-    if not 0 <= intensity <= MAX_INTENSITY:
-        raise ValueError(f"LED intensity {intensity} is outside 0..{MAX_INTENSITY}")
+    """The 16-bit value the module receives for these channels on (checked
+    by the caller: 0 to MAX_CHANNELS - 1, intensity 0 to MAX_INTENSITY)."""
     bits = 0
     for ch in channels:
         bits |= 1 << ch

@@ -42,8 +42,10 @@ def open_writer(kind, path_or_stream, run_metadata):
 
 
 def check_output_path(path):
-    """Raises ValueError saying why `path` cannot be written, touching
-    nothing, so that a run is refused before the sensor starts."""
+    """Raises ValueError saying why `path` cannot be written, leaving
+    nothing behind, so that a run is refused before the sensor starts.
+    Where no file is yet, one is made and removed: a directory may look
+    writable and still refuse files."""
     if path == "-":
         return
     path = os.fspath(path)
@@ -60,3 +62,8 @@ def check_output_path(path):
         raise ValueError(f"cannot write {path}: {parent} is not a directory")
     if not os.access(parent, os.W_OK | os.X_OK):
         raise ValueError(f"cannot write {path}: no permission to create files in {parent}")
+    try:
+        os.close(os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL))
+        os.unlink(path)
+    except OSError as e:
+        raise ValueError(f"cannot write {path}: {e.strerror}") from None

@@ -9,8 +9,6 @@ import numpy as np
 from .errors import OrbError, SensorLostError, SensorTimeoutError
 from .frame import Frame, exposure_ms, saturated_filters
 
-# Monotonic nanoseconds (the library's clock) to Unix seconds.
-_CLOCK_OFFSET_S = time.time() - time.monotonic()
 # How long a stop may take before the worker is ended instead.
 STOP_TIMEOUT_S = 0.8
 _FAILURES = {"lost": SensorLostError, "timeout": SensorTimeoutError}
@@ -130,6 +128,13 @@ def frames(open_stream, sensor, averages, count, seconds, timeout):
 _NONE = np.zeros(0, dtype=np.intp)
 
 
+def unix_time(monotonic_ns):
+    """The library's time stamp (monotonic nanoseconds) in Unix seconds,
+    with the offset taken now, so that a step of the wall clock during a
+    long run shows in the frames that follow it."""
+    return monotonic_ns / 1e9 + (time.time() - time.monotonic())
+
+
 def _saturated(rows, raw):
     # The library counts a frame's saturated filters: most frames have none,
     # and then there is nothing to look for.
@@ -147,7 +152,7 @@ def _frame(rows, seq, lost, sensor):
     last = rows[-1]
     settings = last["settings"]
     return Frame(values, seq=seq,
-                 timestamp=int(last["timestamp_ns"]) / 1e9 + _CLOCK_OFFSET_S,
+                 timestamp=unix_time(int(last["timestamp_ns"])),
                  shutter_speed=int(settings["shutter_speed"]),
                  adc=(int(settings["adc_gain"]), int(settings["adc_range"])),
                  saturated=_saturated(rows, raw), lost=lost, averages=len(rows), sensor_id=sensor.id)
