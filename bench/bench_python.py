@@ -30,6 +30,7 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 from orb_sensor import Sensor, SensorLostError, supervisor  # noqa: E402
 from orb_sensor.frame import TICKS_EXTRA, TICKS_PER_SHUTTER_STEP, exposure_ms  # noqa: E402
 from orb_sensor.sensor import FASTEST_FRAME_S  # noqa: E402
+from emulator_control import bench  # noqa: E402
 
 SHUTTER = 1
 # What one single shot waits on purpose, as the library's acquisition
@@ -42,27 +43,6 @@ STREAM_GAP_MS = 20
 FRAMES_PASSED_OVER = 2
 # Frames streamed before the unplug, so that it cuts a running stream.
 FRAMES_BEFORE_UNPLUG = 300
-
-
-def bench(command):
-    """One command to the launcher's bench, as `orb-emulate ctl` sends it;
-    its answer's lines."""
-    with socket.socket(socket.AF_UNIX) as c:
-        c.connect(os.environ["ORB_EMULATE_CONTROL"])
-        c.sendall(command.encode() + b"\n")
-        answer = ""
-        while True:
-            chunk = c.recv(4096)
-            if not chunk:
-                break
-            answer += chunk.decode()
-            last = answer.rstrip("\n").rsplit("\n", 1)[-1]
-            if answer.endswith("\n") and (last == "ok" or last.startswith("error:")):
-                break
-    lines = answer.splitlines()
-    if not lines or lines[-1] != "ok":
-        raise RuntimeError(f"bench: {command}: {answer.strip() or 'no answer'}")
-    return lines
 
 
 def frames_sent():

@@ -42,6 +42,7 @@ sys.path.insert(0, os.path.join(REPO, "python"))
 
 from orb_sensor.frame import exposure_ms  # noqa: E402
 from orb_sensor.sensor import FASTEST_FRAME_S  # noqa: E402
+from emulator_control import bench  # noqa: E402
 
 SERVER_START_S = 60.0
 PR_SET_PDEATHSIG = 1
@@ -51,24 +52,6 @@ SERVER_STOP_S = 20.0
 WARM_UP_S = 1.0
 ROUND_S = 6.5
 COUNTER_MODULO = 4096
-
-
-def bench(command):
-    """One command to the launcher's bench (what `orb-emulate ctl` sends);
-    its answer's lines."""
-    with socket.socket(socket.AF_UNIX) as c:
-        c.connect(os.environ["ORB_EMULATE_CONTROL"])
-        c.sendall(command.encode() + b"\n")
-        answer = b""
-        while not answer.endswith(b"ok\n") and b"error:" not in answer:
-            chunk = c.recv(4096)
-            if not chunk:
-                break
-            answer += chunk
-    lines = answer.decode().splitlines()
-    if not lines or lines[-1] != "ok":
-        raise RuntimeError(f"bench: {command}: {answer.decode().strip() or 'no answer'}")
-    return lines
 
 
 def frames_sent():
