@@ -197,6 +197,35 @@ with one_device() as proxy:
     assert int(out[0].split()[-1]) > 300
 
 
+def test_start_and_stop_never_wait_on_a_frame_being_pushed(run_python):
+    # A push from the stream's thread needs the device's monitor, which a
+    # command holds: a command that waited on that thread would wait out
+    # Tango's monitor time-out, and the push would fail.
+    out = run(run_python, 1, """
+with one_device() as proxy:
+    wait_state(proxy, ON, 20)
+    proxy.ShutterSpeed = 1
+    values = Values()
+    event = proxy.subscribe_event("FilterData", tango.EventType.CHANGE_EVENT, values)
+    slowest = 0
+    for _ in range(200):
+        for call in (proxy.Start, proxy.Stop):
+            t = time.monotonic()
+            call()
+            slowest = max(slowest, time.monotonic() - t)
+            time.sleep(0.005)
+    proxy.Start()                           # and the stream still runs
+    before, t = proxy.FrameNumber, time.monotonic()
+    while proxy.FrameNumber < before + 100:
+        assert time.monotonic() - t < 5, proxy.FrameNumber
+        time.sleep(0.1)
+    proxy.Stop()
+    proxy.unsubscribe_event(event)
+    print("slowest", slowest)
+""", "--frames", "counter")
+    assert float(out[0].split()[1]) < 1.0, out
+
+
 def test_three_sensors_stream_at_once_and_an_unplug_faults_only_its_own(run_python):
     out = run(run_python, 3, """
 with devices({"SensorID": "C1234-7-22-33-1"}, {"SensorIndex": 0}, {"SensorIndex": 1}) as context:

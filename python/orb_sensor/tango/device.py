@@ -8,6 +8,7 @@ them at once, saying what to do.
 """
 
 import functools
+import logging
 import threading
 import time
 
@@ -26,6 +27,7 @@ from .link import WAIT_S, SensorLink
 from .streamer import Streamer
 
 RW = AttrWriteType.READ_WRITE
+LOG = logging.getLogger(__name__)
 # How long a command waits for a running stream to close before it takes
 # the sensor (the package stops a stream within 0.8 s).
 STREAM_CLOSE_S = 1.5
@@ -99,13 +101,21 @@ class OrbSensor(Device):
             self.set_status(status)
             if state != self.get_state():
                 self.set_state(state)
-                self.push_change_event("State")
+                self._push("State")
 
     def _deliver(self, frame):
         self._latest.put(frame)
         with self._guard:
             if self._alive:
-                self.push_change_event("FilterData", frame.values, frame.timestamp, AttrQuality.ATTR_VALID)
+                self._push("FilterData", frame.values, frame.timestamp, AttrQuality.ATTR_VALID)
+
+    def _push(self, attribute, *value):
+        # A push takes the device's monitor. One that cannot get it in time
+        # (a machine too busy) loses that event, not the thread pushing it.
+        try:
+            self.push_change_event(attribute, *value)
+        except tango.DevFailed as e:
+            LOG.warning("%s: a %s event was dropped: %s", self.get_name(), attribute, e.args[0].desc.strip())
 
     def _set_shutter(self, value):
         self._link.call(lambda sensor: setattr(sensor, "shutter_speed", value), "setting the shutter speed")
@@ -233,11 +243,17 @@ class OrbSensor(Device):
     def Start(self):
         if not self._streamer.wanted:
             self._latest.reset_lost()
-        self._streamer.stream(True)
+        self._change_stream(True)
 
     @command(doc_in="Ends the stream (the sensor stops within a second)")
     def Stop(self):
-        self._streamer.stream(False)
+        self._change_stream(False)
+
+    def _change_stream(self, on):
+        # Without the monitor: the new state is shown under the guard, which
+        # the stream's thread holds while its push waits for the monitor.
+        with tango.AutoTangoAllowThreads(self):
+            self._streamer.stream(on)
 
     @command(dtype_out=(float,), doc_out="One frame, an average of Averages frames (also FilterData). "
                                          "While streaming, the stream's next frame")
