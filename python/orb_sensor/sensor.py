@@ -28,6 +28,12 @@ AUTO_EXPOSE_TIMEOUT_S = 60.0
 DARK_AVERAGES = 16
 
 
+def shutter_speed_for(ms):
+    """The shutter speed the sensor takes whose exposure is nearest to
+    `ms` milliseconds."""
+    low, high = SHUTTER_SPEED_LIMITS
+    return min(max(nearest_shutter_speed(ms), low), high)
+
 class Sensor:
     """One attached sensor, by index (0 upward, in the order the sensors
     were found) or by ID text.
@@ -164,7 +170,7 @@ class Sensor:
     def exposure_ms(self, ms):
         low, high = (exposure_ms(s) for s in SHUTTER_SPEED_LIMITS)
         ms = checks.number("exposure_ms", ms, low, high)
-        self.shutter_speed = min(max(nearest_shutter_speed(ms), SHUTTER_SPEED_LIMITS[0]), SHUTTER_SPEED_LIMITS[1])
+        self.shutter_speed = shutter_speed_for(ms)
 
     def exposure_time_ms(self, shutter_speed=None, master_clock=DEFAULT_MASTER_CLOCK_MHZ):
         """The exposure of a shutter speed (the current one by default) in

@@ -18,8 +18,8 @@ from tango import AttrQuality, AttrWriteType
 from tango.server import Device, attribute, command, device_property
 
 from ..errors import OrbError
-from ..frame import NUM_FILTERS, exposure_ms, nearest_shutter_speed
-from ..sensor import ACQUISITION_MARGIN_S, AUTO_EXPOSE_TIMEOUT_S, DARK_AVERAGES, FASTEST_FRAME_S
+from ..frame import NUM_FILTERS, exposure_ms
+from ..sensor import ACQUISITION_MARGIN_S, AUTO_EXPOSE_TIMEOUT_S, DARK_AVERAGES, FASTEST_FRAME_S, shutter_speed_for
 from ..supervisor import GRACE_S
 from . import failures, health, led_command, limits
 from .frames import LatestFrame
@@ -183,9 +183,7 @@ class OrbSensor(Device):
     @ExposureTime.write
     @_waits
     def ExposureTime(self, ms):
-        limits.check("ExposureTime", ms)
-        low, high = limits.RANGES["ShutterSpeed"]
-        self._set_shutter(min(max(nearest_shutter_speed(ms), low), high))
+        self._set_shutter(shutter_speed_for(limits.check("ExposureTime", ms)))
 
     @attribute(dtype=tango.DevLong, access=RW,
                doc="Frames averaged into each FilterData frame, by the stream and by Acquire, " +
