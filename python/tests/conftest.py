@@ -5,6 +5,7 @@ that touches a sensor runs in a child process under orb-emulate.
 """
 
 import os
+import signal
 import subprocess
 import sys
 
@@ -25,13 +26,26 @@ def _env():
     return env
 
 
+def _bounded(args, timeout, **kwargs):
+    """subprocess.run in a session of its own, which is killed whole on a
+    time-out: a hung process started under it does not outlive the test
+    and load the ones after it."""
+    with subprocess.Popen(args, start_new_session=True, **kwargs) as process:
+        try:
+            out, err = process.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            os.killpg(process.pid, signal.SIGKILL)
+            process.communicate()
+            raise
+    return subprocess.CompletedProcess(args, process.returncode, out, err)
+
+
 @pytest.fixture
 def run_python():
     """run_python(sensors, code, *emulate_args): the code's process."""
     def run(sensors, code, *emulate_args):
-        return subprocess.run([EMULATE, "--sensors", str(sensors), *emulate_args, "--",
-                               PYTHON, "-c", code],
-                              env=_env(), capture_output=True, text=True, timeout=120)
+        return _bounded([EMULATE, "--sensors", str(sensors), *emulate_args, "--", PYTHON, "-c", code],
+                        120, env=_env(), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     return run
 
 
@@ -39,7 +53,6 @@ def run_python():
 def orb_sensor(tmp_path):
     """orb_sensor(*args): the tool's process, run from a scratch directory."""
     def run(*args, stderr=subprocess.PIPE):
-        return subprocess.run([PYTHON, os.path.join(REPO, "tools", "orb-sensor"), *args],
-                              env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=stderr,
-                              text=True, timeout=300)
+        return _bounded([PYTHON, os.path.join(REPO, "tools", "orb-sensor"), *args], 300,
+                        env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=stderr, text=True)
     return run

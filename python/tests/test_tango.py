@@ -197,16 +197,30 @@ with one_device() as proxy:
     assert int(out[0].split()[-1]) > 300
 
 
-def test_start_and_stop_never_wait_on_a_frame_being_pushed(run_python):
-    # A push from the stream's thread needs the device's monitor, which a
-    # command holds: a command that waited on that thread would wait out
-    # Tango's monitor time-out, and the push would fail.
+def test_calls_of_two_clients_never_wait_on_the_frames_being_sent(run_python):
+    # Each frame's event needs the device's monitor, which every call holds
+    # while it runs, and another client's calls wait for it too: a call
+    # that waited on the events, or let go of the monitor while others
+    # wanted it, would hang the device.
     out = run(run_python, 1, """
-with one_device() as proxy:
+import threading
+context = one_device()
+with context as proxy:
     wait_state(proxy, ON, 20)
     proxy.ShutterSpeed = 1
     values = Values()
     event = proxy.subscribe_event("FilterData", tango.EventType.CHANGE_EVENT, values)
+    other = tango.DeviceProxy(context.get_device_access())
+    done, reads, failed = threading.Event(), [0], []
+    def read():
+        while not done.is_set():
+            try:
+                other.FrameNumber, other.state()
+                reads[0] += 1
+            except tango.DevFailed as e:
+                failed.append(e.args[0].desc)
+    reader = threading.Thread(target=read)
+    reader.start()
     slowest = 0
     for _ in range(200):
         for call in (proxy.Start, proxy.Stop):
@@ -214,6 +228,9 @@ with one_device() as proxy:
             call()
             slowest = max(slowest, time.monotonic() - t)
             time.sleep(0.005)
+    done.set()
+    reader.join(10)
+    assert not failed and reads[0] > 100, (reads, failed[:3])
     proxy.Start()                           # and the stream still runs
     before, t = proxy.FrameNumber, time.monotonic()
     while proxy.FrameNumber < before + 100:

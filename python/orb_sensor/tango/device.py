@@ -2,14 +2,14 @@
 
 Attribute reads never reach the sensor: they serve the latest frame and
 the settings the link last read or set. Writes and commands that need the
-sensor run on the link's thread and are waited on for a bounded time,
-without the device's monitor; a sensor known to be out of reach refuses
-them at once, saying what to do.
+sensor run on the link's thread and are waited on for a bounded time; a
+sensor known to be out of reach refuses them at once, saying what to do.
+As Tango does, a device takes one call at a time; its events are sent
+from a thread of their own (outbox.py), so the stream never waits on a
+call.
 """
 
 import functools
-import logging
-import threading
 import time
 
 import numpy as np
@@ -24,10 +24,10 @@ from ..supervisor import GRACE_S
 from . import failures, health, led_command, limits
 from .frames import LatestFrame
 from .link import WAIT_S, SensorLink
+from .outbox import Outbox
 from .streamer import Streamer
 
 RW = AttrWriteType.READ_WRITE
-LOG = logging.getLogger(__name__)
 # How long a command waits for a running stream to close before it takes
 # the sensor (the package stops a stream within 0.8 s).
 STREAM_CLOSE_S = 1.5
@@ -41,17 +41,15 @@ def _acquisition_s(averages, shutter_speed):
 
 
 def _waits(method):
-    """For a call that waits on the sensor: it runs without the device's
-    monitor, so that the stream's events and other clients' calls go on
-    meanwhile, and the package's exceptions reach the client as DevFailed
-    with the reason of their kind and their own text."""
+    """For a call that waits on the sensor: the package's exceptions reach
+    the client as DevFailed with the reason of their kind and their own
+    text."""
     @functools.wraps(method)
     def waiting(self, *args):
-        with tango.AutoTangoAllowThreads(self):
-            try:
-                return method(self, *args)
-            except (OrbError, failures.Busy, LookupError) as e:
-                failures.rethrow(e, f"OrbSensor.{method.__name__}")
+        try:
+            return method(self, *args)
+        except (OrbError, failures.Busy, LookupError) as e:
+            failures.rethrow(e, f"OrbSensor.{method.__name__}")
     return waiting
 
 
@@ -70,52 +68,51 @@ class OrbSensor(Device):
 
     def init_device(self):
         super().init_device()
-        self._guard = threading.Lock()
-        self._alive = True
         self._latest = LatestFrame()
+        self._sent_state = None
         self.set_change_event("FilterData", True, False)
         self.set_change_event("State", True, False)
+        self._outbox = Outbox(self, self._send_state, self._send_frame, self._latest.add_lost)
         sensor_id = self.SensorID.strip() or None
-        self._link = SensorLink(sensor_id, self.SensorIndex, on_change=self._show)
-        self._streamer = Streamer(self._link, self._deliver, on_change=self._show)
+        self._link = SensorLink(sensor_id, self.SensorIndex, on_change=self._outbox.state_changed)
+        self._streamer = Streamer(self._link, self._deliver, on_change=self._outbox.state_changed)
         self._link.streaming = lambda: self._streamer.wanted
-        self._show()
+        self._outbox.start()
+        self._outbox.state_changed()
         self._link.start()
         self._streamer.start()
 
     def delete_device(self):
-        # A push waiting for the monitor holds the guard.
-        with tango.AutoTangoAllowThreads(self):
-            with self._guard:
-                self._alive = False
-            self._streamer.close()
-            self._link.close()
+        self._streamer.close()
+        self._link.close()
+        self._outbox.close()
 
-    # What the device shows.
+    # What the device shows: State and Status are worked out when read, so
+    # that they never lag behind; a change of State is also sent as an
+    # event.
 
-    def _show(self):
-        with self._guard:
-            if not self._alive:
-                return
-            state, status = health.describe(self._link.name, self._link.problem, self._streamer.wanted)
-            self.set_status(status)
-            if state != self.get_state():
-                self.set_state(state)
-                self._push("State")
+    def _health(self):
+        return health.describe(self._link.name, self._link.problem, self._streamer.wanted)
+
+    def dev_state(self):
+        return self._health()[0]
+
+    def dev_status(self):
+        return self._health()[1]
+
+    def _send_state(self):
+        state = self.dev_state()
+        if state != self._sent_state:
+            self.set_state(state)
+            self.push_change_event("State")
+            self._sent_state = state
+
+    def _send_frame(self, frame):
+        self.push_change_event("FilterData", frame.values, frame.timestamp, AttrQuality.ATTR_VALID)
 
     def _deliver(self, frame):
         self._latest.put(frame)
-        with self._guard:
-            if self._alive:
-                self._push("FilterData", frame.values, frame.timestamp, AttrQuality.ATTR_VALID)
-
-    def _push(self, attribute, *value):
-        # A push takes the device's monitor. One that cannot get it in time
-        # (a machine too busy) loses that event, not the thread pushing it.
-        try:
-            self.push_change_event(attribute, *value)
-        except tango.DevFailed as e:
-            LOG.warning("%s: a %s event was dropped: %s", self.get_name(), attribute, e.args[0].desc.strip())
+        self._outbox.frame(frame)
 
     def _set_shutter(self, value):
         self._link.call(lambda sensor: setattr(sensor, "shutter_speed", value), "setting the shutter speed")
@@ -124,7 +121,7 @@ class OrbSensor(Device):
     def _setting(self, key):
         value = self._link.settings.get(key)
         if value is None:
-            failures.throw(failures.ABSENT, f"not known yet: {self.get_status()}", "OrbSensor.read")
+            failures.throw(failures.ABSENT, f"not known yet: {self.dev_status()}", "OrbSensor.read")
         return value
 
     # The latest frame.
@@ -152,8 +149,9 @@ class OrbSensor(Device):
         frame = self._latest.frame
         return np.zeros(0, np.int32) if frame is None else np.asarray(frame.saturated, np.int32)
 
-    @attribute(dtype=tango.DevLong64, doc="Frames the stream lost since Start: not read in time, or "
-                                          "dropped from an average by a change of settings")
+    @attribute(dtype=tango.DevLong64, doc="Frames the stream lost since Start: not read in time, "
+                                          "dropped from an average by a change of settings, or not sent "
+                                          "as events while a call held the device for seconds")
     def FramesLost(self):
         return self._latest.lost
 
@@ -228,7 +226,7 @@ class OrbSensor(Device):
         # The Sensor keeps the dark frame and subtracts it: no request.
         sensor = self._link.sensor
         if sensor is None:
-            failures.throw(failures.ABSENT, f"not reached yet: {self.get_status()}", "OrbSensor.DarkCorrection")
+            failures.throw(failures.ABSENT, f"not reached yet: {self.dev_status()}", "OrbSensor.DarkCorrection")
         if on and sensor.dark_frame is None:
             failures.throw(failures.BAD_VALUE, "DarkCorrection needs a dark frame: cover the sensor and run "
                                                "TakeDark first", "OrbSensor.DarkCorrection")
@@ -241,17 +239,11 @@ class OrbSensor(Device):
     def Start(self):
         if not self._streamer.wanted:
             self._latest.reset_lost()
-        self._change_stream(True)
+        self._streamer.stream(True)
 
     @command(doc_in="Ends the stream (the sensor stops within a second)")
     def Stop(self):
-        self._change_stream(False)
-
-    def _change_stream(self, on):
-        # Without the monitor: the new state is shown under the guard, which
-        # the stream's thread holds while its push waits for the monitor.
-        with tango.AutoTangoAllowThreads(self):
-            self._streamer.stream(on)
+        self._streamer.stream(False)
 
     @command(dtype_out=(float,), doc_out="One frame, an average of Averages frames (also FilterData). "
                                          "While streaming, the stream's next frame")
@@ -264,7 +256,7 @@ class OrbSensor(Device):
             frame = self._latest.after(self._latest.count, wait)
             if frame is None:
                 failures.throw(failures.SILENT, f"no frame from the stream within {wait:g} s: "
-                               f"{self.get_status()}", "OrbSensor.Acquire")
+                               f"{self.dev_status()}", "OrbSensor.Acquire")
         else:
             # A stream just stopped may still hold the sensor.
             self._streamer.wait_closed(STREAM_CLOSE_S)

@@ -57,6 +57,10 @@ class LatestFrame:
             self.lost += int(frame.lost)
             self._changed.notify_all()
 
+    def add_lost(self, n):
+        with self._changed:
+            self.lost += n
+
     def reset_lost(self):
         with self._changed:
             self.lost = 0
