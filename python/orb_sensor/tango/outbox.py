@@ -29,12 +29,11 @@ class Outbox:
     thread that sends) holding the device's monitor. `on_dropped(n)` hears
     of frames dropped from a full queue."""
 
-    def __init__(self, device, send_state, send_frame, on_dropped, capacity=CAPACITY):
+    def __init__(self, device, send_state, send_frame, on_dropped):
         self._device = device
         self._send_state = send_state
         self._send_frame = send_frame
         self._on_dropped = on_dropped
-        self._capacity = capacity
         self._frames = collections.deque()
         self._state_due = False
         self._closed = False
@@ -48,7 +47,7 @@ class Outbox:
         dropped = 0
         with self._changed:
             self._frames.append(frame)
-            while len(self._frames) > self._capacity:
+            while len(self._frames) > CAPACITY:
                 self._frames.popleft()
                 dropped += 1
             self._changed.notify()
