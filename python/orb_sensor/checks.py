@@ -1,12 +1,13 @@
 """Arguments checked before anything reaches the sensor: a clear message
 naming the argument, instead of a value the library clamps or a C type
-wraps."""
+wraps. Public: a front end (the view) checks what it is given with the
+same checks and messages as Sensor."""
 
 import math
 import numbers
 
 from .errors import OrbTypeError, OrbValueError
-from .frame import MAX_VALUE, NUM_FILTERS
+from .facts import MAX_VALUE, NUM_FILTERS
 
 # What the sensor's ID text may hold: printable ASCII, as the firmware
 # makes it, within the library's 26-byte buffer.
