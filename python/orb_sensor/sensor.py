@@ -1,6 +1,6 @@
 """Sensors as Python objects.
 
-The library runs in a worker process that orb_sensor.supervisor starts on
+The library runs in a worker process that orb_sensor._process.supervisor starts on
 the first call and replaces when it hangs or its sensor is replugged, so
 every call returns within its time-out and a Sensor outlives an unplug: it
 follows its sensor by ID. Calls on one sensor from several threads run one
@@ -58,17 +58,18 @@ class Sensor:
             raise OrbValueError("open a sensor by index or by ID, not both")
         self._timeout = checks.timeout(timeout)
         self._supervisor = supervisor.shared()
+        position = 0
         if id is not None:
             id = checks.sensor_id(id)
         else:
-            index = checks.integer("index", 0 if index is None else index, 0, 1023)
+            position = checks.integer("index", 0 if index is None else index, 0, 1023)
         ids = self._supervisor.connected_ids()
         if not ids:
             raise NoSensorError()
         if id is None:
-            if index >= len(ids):
+            if position >= len(ids):
                 raise OrbValueError(f"index must be below {len(ids)}: {len(ids)} sensor(s) attached")
-            id = ids[index]
+            id = ids[position]
         elif id not in ids:
             # Replugged since the sensors were connected: a new worker finds it.
             try:

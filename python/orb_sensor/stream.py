@@ -138,6 +138,8 @@ class Stream:
 
     def _next_frame(self) -> Frame:
         while True:
+            if self._interrupt.is_set():
+                raise _Interrupted()
             while self._records:
                 if self._interrupt.is_set():
                     raise _Interrupted()

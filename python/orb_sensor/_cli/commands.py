@@ -129,10 +129,11 @@ def _frames_to(writer, sensor, args, status):
     """Writes frames until the limit, the end of the sensor, or Ctrl-C
     (which ends a stream or a recording as a stop button does)."""
     try:
-        for frame in sensor.stream(averages=args.averages, frames=args.frames, seconds=args.seconds,
-                                   timeout=args.timeout):
-            writer.write(frame)
-            status.update(frame)
+        with sensor.stream(averages=args.averages, frames=args.frames, seconds=args.seconds,
+                           timeout=args.timeout) as frames:
+            for frame in frames:
+                writer.write(frame)
+                status.update(frames, frame)
     except KeyboardInterrupt:
         return True
     finally:
