@@ -27,9 +27,9 @@ import time
 # The package of this source tree, not an installed one.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "python"))
 
-from orb_sensor import Sensor, SensorLostError, supervisor  # noqa: E402
-from orb_sensor.frame import TICKS_EXTRA, TICKS_PER_SHUTTER_STEP, exposure_ms  # noqa: E402
-from orb_sensor.sensor import FASTEST_FRAME_S  # noqa: E402
+from orb_sensor import Sensor, SensorLostError  # noqa: E402
+from orb_sensor._process import supervisor  # noqa: E402
+from orb_sensor.facts import FASTEST_FRAME_S, TICKS_EXTRA, TICKS_PER_SHUTTER_STEP, exposure_ms  # noqa: E402
 from emulator_control import bench  # noqa: E402
 
 SHUTTER = 1

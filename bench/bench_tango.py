@@ -40,8 +40,7 @@ import tango
 REPO = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 sys.path.insert(0, os.path.join(REPO, "python"))
 
-from orb_sensor.frame import exposure_ms  # noqa: E402
-from orb_sensor.sensor import FASTEST_FRAME_S  # noqa: E402
+from orb_sensor.facts import FASTEST_FRAME_S, exposure_ms  # noqa: E402
 from emulator_control import bench  # noqa: E402
 
 SERVER_START_S = 60.0

@@ -8,19 +8,25 @@
         for frame in s.stream(seconds=5):
             print(frame.seq, frame.values.max())
 
-The library runs in a worker process that the package supervises (see
-orb_sensor.supervisor): calls are bounded, and a Sensor works again after
-its sensor is replugged.
+This module is the package's public face: Sensor, Stream (what
+Sensor.stream() returns), Frame, LedModule, the exceptions and the sensor's
+facts (orb_sensor.facts). The library runs in a worker process that the
+package supervises (the private orb_sensor._process): calls are bounded,
+and a Sensor works again after its sensor is replugged. The command line
+(_cli) and the recordings (_recording) are private too; orb_sensor.view
+and orb_sensor.tango are front ends built on this face alone.
 """
-
-from .errors import (ERROR_CODE_NAMES, NoSensorError, OrbError, OrbTypeError, OrbValueError,
-                     SensorLostError, SensorTimeoutError)
-from .frame import DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, NUM_FILTERS, Frame
-from .led import LedModule, NoLedModuleError
-from .sensor import Sensor
 
 __version__ = "1.0.0"
 
-__all__ = ["Sensor", "Frame", "OrbError", "NoSensorError", "SensorLostError", "SensorTimeoutError",
+from .errors import (ERROR_CODE_NAMES, NoSensorError, OrbError, OrbTypeError,  # noqa: E402
+                     OrbValueError, SensorLostError, SensorTimeoutError)
+from .facts import DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, NUM_FILTERS  # noqa: E402
+from .frame import Frame  # noqa: E402
+from .led import LedModule, NoLedModuleError  # noqa: E402
+from .sensor import Sensor  # noqa: E402
+from .stream import Stream  # noqa: E402
+
+__all__ = ["Sensor", "Stream", "Frame", "OrbError", "NoSensorError", "SensorLostError", "SensorTimeoutError",
            "OrbValueError", "OrbTypeError", "ERROR_CODE_NAMES", "LedModule", "NoLedModuleError",
            "DEFAULT_MASTER_CLOCK_MHZ", "MAX_VALUE", "NUM_FILTERS", "__version__"]

@@ -1,12 +1,14 @@
 """Arguments checked before anything reaches the sensor: a clear message
 naming the argument, instead of a value the library clamps or a C type
-wraps."""
+wraps. Public: a front end (the view) checks what it is given with the
+same checks and messages as Sensor."""
 
 import math
 import numbers
+from typing import Any, List, Optional
 
 from .errors import OrbTypeError, OrbValueError
-from .frame import MAX_VALUE, NUM_FILTERS
+from .facts import MAX_VALUE, NUM_FILTERS
 
 # What the sensor's ID text may hold: printable ASCII, as the firmware
 # makes it, within the library's 26-byte buffer.
@@ -14,7 +16,7 @@ SENSOR_ID_MAX = 25
 INT_MAX = 2**31 - 1
 
 
-def integer(name, value, low, high):
+def integer(name: str, value: Any, low: int, high: int) -> int:
     """`value` as an int within low..high."""
     if isinstance(value, bool) or not isinstance(value, numbers.Integral):
         raise OrbTypeError(f"{name} must be a whole number, not {type(value).__name__} {value!r}")
@@ -24,7 +26,7 @@ def integer(name, value, low, high):
     return value
 
 
-def number(name, value, low, high):
+def number(name: str, value: Any, low: float, high: float) -> float:
     """`value` as a finite float within low..high."""
     if isinstance(value, bool) or not isinstance(value, numbers.Real):
         raise OrbTypeError(f"{name} must be a number, not {type(value).__name__} {value!r}")
@@ -34,12 +36,12 @@ def number(name, value, low, high):
     return value
 
 
-def optional_count(name, value):
+def optional_count(name: str, value: Any) -> Optional[int]:
     """None, or a count of at least 1."""
     return None if value is None else integer(name, value, 1, INT_MAX)
 
 
-def timeout(value, name="timeout"):
+def timeout(value: Any, name: str = "timeout") -> float:
     """A time-out in seconds: positive and at most a day."""
     value = number(name, value, 0.0, 86400.0)
     if value == 0.0:
@@ -47,7 +49,7 @@ def timeout(value, name="timeout"):
     return value
 
 
-def sensor_id(value):
+def sensor_id(value: Any) -> str:
     if not isinstance(value, str):
         raise OrbTypeError(f"sensor ID must be text, not {type(value).__name__} {value!r}")
     if not value or len(value) > SENSOR_ID_MAX or not all(" " < c <= "~" for c in value):
@@ -56,7 +58,7 @@ def sensor_id(value):
     return value
 
 
-def filters(values, name="filters"):
+def filters(values: Any, name: str = "filters") -> List[int]:
     """Filter numbers 1..1024, as a list."""
     if isinstance(values, (str, bytes)):
         raise OrbTypeError(f"{name} must be filter numbers, not text {values!r}")
@@ -69,6 +71,6 @@ def filters(values, name="filters"):
     return [integer(f"filter number in {name}", f, 1, NUM_FILTERS) for f in items]
 
 
-def target(value):
+def target(value: Any) -> int:
     """An auto-exposure target: a peak the ADC can reach."""
     return integer("target", value, 1, MAX_VALUE)

@@ -5,8 +5,10 @@ The table mirrors the C enumeration; tests/test_package.py checks it against
 the header so that the two cannot drift apart.
 """
 
+from typing import Dict, Optional
+
 # Value -> enumerator. 0 has two names in the header; the failure one is kept.
-ERROR_CODE_NAMES = {
+ERROR_CODE_NAMES: Dict[int, str] = {
     -1: "vn_ec_fail",
     0: "vn_ec_undefined_fail",
     1: "vn_ec_success",
@@ -51,7 +53,7 @@ class OrbError(Exception):
     its enumerator), else -1 (vn_ec_fail).
     """
 
-    def __init__(self, text=None, code=-1):
+    def __init__(self, text: Optional[str] = None, code: int = -1) -> None:
         self.code = code
         self.name = ERROR_CODE_NAMES.get(code, "unknown")
         super().__init__(text or f"{self.name} ({code})")
@@ -60,7 +62,7 @@ class OrbError(Exception):
 class NoSensorError(OrbError):
     """No sensor came up: none attached, or no access to its device node."""
 
-    def __init__(self, text="no sensor found"):
+    def __init__(self, text: str = "no sensor found") -> None:
         super().__init__(text, code=3)
 
 

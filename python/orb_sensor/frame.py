@@ -1,33 +1,20 @@
 """One frame of filter data with what it was taken with."""
 
+from typing import Any, Dict, Tuple
+
 import numpy as np
 
-NUM_FILTERS = 1024
-MAX_VALUE = 4095
-# The sensor's master clock: a shutter speed s exposes (s x 912 + 160) ticks.
-DEFAULT_MASTER_CLOCK_MHZ = 10
-TICKS_PER_SHUTTER_STEP = 912
-TICKS_EXTRA = 160
-
-
-def exposure_ms(shutter_speed, master_clock_mhz=DEFAULT_MASTER_CLOCK_MHZ):
-    """The exposure of a shutter speed in milliseconds, not rounded."""
-    return (shutter_speed * TICKS_PER_SHUTTER_STEP + TICKS_EXTRA) / (master_clock_mhz * 1000.0)
-
-
-def nearest_shutter_speed(ms, master_clock_mhz=DEFAULT_MASTER_CLOCK_MHZ):
-    """The shutter speed whose exposure is nearest to `ms` milliseconds
-    (unbounded: the caller checks it against the sensor's limits)."""
-    return int(round((ms * master_clock_mhz * 1000.0 - TICKS_EXTRA) / TICKS_PER_SHUTTER_STEP))
+from .facts import MAX_VALUE, exposure_ms
 
 
 class Frame:
     """Filter data of one frame, or of several averaged.
 
-    values        numpy float64, 1024 values in DN (dark-corrected when the
-                  sensor's dark_correction was on)
-    seq           the sensor's frame number since the stream started (of
-                  the last frame in an average); a gap means frames lost
+    values        numpy float64, 1024 values in DN (dark-corrected when
+                  `dark_corrected`)
+    seq           the number of the frame (of the last one in an average):
+                  the sensor's frames are numbered from 0 at the start of
+                  the stream, so a gap means frames lost (see Stream)
     timestamp     Unix time in seconds when the frame (the last of an
                   average) arrived
     shutter_speed, exposure_ms, adc (gain, range): what it was taken with
@@ -36,13 +23,15 @@ class Frame:
                   in any of the frames averaged
     lost          frames lost since the frame delivered before it
     sensor_id     the sensor's ID text
+    dark_corrected  whether the sensor's dark frame was subtracted
     """
 
     __slots__ = ("values", "seq", "timestamp", "shutter_speed", "exposure_ms", "adc", "averages",
-                 "saturated", "lost", "sensor_id")
+                 "saturated", "lost", "sensor_id", "dark_corrected")
 
-    def __init__(self, values, seq, timestamp, shutter_speed, adc, saturated, lost=0, averages=1,
-                 sensor_id=""):
+    def __init__(self, values: np.ndarray, seq: int, timestamp: float, shutter_speed: int,
+                 adc: Tuple[int, int], saturated: np.ndarray, lost: int = 0, averages: int = 1,
+                 sensor_id: str = "", dark_corrected: bool = False) -> None:
         self.values = values
         self.seq = seq
         self.timestamp = timestamp
@@ -53,8 +42,9 @@ class Frame:
         self.saturated = saturated
         self.lost = lost
         self.sensor_id = sensor_id
+        self.dark_corrected = dark_corrected
 
-    def metadata(self):
+    def metadata(self) -> Dict[str, Any]:
         """The frame's bookkeeping as plain Python values (for JSON and CSV)."""
         return {"seq": int(self.seq), "timestamp": float(self.timestamp),
                 "shutter_speed": int(self.shutter_speed), "exposure_ms": float(self.exposure_ms),
@@ -62,13 +52,13 @@ class Frame:
                 "averages": int(self.averages), "lost": int(self.lost),
                 "saturated": [int(f) for f in self.saturated]}
 
-    def __repr__(self):
+    def __repr__(self) -> str:
         return (f"<Frame {self.seq} of {self.sensor_id or 'sensor'}: shutter {self.shutter_speed}"
                 f" ({self.exposure_ms:g} ms), {self.averages} averaged, "
                 f"{len(self.saturated)} saturated, {self.lost} lost before>")
 
 
-def saturated_filters(raw):
+def saturated_filters(raw: np.ndarray) -> np.ndarray:
     """Filter numbers (1-based) at MAX_VALUE in any row of `raw` (frames x 1024)."""
     raw = np.atleast_2d(raw)
     return np.flatnonzero((raw >= MAX_VALUE).any(axis=0)) + 1

@@ -1,6 +1,6 @@
 """Sensors as Python objects.
 
-The library runs in a worker process that orb_sensor.supervisor starts on
+The library runs in a worker process that orb_sensor._process.supervisor starts on
 the first call and replaces when it hangs or its sensor is replugged, so
 every call returns within its time-out and a Sensor outlives an unplug: it
 follows its sensor by ID. Calls on one sensor from several threads run one
@@ -8,31 +8,35 @@ after the other; two sensors work at once.
 """
 
 import time
+from typing import Any, Dict, FrozenSet, Iterable, List, Optional, Tuple
 
 import numpy as np
 
-from . import checks, streaming, supervisor
+from . import checks
+from ._process import supervisor, usb_nodes
 from .errors import NoSensorError, OrbTypeError, OrbValueError, SensorLostError
-from .frame import DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, Frame, exposure_ms, nearest_shutter_speed, saturated_filters
+from .facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, MAX_VALUE,
+                    SHUTTER_SPEED_LIMITS, blank_time, exposure_ms, frame_period_s, shutter_speed_for)
+from .frame import Frame, saturated_filters
+from .stream import Stream
 
-SHUTTER_SPEED_LIMITS = (1, 3000)
-ADC_RANGE_LIMITS = (0, 255)
 # Time-outs in seconds: for a setting (a few requests of at most 1 s each),
 # and beyond the frames themselves for an acquisition.
 CONTROL_TIMEOUT_S = 5.0
 ACQUISITION_MARGIN_S = 2.0
-# The sensor sends a frame at most every 32/19 ms, or once per exposure.
-FASTEST_FRAME_S = 32 / 19 / 1000
+# How much longer than its own time-out a call may take: the worker's
+# answer on its way back.
+REPLY_MARGIN_S = supervisor.GRACE_S
 # The library's auto-exposure search takes up to a few dozen acquisitions.
 AUTO_EXPOSE_TIMEOUT_S = 60.0
 DARK_AVERAGES = 16
 
 
-def shutter_speed_for(ms):
-    """The shutter speed the sensor takes whose exposure is nearest to
-    `ms` milliseconds."""
-    low, high = SHUTTER_SPEED_LIMITS
-    return min(max(nearest_shutter_speed(ms), low), high)
+def acquisition_timeout_s(averages: int, shutter_speed: Optional[int] = None) -> float:
+    """The time-out read() gives `averages` frames at a shutter speed (the
+    longest when not given): twice their time, and a margin."""
+    frame_s = frame_period_s(shutter_speed or SHUTTER_SPEED_LIMITS[1])
+    return ACQUISITION_MARGIN_S + 2 * averages * frame_s
 
 class Sensor:
     """One attached sensor, by index (0 upward, in the order the sensors
@@ -48,22 +52,24 @@ class Sensor:
     their frames take. Raises NoSensorError when no sensor is attached.
     """
 
-    def __init__(self, index=None, id=None, timeout=CONTROL_TIMEOUT_S):
+    def __init__(self, index: Optional[int] = None, id: Optional[str] = None,
+                 timeout: float = CONTROL_TIMEOUT_S) -> None:
         if index is not None and id is not None:
             raise OrbValueError("open a sensor by index or by ID, not both")
         self._timeout = checks.timeout(timeout)
         self._supervisor = supervisor.shared()
+        position = 0
         if id is not None:
             id = checks.sensor_id(id)
         else:
-            index = checks.integer("index", 0 if index is None else index, 0, 1023)
+            position = checks.integer("index", 0 if index is None else index, 0, 1023)
         ids = self._supervisor.connected_ids()
         if not ids:
             raise NoSensorError()
         if id is None:
-            if index >= len(ids):
+            if position >= len(ids):
                 raise OrbValueError(f"index must be below {len(ids)}: {len(ids)} sensor(s) attached")
-            id = ids[index]
+            id = ids[position]
         elif id not in ids:
             # Replugged since the sensors were connected: a new worker finds it.
             try:
@@ -74,32 +80,56 @@ class Sensor:
         self._id = id
         self._lock = self._supervisor.sensor_lock(id)
         self._open = True
-        self.dark_frame = None
+        self.dark_frame: Optional[np.ndarray] = None
         self._dark_correction = False
 
     @staticmethod
-    def list():
+    def list() -> List[str]:
         """The IDs of the attached sensors, in index order; empty when none."""
         return supervisor.shared().connected_ids()
 
-    def close(self):
+    # Hooks for a front end that keeps sensors for long (the Tango device):
+    # the state of the bus and of the library's process, without a request.
+
+    @staticmethod
+    def on_bus() -> FrozenSet[str]:
+        """The bus addresses of the devices with the sensor's USB IDs now
+        attached, read from sysfs (no USB traffic): a change means a
+        sensor left or came."""
+        return frozenset(usb_nodes.sensor_addresses())
+
+    @staticmethod
+    def reconnect(reason: str = "reconnecting the sensors") -> None:
+        """Ends the library's process: the next call connects every sensor
+        afresh (the library connects once per process, so a sensor plugged
+        in after that is found so). Streams of other sensors start again
+        by themselves."""
+        supervisor.shared().end_worker(("restart", reason))
+
+    @staticmethod
+    def connections() -> int:
+        """How many times the library's process has been started: a new
+        number means the sensors were connected afresh."""
+        return supervisor.shared().generation
+
+    def close(self) -> None:
         """Retires this object; the sensor stays connected for others."""
         self._open = False
 
-    def __enter__(self):
+    def __enter__(self) -> "Sensor":
         return self
 
-    def __exit__(self, *exc):
+    def __exit__(self, *exc: Any) -> None:
         self.close()
 
-    def __repr__(self):
+    def __repr__(self) -> str:
         try:
             shutter = f" shutter {self.shutter_speed}"
         except Exception:  # a repr must not fail: an unplugged sensor has none
             shutter = " (not reachable)"
         return f"<Sensor {self._id} index {self.index}{shutter}>"
 
-    def _request(self, operation, *args, timeout=None, watch=False):
+    def _request(self, operation: str, *args: Any, timeout: Optional[float] = None, watch: bool = False) -> Any:
         if not self._open:
             raise OrbValueError("the sensor is closed")
         return self._supervisor.request(self._id, operation, args, timeout or self._timeout, watch=watch)
@@ -107,12 +137,12 @@ class Sensor:
     # Identity.
 
     @property
-    def id(self):
+    def id(self) -> str:
         """The sensor's ID text, as read when it was connected."""
         return self._id
 
     @property
-    def index(self):
+    def index(self) -> Optional[int]:
         """The sensor's index among the sensors connected now."""
         ids = self._supervisor.ids
         return ids.index(self._id) if self._id in ids else None
@@ -120,16 +150,16 @@ class Sensor:
     # Settings.
 
     @staticmethod
-    def shutter_speed_limits():
+    def shutter_speed_limits() -> Tuple[int, int]:
         """(lowest, highest) shutter speed."""
         return SHUTTER_SPEED_LIMITS
 
     @property
-    def max_value(self):
+    def max_value(self) -> int:
         """The highest value a filter reads: 4095, saturation."""
         return MAX_VALUE
 
-    def settings(self):
+    def settings(self) -> Dict[str, int]:
         """The sensor's settings, read from it (or from its running stream):
         shutter_speed, blank_time, adc_range, adc_gain, adc_resolution,
         onboard_average."""
@@ -138,41 +168,41 @@ class Sensor:
             self._supervisor.learn(self._id, settings, replace=True)
             return settings
 
-    def _known_settings(self):
+    def _known_settings(self) -> Dict[str, int]:
         """The settings as last read or set through the package: a read()
         need not ask the sensor for them first."""
         return self._supervisor.known(self._id) or self.settings()
 
-    def _learn(self, **changes):
+    def _learn(self, **changes: int) -> None:
         self._supervisor.learn(self._id, changes)
 
     @property
-    def shutter_speed(self):
+    def shutter_speed(self) -> int:
         """The shutter speed, 1 to 3000, read from the sensor; setting it
         takes effect from the next frame."""
         return self.settings()["shutter_speed"]
 
     @shutter_speed.setter
-    def shutter_speed(self, value):
+    def shutter_speed(self, value: int) -> None:
         value = checks.integer("shutter speed", value, *SHUTTER_SPEED_LIMITS)
         with self._lock:
             self._request("set_shutter", value)
             self._supervisor.remember(self._id, "set_shutter", (value,))
-            self._learn(shutter_speed=value, blank_time=value + 32)
+            self._learn(shutter_speed=value, blank_time=blank_time(value))
 
     @property
-    def exposure_ms(self):
+    def exposure_ms(self) -> float:
         """The exposure of the shutter speed, in milliseconds (at the 10 MHz
         master clock). Setting it picks the nearest shutter speed."""
         return exposure_ms(self.shutter_speed)
 
     @exposure_ms.setter
-    def exposure_ms(self, ms):
-        low, high = (exposure_ms(s) for s in SHUTTER_SPEED_LIMITS)
-        ms = checks.number("exposure_ms", ms, low, high)
+    def exposure_ms(self, ms: float) -> None:
+        ms = checks.number("exposure_ms", ms, *EXPOSURE_MS_LIMITS)
         self.shutter_speed = shutter_speed_for(ms)
 
-    def exposure_time_ms(self, shutter_speed=None, master_clock=DEFAULT_MASTER_CLOCK_MHZ):
+    def exposure_time_ms(self, shutter_speed: Optional[int] = None,
+                         master_clock: int = DEFAULT_MASTER_CLOCK_MHZ) -> float:
         """The exposure of a shutter speed (the current one by default) in
         whole milliseconds for a master clock in MHz, truncated as the
         library reports it."""
@@ -183,16 +213,16 @@ class Sensor:
         return float(int(exposure_ms(shutter_speed, master_clock)))
 
     @property
-    def adc(self):
+    def adc(self) -> Tuple[int, int]:
         """(gain, range) of the sensor's ADC."""
         s = self.settings()
         return s["adc_gain"], s["adc_range"]
 
-    def set_adc(self, gain=None, range=None):
+    def set_adc(self, gain: Optional[int] = None, range: Optional[int] = None) -> None:
         """Sets the ADC gain (0 or 1) and range index (0 to 255); an omitted
         one keeps its value."""
         if gain is not None:
-            gain = checks.integer("ADC gain", gain, 0, 1)
+            gain = checks.integer("ADC gain", gain, *ADC_GAIN_LIMITS)
         if range is not None:
             range = checks.integer("ADC range", range, *ADC_RANGE_LIMITS)
         with self._lock:
@@ -205,13 +235,13 @@ class Sensor:
 
     # Acquisition.
 
-    def _acquisition_timeout(self, frames, timeout, shutter_speed=None):
+    def _acquisition_timeout(self, frames: int, timeout: Optional[float],
+                             shutter_speed: Optional[int] = None) -> float:
         if timeout is not None:
             return checks.timeout(timeout)
-        frame_s = max(exposure_ms(shutter_speed or SHUTTER_SPEED_LIMITS[1]) / 1000, FASTEST_FRAME_S)
-        return ACQUISITION_MARGIN_S + 2 * frames * frame_s
+        return acquisition_timeout_s(frames, shutter_speed)
 
-    def read(self, averages=1, timeout=None):
+    def read(self, averages: int = 1, timeout: Optional[float] = None) -> Frame:
         """One Frame: the average of `averages` frames taken when asked
         (the sensor is started, the frames in flight are passed over).
         `saturated` lists the filters at 4095 in every frame averaged."""
@@ -221,22 +251,25 @@ class Sensor:
             timeout = self._acquisition_timeout(averages, timeout, settings["shutter_speed"])
             values = self._request("read", averages, timeout=timeout)
         saturated = saturated_filters(values[np.newaxis])
-        if self._dark_correction and self.dark_frame is not None:
+        corrected = self._dark_correction and self.dark_frame is not None
+        if corrected:
             values = values - self.dark_frame
         return Frame(values, seq=0, timestamp=time.time(), shutter_speed=settings["shutter_speed"],
                      adc=(settings["adc_gain"], settings["adc_range"]), saturated=saturated,
-                     averages=averages, sensor_id=self._id)
+                     averages=averages, sensor_id=self._id, dark_corrected=corrected)
 
-    def filter_data(self, averages=1, timeout=None):
+    def filter_data(self, averages: int = 1, timeout: Optional[float] = None) -> np.ndarray:
         """The values of read(): numpy float64, 1024 filters."""
         return self.read(averages, timeout).values
 
-    def stream(self, averages=1, frames=None, seconds=None, timeout=None, ring_frames=0):
-        """Every frame as the sensor makes it, as an iterator of Frame
-        objects, `averages` frames averaged into each; gapless while the
-        consumer keeps up (a Frame's `lost` counts what it missed). Ends
-        after `frames` frames or `seconds` seconds, or when the consumer
-        stops; `timeout` bounds the wait for any one frame. Settings may be
+    def stream(self, averages: int = 1, frames: Optional[int] = None, seconds: Optional[float] = None,
+               timeout: Optional[float] = None, ring_frames: int = 0) -> Stream:
+        """Every frame as the sensor makes it: a Stream, an iterator of
+        Frame objects, `averages` frames averaged into each (changeable
+        while it runs); gapless while the consumer keeps up (a Frame's
+        `lost` counts what it missed; Stream says how). Ends after `frames`
+        Frames or `seconds` seconds, or when the consumer closes it;
+        `timeout` bounds the wait for any one frame. Settings may be
         changed while it runs: every frame after the change was exposed
         with it."""
         averages = checks.integer("averages", averages, 1, checks.INT_MAX)
@@ -245,32 +278,44 @@ class Sensor:
             seconds = checks.timeout(seconds, "seconds")
         ring_frames = checks.integer("ring_frames", ring_frames, 0, 1 << 20)
         timeout = self._acquisition_timeout(averages, timeout, self._known_settings()["shutter_speed"])
-        def open_stream():
+        def open_stream() -> Any:
             return self._supervisor.open_stream(self._id, ring_frames, self._timeout)
-        return streaming.frames(open_stream, self, averages, frames, seconds, timeout)
+        return Stream(self, open_stream, averages, frames, seconds, timeout)
+
+    def open_recording(self, path: str, averages: int = 1, kind: str = "hdf5") -> Any:
+        """A writer of this sensor's frames into `path`, as `orb-sensor
+        record` (HDF5) or `stream` (kind "csv" or "ndjson") write them, the
+        run's facts (`averages` among them) read now: write(frame) for each
+        Frame, close() at the end, `frames` the count written. Raises
+        ValueError, leaving nothing behind, when `path` cannot be written."""
+        from . import _recording
+        _recording.check_output_path(path)
+        return _recording.open_writer(kind, path, _recording.run_metadata(self, averages))
 
     # Auto-exposure and dark.
 
-    def auto_expose(self, target=None, filters=None, timeout=AUTO_EXPOSE_TIMEOUT_S):
+    def auto_expose(self, target: Optional[int] = None, filters: Optional[Iterable[int]] = None,
+                    timeout: float = AUTO_EXPOSE_TIMEOUT_S) -> Tuple[int, float]:
         """Searches the shutter speed that puts the brightest filters (of
         `filters`, numbers 1..1024; default all valid ones) at `target` DN
         (default: the library's), sets it, and returns (shutter speed,
         exposure in ms)."""
         if target is not None:
             target = checks.target(target)
-        filters = [] if filters is None else checks.filters(filters)
+        chosen = [] if filters is None else checks.filters(filters)
         timeout = checks.timeout(timeout)
         with self._lock:
-            found = self._request("auto_expose", filters, target, timeout=timeout, watch=True)
+            found = self._request("auto_expose", chosen, target, timeout=timeout, watch=True)
             self._supervisor.remember(self._id, "set_shutter", (found,))
-            self._learn(shutter_speed=found, blank_time=found + 32)
+            self._learn(shutter_speed=found, blank_time=blank_time(found))
         return found, exposure_ms(found)
 
-    def optimal_shutter_speed(self, filters=None, target=None):
+    def optimal_shutter_speed(self, filters: Optional[Iterable[int]] = None,
+                              target: Optional[int] = None) -> int:
         """auto_expose()'s shutter speed."""
         return self.auto_expose(target=target, filters=filters)[0]
 
-    def dark(self, averages=DARK_AVERAGES, timeout=None):
+    def dark(self, averages: int = DARK_AVERAGES, timeout: Optional[float] = None) -> np.ndarray:
         """Takes a dark frame at the shortest exposure (cover the sensor
         first), keeps it for dark_correction and returns it; the shutter
         speed is put back afterwards."""
@@ -289,13 +334,13 @@ class Sensor:
         return frame.values
 
     @property
-    def dark_correction(self):
+    def dark_correction(self) -> bool:
         """When on, read() and stream() subtract the dark frame (dark()
         must have been taken)."""
         return self._dark_correction
 
     @dark_correction.setter
-    def dark_correction(self, on):
+    def dark_correction(self, on: bool) -> None:
         if not isinstance(on, (bool, np.bool_)):
             raise OrbTypeError(f"dark_correction must be True or False, not {on!r}")
         if on and self.dark_frame is None:

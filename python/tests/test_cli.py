@@ -76,7 +76,7 @@ def test_led_sets_the_state_word_and_refuses_what_it_cannot_carry(orb_sensor):
 
 
 def test_refused_sensor_names_its_node(run_python):
-    result = run_python(1, "from orb_sensor import commands, usb_nodes\n"
+    result = run_python(1, "from orb_sensor._cli import commands\nfrom orb_sensor._process import usb_nodes\n"
                            "usb_nodes.may_open = lambda *a, **k: False\n"
                            "print(commands.no_sensor_message())\n")
     assert result.returncode == 0, result.stderr

@@ -6,7 +6,8 @@ import struct
 
 import pytest
 
-from orb_sensor import doctor, library, usb_nodes
+from orb_sensor._cli import doctor
+from orb_sensor._process import library, usb_nodes
 
 NODE = "bus/usb/001/004"
 USER = GROUP = 1000

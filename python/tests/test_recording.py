@@ -10,8 +10,8 @@ import numpy as np
 import pytest
 
 from orb_sensor.frame import Frame
-from orb_sensor.hdf5_recording import FLUSH_FRAMES, FLUSH_SECONDS
-from orb_sensor.recording import check_output_path, open_writer
+from orb_sensor._recording.hdf5 import FLUSH_FRAMES, FLUSH_SECONDS
+from orb_sensor._recording import check_output_path, open_writer
 
 from conftest import REPO
 
@@ -61,7 +61,7 @@ def test_hdf5_round_trip(tmp_path):
 KILLED_WRITER = f"""
 import os, signal, sys, time
 sys.path[:0] = {[os.path.join(REPO, "python"), os.path.dirname(__file__)]!r}
-from orb_sensor.recording import open_writer
+from orb_sensor._recording import open_writer
 from test_recording import RUN, make_frame
 out = open_writer("hdf5", sys.argv[1], RUN)
 for i in range({FLUSH_FRAMES + 6}):

@@ -8,11 +8,7 @@ the client does not expect), so every subscription here is shorter."""
 
 import os
 
-import numpy as np
-
 from conftest import REPO
-from orb_sensor.frame import Frame
-from orb_sensor.tango.frames import Averager
 
 PRELUDE = """
 import ctypes, os, signal, socket, subprocess, sys, time
@@ -70,7 +66,7 @@ def run(run_python, sensors, body, *emulate_args):
 
 def test_every_attribute_reads_and_writes_and_out_of_range_is_refused_by_name(run_python):
     out = run(run_python, 1, """
-from orb_sensor.frame import exposure_ms
+from orb_sensor.facts import exposure_ms
 with one_device(SensorIndex=0) as proxy:
     wait_state(proxy, ON, 20)
     assert proxy.SensorID == "C1234-7-20-33-1"
@@ -98,20 +94,6 @@ with one_device(SensorIndex=0) as proxy:
                          "API_WAttrOutsideLimit|Averages must be between 1 and 10000, not 0",
                          "API_WAttrOutsideLimit|AdcGain must be between 0 and 1, not 2",
                          "API_WAttrOutsideLimit|AdcRange must be between 0 and 255, not 256"]
-
-
-def test_averages_never_mix_settings_and_count_what_they_drop():
-    def frame(seq, shutter, lost=0, saturated=()):
-        return Frame(np.full(1024, float(seq)), seq=seq, timestamp=seq, shutter_speed=shutter, adc=(1, 132),
-                     saturated=np.array(saturated, int), lost=lost)
-    averager = Averager(3)
-    stream = [frame(0, 5), frame(1, 5, saturated=[7]), frame(2, 9, lost=2), frame(3, 9), frame(4, 9, saturated=[1]),
-              frame(5, 9, lost=1), frame(6, 9)]
-    out = [a for a in map(averager.add, stream) if a is not None]
-    # Frames 0 and 1 (shutter 5) are dropped when 2 comes at shutter 9: lost with the 2 before frame 2.
-    assert [(a.seq, a.values[0], a.shutter_speed, a.lost, list(a.saturated), a.averages) for a in out] == [
-        (4, 3.0, 9, 4, [1], 3)]
-    assert averager.add(frame(7, 9)).lost == 1 and Averager(1).add(stream[0]) is stream[0]
 
 
 def test_acquire_dark_auto_exposure_and_the_led(run_python):

@@ -1,8 +1,8 @@
 """OrbSensor: one spectral sensor as a Tango device.
 
 Attribute reads never reach the sensor: they serve the latest frame and
-the settings the link last read or set. Writes and commands that need the
-sensor run on the link's thread and are waited on for a bounded time; a
+the settings last read or set. Writes and commands that need the sensor
+run on the thread of its SensorAccess and are waited on for a bounded time; a
 sensor known to be out of reach refuses them at once, saying what to do.
 As Tango does, a device takes one call at a time; its events are sent
 from a thread of their own (outbox.py), so the stream never waits on a
@@ -18,26 +18,18 @@ from tango import AttrQuality, AttrWriteType
 from tango.server import Device, attribute, command, device_property
 
 from ..errors import OrbError
-from ..frame import NUM_FILTERS, exposure_ms
-from ..sensor import ACQUISITION_MARGIN_S, AUTO_EXPOSE_TIMEOUT_S, DARK_AVERAGES, FASTEST_FRAME_S, shutter_speed_for
-from ..supervisor import GRACE_S
+from ..facts import EXPOSURE_FORMULA, MAX_VALUE, NUM_FILTERS, SHUTTER_SPEED_LIMITS, exposure_ms, shutter_speed_for
+from ..sensor import AUTO_EXPOSE_TIMEOUT_S, DARK_AVERAGES, REPLY_MARGIN_S, acquisition_timeout_s
 from . import failures, health, led_command, limits
 from .frames import LatestFrame
-from .link import WAIT_S, SensorLink
 from .outbox import Outbox
+from .sensor_access import WAIT_S, SensorAccess
 from .streamer import Streamer
 
 RW = AttrWriteType.READ_WRITE
 # How long a command waits for a running stream to close before it takes
 # the sensor (the package stops a stream within 0.8 s).
 STREAM_CLOSE_S = 1.5
-
-
-def _acquisition_s(averages, shutter_speed):
-    """An upper bound on `averages` frames at `shutter_speed`, as the
-    package's own time-out of a read counts it."""
-    frame_s = max(exposure_ms(shutter_speed) / 1000, FASTEST_FRAME_S)
-    return ACQUISITION_MARGIN_S + 2 * averages * frame_s
 
 
 def _waits(method):
@@ -55,7 +47,7 @@ def _waits(method):
 
 class OrbSensor(Device):
     """One spectral sensor: 1024 filters, 12-bit values (4095 is
-    saturation). Start streams, FilterData sends a change event with every
+    saturation, MAX_VALUE). Start streams, FilterData sends a change event with every
     frame; State is ON (idle), RUNNING (streaming) or FAULT (the sensor is
     unplugged or silent; the device recovers by itself once it is back)."""
 
@@ -72,19 +64,19 @@ class OrbSensor(Device):
         self._sent_state = None
         self.set_change_event("FilterData", True, False)
         self.set_change_event("State", True, False)
-        self._outbox = Outbox(self, self._send_state, self._send_frame, self._latest.add_lost)
+        self._outbox = Outbox(self, self._send_state, self._send_frame)
         sensor_id = self.SensorID.strip() or None
-        self._link = SensorLink(sensor_id, self.SensorIndex, on_change=self._outbox.state_changed)
-        self._streamer = Streamer(self._link, self._deliver, on_change=self._outbox.state_changed)
-        self._link.streaming = lambda: self._streamer.wanted
+        self._access = SensorAccess(sensor_id, self.SensorIndex, on_change=self._outbox.state_changed)
+        self._streamer = Streamer(self._access, self._stream_frame, on_change=self._outbox.state_changed)
+        self._access.streaming = lambda: self._streamer.wanted
         self._outbox.start()
         self._outbox.state_changed()
-        self._link.start()
+        self._access.start()
         self._streamer.start()
 
     def delete_device(self):
         self._streamer.close()
-        self._link.close()
+        self._access.close()
         self._outbox.close()
 
     # What the device shows: State and Status are worked out when read, so
@@ -92,7 +84,7 @@ class OrbSensor(Device):
     # event.
 
     def _health(self):
-        return health.describe(self._link.name, self._link.problem, self._streamer.wanted)
+        return health.describe(self._access.name, self._access.problem, self._streamer.wanted)
 
     def dev_state(self):
         return self._health()[0]
@@ -114,12 +106,16 @@ class OrbSensor(Device):
         self._latest.put(frame)
         self._outbox.frame(frame)
 
+    def _stream_frame(self, frame):
+        self._latest.put(frame)
+        self._outbox.frame(frame, wanted=self._streamer.should_stream)
+
     def _set_shutter(self, value):
-        self._link.call(lambda sensor: setattr(sensor, "shutter_speed", value), "setting the shutter speed")
-        self._link.learn(shutter_speed=value)
+        self._access.call(lambda sensor: setattr(sensor, "shutter_speed", value), "setting the shutter speed")
+        self._access.learn(shutter_speed=value)
 
     def _setting(self, key):
-        value = self._link.settings.get(key)
+        value = self._access.settings.get(key)
         if value is None:
             failures.throw(failures.ABSENT, f"not known yet: {self.dev_status()}", "OrbSensor.read")
         return value
@@ -149,21 +145,21 @@ class OrbSensor(Device):
         frame = self._latest.frame
         return np.zeros(0, np.int32) if frame is None else np.asarray(frame.saturated, np.int32)
 
-    @attribute(dtype=tango.DevLong64, doc="Frames the stream lost since Start: not read in time, "
-                                          "dropped from an average by a change of settings, or not sent "
-                                          "as events while a call held the device for seconds")
+    @attribute(dtype=tango.DevLong64, doc="Frames the stream lost since Start: not read in time (also "
+                                          "while a call held the device for seconds), or dropped from an "
+                                          "average under way by a change of settings or of Averages")
     def FramesLost(self):
-        return self._latest.lost
+        return self._streamer.lost
 
     @attribute(dtype=str, name="SensorID", doc="The sensor's ID text; empty until it was found")
     def sensor_id(self):
-        return self._link.sensor_id or ""
+        return self._access.sensor_id or ""
 
     # Settings.
 
     @attribute(dtype=tango.DevLong, access=RW,
                doc="The shutter speed, " + limits.describe("ShutterSpeed") +
-                   "; exposure = (912 x shutter + 160) / 10000 ms")
+                   "; exposure = " + EXPOSURE_FORMULA)
     def ShutterSpeed(self):
         return self._setting("shutter_speed")
 
@@ -201,8 +197,8 @@ class OrbSensor(Device):
     @_waits
     def AdcGain(self, value):
         value = int(limits.check("AdcGain", value))
-        self._link.call(lambda sensor: sensor.set_adc(gain=value), "setting the ADC gain")
-        self._link.learn(adc_gain=value)
+        self._access.call(lambda sensor: sensor.set_adc(gain=value), "setting the ADC gain")
+        self._access.learn(adc_gain=value)
 
     @attribute(dtype=tango.DevLong, access=RW, doc="The ADC's range index, " + limits.describe("AdcRange"))
     def AdcRange(self):
@@ -212,19 +208,19 @@ class OrbSensor(Device):
     @_waits
     def AdcRange(self, value):
         value = int(limits.check("AdcRange", value))
-        self._link.call(lambda sensor: sensor.set_adc(range=value), "setting the ADC range")
-        self._link.learn(adc_range=value)
+        self._access.call(lambda sensor: sensor.set_adc(range=value), "setting the ADC range")
+        self._access.learn(adc_range=value)
 
     @attribute(dtype=bool, access=RW,
                doc="Subtract the dark frame (TakeDark) from every frame, streamed or acquired")
     def DarkCorrection(self):
-        sensor = self._link.sensor
+        sensor = self._access.sensor
         return bool(sensor and sensor.dark_correction)
 
     @DarkCorrection.write
     def DarkCorrection(self, on):
         # The Sensor keeps the dark frame and subtracts it: no request.
-        sensor = self._link.sensor
+        sensor = self._access.sensor
         if sensor is None:
             failures.throw(failures.ABSENT, f"not reached yet: {self.dev_status()}", "OrbSensor.DarkCorrection")
         if on and sensor.dark_frame is None:
@@ -237,8 +233,6 @@ class OrbSensor(Device):
     @command(doc_in="Streams until Stop; FilterData sends a change event with every frame. Also "
                     "while the sensor is away: the stream starts once it is back")
     def Start(self):
-        if not self._streamer.wanted:
-            self._latest.reset_lost()
         self._streamer.stream(True)
 
     @command(doc_in="Ends the stream (the sensor stops within a second)")
@@ -250,9 +244,10 @@ class OrbSensor(Device):
     @_waits
     def Acquire(self):
         averages = self._streamer.averages
-        wait = _acquisition_s(averages, self._link.settings.get("shutter_speed", 3000)) + GRACE_S
+        shutter = self._access.settings.get("shutter_speed", SHUTTER_SPEED_LIMITS[1])
+        wait = acquisition_timeout_s(averages, shutter) + REPLY_MARGIN_S
         if self._streamer.wanted:
-            self._link.check()
+            self._access.check()
             frame = self._latest.after(self._latest.count, wait)
             if frame is None:
                 failures.throw(failures.SILENT, f"no frame from the stream within {wait:g} s: "
@@ -260,31 +255,31 @@ class OrbSensor(Device):
         else:
             # A stream just stopped may still hold the sensor.
             self._streamer.wait_closed(STREAM_CLOSE_S)
-            frame = self._link.call(lambda sensor: sensor.read(averages=averages), "reading a frame",
+            frame = self._access.call(lambda sensor: sensor.read(averages=averages), "reading a frame",
                                     wait + WAIT_S)
             self._deliver(frame)
         return frame.values
 
-    @command(dtype_in=tango.DevLong, doc_in="The peak to reach, 1 to 4095 DN; 0: the library's own",
+    @command(dtype_in=tango.DevLong, doc_in=f"The peak to reach, 1 to {MAX_VALUE} DN; 0: the library's own",
              dtype_out=tango.DevLong, doc_out="The shutter speed found, now set. Takes up to "
                                               f"{AUTO_EXPOSE_TIMEOUT_S:g} s: raise the client's time-out")
     @_waits
     def AutoExpose(self, target):
-        self._link.check()
+        self._access.check()
         with self._streamer.paused(STREAM_CLOSE_S):
-            shutter, _ = self._link.call(lambda sensor: sensor.auto_expose(target=int(target) or None),
-                                         "searching the shutter speed", AUTO_EXPOSE_TIMEOUT_S + GRACE_S)
-        self._link.learn(shutter_speed=shutter)
+            shutter, _ = self._access.call(lambda sensor: sensor.auto_expose(target=int(target) or None),
+                                         "searching the shutter speed", AUTO_EXPOSE_TIMEOUT_S + REPLY_MARGIN_S)
+        self._access.learn(shutter_speed=shutter)
         return shutter
 
     @command(doc_in="Takes a dark frame (cover the sensor first) at the shortest exposure, "
                     f"{DARK_AVERAGES} averaged, for DarkCorrection; the shutter speed is kept")
     @_waits
     def TakeDark(self):
-        self._link.check()
+        self._access.check()
         with self._streamer.paused(STREAM_CLOSE_S):
-            self._link.call(lambda sensor: sensor.dark(), "taking a dark frame",
-                            _acquisition_s(DARK_AVERAGES, 1) + 2 * WAIT_S)
+            self._access.call(lambda sensor: sensor.dark(), "taking a dark frame",
+                            acquisition_timeout_s(DARK_AVERAGES, SHUTTER_SPEED_LIMITS[0]) + 2 * WAIT_S)
 
     @command(dtype_in=tango.DevVarLongArray, doc_in=led_command.USAGE, dtype_out=tango.DevLong,
              doc_out="The state word the LED module received: channel bits, intensity << 8")

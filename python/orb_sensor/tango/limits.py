@@ -4,8 +4,7 @@ value for attribute X is above the maximum authorized", which does not
 say what the range is. A client gets the attribute, the range and the
 value it sent."""
 
-from ..frame import exposure_ms
-from ..sensor import ADC_RANGE_LIMITS, SHUTTER_SPEED_LIMITS
+from ..facts import ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, EXPOSURE_MS_LIMITS, SHUTTER_SPEED_LIMITS
 from . import failures
 
 # Averages beyond this would hold one Acquire for minutes at long exposures.
@@ -13,9 +12,9 @@ MAX_AVERAGES = 10000
 
 RANGES = {
     "ShutterSpeed": SHUTTER_SPEED_LIMITS,
-    "ExposureTime": tuple(exposure_ms(s) for s in SHUTTER_SPEED_LIMITS),
+    "ExposureTime": EXPOSURE_MS_LIMITS,
     "Averages": (1, MAX_AVERAGES),
-    "AdcGain": (0, 1),
+    "AdcGain": ADC_GAIN_LIMITS,
     "AdcRange": ADC_RANGE_LIMITS,
 }
 

@@ -1,35 +1,33 @@
-"""A device's stream: a thread that runs Sensor.stream() while the device
-streams, averages the frames and hands each average to the device. After
-a failure it tries again by itself, so a replugged sensor streams again
-with nobody asking."""
+"""A device's stream: a thread that iterates the sensor's Stream while the
+device streams and hands each Frame to the device. The Stream numbers,
+averages and counts what is lost; one Stream lasts from Start to Stop,
+across the pauses of commands and the sensor's absences, so its numbers
+and its count of lost frames go on. After a failure the thread tries
+again by itself, so a replugged sensor streams again with nobody asking."""
 
 import contextlib
 import threading
 
 from ..errors import OrbError
 from .failures import Busy
-from .frames import Averager
 
 CLOSE_WAIT_S = 3.0
 
 
 class Streamer:
-    """`deliver(frame)` receives every averaged Frame on the stream's
-    thread; `on_change()` is called when `wanted` changes."""
+    """`deliver(frame)` receives every Frame on the stream's thread;
+    `on_change()` is called when `wanted` changes."""
 
-    def __init__(self, link, deliver, on_change=lambda: None):
-        self._link = link
+    def __init__(self, sensor_access, deliver, on_change=lambda: None):
+        self._access = sensor_access
         self._deliver = deliver
         self._on_change = on_change
         self._changed = threading.Condition()
         self.wanted = False
-        # Read with every frame: a change starts a new average.
-        self.averages = 1
         self.open = False
-        # The frames are numbered from 0 at start(), on across the streams
-        # this thread opens again (after a pause, or once the sensor is
-        # back), during which the sensor made no frames.
-        self._next_seq = 0
+        # The Stream since Start: made once the sensor is reached.
+        self._frames = None
+        self._averages = 1
         self._pauses = 0
         self._closed = False
         self._thread = threading.Thread(target=self._run, name="orb-tango-stream", daemon=True)
@@ -38,12 +36,34 @@ class Streamer:
         """Starts the thread; it streams once `stream()` asks."""
         self._thread.start()
 
+    @property
+    def averages(self):
+        """Frames averaged into each Frame: the Stream's, once there is one."""
+        frames = self._frames
+        return self._averages if frames is None else frames.averages
+
+    @averages.setter
+    def averages(self, value):
+        self._averages = value
+        frames = self._frames
+        if frames is not None:
+            frames.averages = value
+
+    @property
+    def lost(self):
+        """Frames the stream lost since Start."""
+        frames = self._frames
+        return 0 if frames is None else frames.lost
+
     def stream(self, on):
         with self._changed:
             if on and not self.wanted:
-                self._next_seq = 0
+                # A new Start numbers from 0 again.
+                self._frames = None
             self.wanted = on
             self._changed.notify_all()
+        if not on:
+            self._interrupt()
         self._on_change()
 
     def wait_closed(self, wait):
@@ -54,10 +74,11 @@ class Streamer:
 
     @contextlib.contextmanager
     def paused(self, wait):
-        """Closes the stream while the block runs (the library takes no
-        other acquisition meanwhile), and opens it again afterwards."""
+        """Stops the stream while the block runs (the library takes no
+        other acquisition meanwhile), and starts it again afterwards."""
         with self._changed:
             self._pauses += 1
+        self._interrupt()
         try:
             if not self.wait_closed(wait):
                 raise Busy(f"the stream did not stop within {wait:g} s; try again")
@@ -67,13 +88,18 @@ class Streamer:
                 self._pauses -= 1
                 self._changed.notify_all()
 
-    def _should_stream(self):
+    def should_stream(self):
         return self.wanted and not self._pauses and not self._closed
+
+    def _interrupt(self):
+        frames = self._frames
+        if frames is not None:
+            frames.interrupt()
 
     def _run(self):
         while True:
             with self._changed:
-                self._changed.wait_for(lambda: self._closed or self._should_stream())
+                self._changed.wait_for(lambda: self._closed or self.should_stream())
                 if self._closed:
                     return
                 # Under the same lock as the test: a pause that begins now
@@ -87,29 +113,25 @@ class Streamer:
     def _stream_until_stopped(self):
         """Streams until the device stops it (0 returned) or the sensor
         fails (the seconds to wait before trying again)."""
-        frames = None
+        frames = self._frames
         try:
-            frames = self._link.open().stream()
-            averager = Averager(self.averages)
-            first_seq = self._next_seq
+            sensor = self._access.open()
+            if frames is None or frames.sensor_id != sensor.id:
+                frames = self._frames = sensor.stream(averages=self._averages)
             for frame in frames:
-                self._link.reached()
-                if not self._should_stream():
+                self._access.reached()
+                if not self.should_stream():
                     return 0
-                frame.seq += first_seq
-                self._next_seq = frame.seq + 1
-                if averager.size != self.averages:
-                    averager = Averager(self.averages)
-                average = averager.add(frame)
-                if average is not None:
-                    self._deliver(average)
+                self._deliver(frame)
+                if not self.should_stream():
+                    return 0
             return 0
         except OrbError as e:
-            self._link.report(e)
-            return self._link.retry_s()
+            self._access.report(e)
+            return self._access.retry_s()
         finally:
             if frames is not None:
-                frames.close()
+                frames.stop()
             with self._changed:
                 self.open = False
                 self._changed.notify_all()
@@ -119,4 +141,5 @@ class Streamer:
         with self._changed:
             self._closed = True
             self._changed.notify_all()
+        self._interrupt()
         self._thread.join(CLOSE_WAIT_S)

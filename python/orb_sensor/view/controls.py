@@ -4,9 +4,8 @@ names it, and nothing is changed."""
 
 from .. import checks
 from ..errors import OrbTypeError, OrbValueError
-from ..frame import exposure_ms
+from ..facts import ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, EXPOSURE_MS_LIMITS, SHUTTER_SPEED_LIMITS
 from ..led import MAX_INTENSITY
-from ..sensor import ADC_RANGE_LIMITS, SHUTTER_SPEED_LIMITS
 
 
 def _flag(name):
@@ -19,9 +18,9 @@ def _flag(name):
 
 CHECKS = {
     "shutter_speed": lambda v: checks.integer("shutter speed", v, *SHUTTER_SPEED_LIMITS),
-    "exposure_ms": lambda v: checks.number("exposure_ms", v, *(exposure_ms(s) for s in SHUTTER_SPEED_LIMITS)),
+    "exposure_ms": lambda v: checks.number("exposure_ms", v, *EXPOSURE_MS_LIMITS),
     "averages": lambda v: checks.integer("averages", v, 1, checks.INT_MAX),
-    "adc_gain": lambda v: checks.integer("ADC gain", v, 0, 1),
+    "adc_gain": lambda v: checks.integer("ADC gain", v, *ADC_GAIN_LIMITS),
     "adc_range": lambda v: checks.integer("ADC range", v, *ADC_RANGE_LIMITS),
     "dark_correction": _flag("dark correction"),
     "frozen": _flag("freeze"),

@@ -1,12 +1,10 @@
 """The page's recording: an HDF5 file in the current directory, written as
-`orb-sensor record` writes it, one averaged frame at a time."""
+`orb-sensor record` writes it (Sensor.open_recording), one Frame of the
+stream at a time."""
 
 import os
 import threading
 import time
-
-from .. import recording
-from ..commands import run_metadata
 
 
 class Recorder:
@@ -31,8 +29,7 @@ class Recorder:
             if self._writer is not None:
                 return
             path = self._path(sensor.id)
-            recording.check_output_path(path)
-            self._writer = recording.open_writer("hdf5", path, run_metadata(sensor, averages))
+            self._writer = sensor.open_recording(path, averages)
             self.name, self.frames, self.failure = os.path.basename(path), 0, None
 
     def write(self, frame):

@@ -1,23 +1,23 @@
 """The sensor the page looks at, streamed in a thread of its own.
 
-The thread keeps a stream running and hands each frame (averaged as the
-page asks) to the pages and to the recording. What needs the sensor alone,
-auto-exposure and a dark frame, runs in the same thread between two
-streams. When the sensor is lost the thread says so and tries again every
-half second: once it is plugged back in, frames come again by themselves.
+The thread iterates the sensor's Stream and hands each Frame to the pages
+and to the recording; the Stream numbers, averages (as the page asks) and
+counts what is lost. What needs the sensor alone, auto-exposure and a dark
+frame, runs in the same thread while the Stream is stopped; it goes on
+afterwards with the next number. When the sensor is lost the thread says
+so and tries again every half second: once it is plugged back in, frames
+come again by themselves.
 """
 
 import concurrent.futures
-import contextlib
 import os
 import queue
 import threading
 import time
 
 from ..errors import OrbError, SensorLostError, SensorTimeoutError
-from ..frame import exposure_ms
+from ..facts import exposure_ms
 from ..sensor import Sensor
-from .averaging import Averager
 from .fanout import Fanout
 from .recorder import Recorder
 
@@ -31,18 +31,20 @@ class Session:
         self.sensor_ids = sensor_ids
         self._sensors = {sensor.id: sensor}
         self.sensor = sensor
-        self.averages = 1
+        self.stream = sensor.stream()
         self.frozen = False
         self.state, self.message = "starting", ""
         self.settings = {}
-        self.frames = self.lost = 0
         # The frame on the page, and whether the dark frame was subtracted
         # from it: one tuple, so that the two are read together.
         self.shown = None
         self.lights = None
         self.fanout = Fanout()
         self.recorder = Recorder(directory or os.getcwd())
-        self._rate, self._rate_mark = 0.0, (time.monotonic(), 0)
+        # The sensor's frame rate, from the numbers of the frames: the
+        # number of the latest, and one from at least RATE_WINDOW_S before.
+        self._latest_seq = None
+        self._rate, self._rate_mark = 0.0, (time.monotonic(), None)
         self._jobs = queue.SimpleQueue()
         # Set to end the running stream (a job waits, or the view ends), and
         # to cut the wait between two tries short.
@@ -56,8 +58,10 @@ class Session:
     def stop(self, timeout=5.0):
         self._stopping = True
         self._interrupt.set()
+        self.stream.interrupt()
         if self._thread.is_alive():
             self._thread.join(timeout)
+        self.stream.close()
         self.recorder.stop()
         if self.lights is not None:
             self.lights.close()
@@ -80,27 +84,23 @@ class Session:
                 self._interrupt.wait(RETRY_S)
 
     def _stream(self):
-        sensor = self.sensor
-        s = sensor.settings()
+        s = self.sensor.settings()
         self._note(shutter_speed=s["shutter_speed"], adc_gain=s["adc_gain"], adc_range=s["adc_range"])
-        averager = Averager()
-        with contextlib.closing(sensor.stream()) as frames:
-            for frame in frames:
+        stream = self.stream
+        try:
+            for frame in stream:
                 if self.state != "streaming":
                     self._set_state("streaming")
-                self.frames += 1
-                self.lost += frame.lost
-                # The stream read the flag in this thread as it made the frame,
-                # an instant ago.
-                corrected = sensor.dark_correction
-                average = averager.add(frame, self.averages, corrected)
-                if average is not None:
-                    self.recorder.write(average)
-                    if not self.frozen:
-                        self.shown = (average, corrected)
-                        self.fanout.frame(average)
+                self._latest_seq = frame.seq
+                self.recorder.write(frame)
+                if not self.frozen:
+                    self.shown = (frame, frame.dark_corrected)
+                    self.fanout.frame(frame)
                 if self._interrupt.is_set() or self._stopping:
                     return
+        finally:
+            # Stopped, not closed: after the job the numbers go on.
+            stream.stop()
 
     def _run_jobs(self):
         while True:
@@ -120,6 +120,7 @@ class Session:
         future = concurrent.futures.Future()
         self._jobs.put((job, what, future))
         self._interrupt.set()
+        self.stream.interrupt()
         return future
 
     # What the page sees.
@@ -144,8 +145,12 @@ class Session:
         self.sensor.set_adc(gain=gain, range=range)
         self._note(**{k: v for k, v in (("adc_gain", gain), ("adc_range", range)) if v is not None})
 
+    @property
+    def averages(self):
+        return self.stream.averages
+
     def set_averages(self, n):
-        self.averages = n
+        self.stream.averages = n
         self.fanout.status()
 
     def set_frozen(self, frozen):
@@ -172,9 +177,11 @@ class Session:
             if sensor_id not in self._sensors:
                 self._sensors[sensor_id] = Sensor(id=sensor_id)
             self.sensor = self._sensors[sensor_id]
+            averages, old = self.stream.averages, self.stream
+            self.stream = self.sensor.stream(averages=averages)
+            old.close()
             self.settings, self.shown = {}, None
-            self.frames = self.lost = 0
-            self._rate_mark = (time.monotonic(), 0)
+            self._latest_seq, self._rate_mark = None, (time.monotonic(), None)
             return sensor_id
         return self.submit(job, f"opening sensor {sensor_id}")
 
@@ -196,11 +203,12 @@ class Session:
         return None if self.shown is None else self.shown[0]
 
     def status(self):
-        now = time.monotonic()
-        mark_time, mark_frames = self._rate_mark
+        now, seq = time.monotonic(), self._latest_seq
+        mark_time, mark_seq = self._rate_mark
         if now - mark_time >= RATE_WINDOW_S:
-            self._rate = (self.frames - mark_frames) / (now - mark_time)
-            self._rate_mark = (now, self.frames)
+            made = 0 if seq is None or mark_seq is None or seq < mark_seq else seq - mark_seq
+            self._rate = made / (now - mark_time)
+            self._rate_mark = (now, seq)
         shutter = self.settings.get("shutter_speed")
         state = "frozen" if self.frozen and self.state == "streaming" else self.state
         return {
@@ -208,8 +216,9 @@ class Session:
             "shutter_speed": shutter, "exposure_ms": None if shutter is None else exposure_ms(shutter),
             "averages": self.averages,
             "adc": {"gain": self.settings.get("adc_gain"), "range": self.settings.get("adc_range")},
-            "frames": self.frames, "frame_number": None if self.current is None else int(self.current.seq),
-            "lost": self.lost, "frame_rate": round(self._rate, 1), "frozen": self.frozen,
+            "frames": self.stream.delivered,
+            "frame_number": None if self.current is None else int(self.current.seq),
+            "lost": self.stream.lost, "frame_rate": round(self._rate, 1), "frozen": self.frozen,
             "dark": self.sensor.dark_frame is not None, "dark_correction": self.sensor.dark_correction,
             "recording": self.recorder.status(),
             "led": None if self.lights is None else self.lights.status(),

@@ -2,7 +2,7 @@
 // refresh, the newest one each time; the counters beside the plot.
 
 import {bindControls, showStatus} from "./controls.js";
-import {connect} from "./link.js";
+import {connect} from "./socket.js";
 import {makePlot} from "./plot.js";
 
 const $ = (id) => document.getElementById(id);
@@ -42,10 +42,10 @@ function paint() {
 
   second.painted += 1;
   second.delay += delay;
-  link.painted();
+  socket.painted();
 }
 
-const link = connect({
+const socket = connect({
   onFrame(meta, values) {
     window.orbView.received += 1;
     newest = {meta, values};

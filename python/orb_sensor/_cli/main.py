@@ -9,17 +9,18 @@ import logging
 import os
 import sys
 
-from . import __version__, arguments, doctor, emulation
+from .. import __version__
+from ..checks import INT_MAX
+from ..errors import NoSensorError, OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorTimeoutError
+from ..facts import ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, SHUTTER_SPEED_LIMITS
+from ..led import MAX_CHANNELS, MAX_INTENSITY, NoLedModuleError
+from . import arguments, doctor, emulation
 from .commands import COMMANDS, NO_DEVICE_HELP, no_sensor_message
-from .errors import NoSensorError, OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorTimeoutError
-from .frame import DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE
-from .led import MAX_CHANNELS, MAX_INTENSITY, NoLedModuleError
 from .progress import Progress
 
 PROG = "orb-sensor"
 EXIT_OK, EXIT_NO_SENSOR, EXIT_USAGE, EXIT_LIBRARY, EXIT_LOST = 0, 1, 2, 3, 4
 EXIT_INTERRUPTED = 130
-INT_MAX = 2**31 - 1
 
 
 def _sensor_options(p, timeout=True):
@@ -51,9 +52,11 @@ def parser():
     _sensor_options(a)
     a.add_argument("-n", "--averages", type=arguments.whole(1, INT_MAX), default=1,
                    help="frames averaged (default 1)")
-    a.add_argument("--shutter", type=arguments.whole(1, 3000), help="shutter speed, 1 to 3000")
-    a.add_argument("--gain", type=arguments.whole(0, 1), help="ADC gain, 0 or 1")
-    a.add_argument("--adc-range", type=arguments.whole(0, 255), help="ADC range index, 0 to 255")
+    a.add_argument("--shutter", type=arguments.whole(*SHUTTER_SPEED_LIMITS),
+                   help="shutter speed, {} to {}".format(*SHUTTER_SPEED_LIMITS))
+    a.add_argument("--gain", type=arguments.whole(*ADC_GAIN_LIMITS), help="ADC gain, 0 or 1")
+    a.add_argument("--adc-range", type=arguments.whole(*ADC_RANGE_LIMITS),
+                   help="ADC range index, {} to {}".format(*ADC_RANGE_LIMITS))
     a.add_argument("--auto-exposure", action="store_true",
                    help="search the shutter speed that puts the peak just below saturation")
     a.add_argument("--target", type=arguments.whole(1, MAX_VALUE), metavar="DN",
@@ -106,7 +109,7 @@ def parser():
 
 def _view(args, progress):
     # aiohttp is needed by this command only.
-    from .view.command import run
+    from ..view.command import run
     return run(args, progress)
 
 

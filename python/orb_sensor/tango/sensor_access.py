@@ -1,6 +1,6 @@
 """One sensor as a device reaches it: found by ID or index once it is
 there, followed by ID from then on, and every call on it made on a thread
-of the link's own, which a Tango call waits on for a bounded time only.
+of its own, which a Tango call waits on for a bounded time only.
 
 The package bounds each request, but a request that finds the library's
 process gone waits for a new one to connect every sensor (most of a
@@ -13,7 +13,6 @@ import queue
 import threading
 import time
 
-from .. import supervisor, usb_nodes
 from ..errors import NoSensorError, OrbError, SensorLostError, SensorTimeoutError
 from ..sensor import Sensor
 from . import health
@@ -33,12 +32,12 @@ CLOSE_WAIT_S = 3.0
 _REFUSALS = {health.LOST: SensorLostError, health.SILENT: SensorTimeoutError, health.CONNECTING: Busy}
 
 
-class SensorLink:
+class SensorAccess:
     """`sensor_id` (text) or else `index` chooses the sensor. `on_change()`
-    is called from the link's threads when `problem` changes: None while
+    is called from its threads when `problem` changes: None while
     the sensor answers, else (kind, text) as health.problem_of gives it.
     Set `streaming` to a callable that says when a stream looks after the
-    sensor, so that the link does not poll it meanwhile."""
+    sensor, so that it does not poll it meanwhile."""
 
     def __init__(self, sensor_id=None, index=0, on_change=lambda: None):
         self.sensor_id = sensor_id
@@ -56,7 +55,7 @@ class SensorLink:
         self._failed_generation = None
         self._doublings = 0
         self._closed = False
-        self._thread = threading.Thread(target=self._serve, name="orb-tango-link", daemon=True)
+        self._thread = threading.Thread(target=self._serve, name="orb-tango-sensor", daemon=True)
 
     def start(self):
         """Starts looking for the sensor, and serving calls."""
@@ -80,16 +79,17 @@ class SensorLink:
         # it did is found by a new one only, and a new one cuts the streams
         # of every other sensor. So a sensor not found is looked for again
         # only once a device has appeared on the bus.
-        seen = usb_nodes.sensor_addresses()
-        first, appeared = self._addresses is None, bool(seen - (self._addresses or set()))
+        seen = Sensor.on_bus()
+        first, appeared = self._addresses is None, bool(seen - (self._addresses or frozenset()))
         self._addresses = seen
         if self.sensor_id is not None:
             if not (first or appeared):
                 raise SensorLostError(f"sensor {self.sensor_id} is not on the bus")
-            supervisor.shared().locate(self.sensor_id)
+            # A replugged sensor is found by a new library process, which
+            # Sensor starts when the ID is not among those connected.
             return Sensor(id=self.sensor_id, timeout=REQUEST_TIMEOUT_S)
         if appeared and not first:
-            supervisor.shared().end_worker(("restart", f"looking for a sensor at index {self._index}"))
+            Sensor.reconnect(f"looking for a sensor at index {self._index}")
         ids = Sensor.list()
         if self._index < len(ids):
             return Sensor(index=self._index, timeout=REQUEST_TIMEOUT_S)
@@ -107,7 +107,7 @@ class SensorLink:
         problem = health.problem_of(error)
         if problem is None:
             return
-        generation = supervisor.shared().generation
+        generation = Sensor.connections()
         started = self._failed_generation not in (None, generation)
         self._doublings = self._doublings + 1 if started else 0
         self._failed_generation = generation
@@ -133,7 +133,7 @@ class SensorLink:
             raise _REFUSALS[problem[0]](health.advice(self.name, problem))
 
     def call(self, work, what, wait=WAIT_S):
-        """work(sensor)'s value, run on the link's thread. A sensor known to
+        """work(sensor)'s value, run on this object's thread. A sensor known to
         be unreachable is not tried: the refusal says what to do. Raises
         the package's exception, or Busy when no answer came within `wait`
         seconds (a call not started by then never runs)."""
@@ -180,14 +180,14 @@ class SensorLink:
                     except BaseException as e:  # the caller receives it
                         future.set_exception(e)
             elif not self.streaming():
-                now, seen = time.monotonic(), usb_nodes.sensor_addresses()
+                now, seen = time.monotonic(), Sensor.on_bus()
                 if seen != bus or now >= next_read:
                     bus = seen
                     self._poll()
                     next_read = now + (REFRESH_S if self.problem is None else self.retry_s())
 
     def close(self):
-        """Ends the link's thread (after the call it runs, if any)."""
+        """Ends the thread (after the call it runs, if any)."""
         self._closed = True
         self._calls.put(None)
         self._thread.join(CLOSE_WAIT_S)

@@ -4,10 +4,15 @@ import os
 import shutil
 import sys
 
-from . import library
+from .._process import library
 
 EMULATED_ENV = "ORB_SENSOR_EMULATED"
 EMULATE_ENV = "ORB_EMULATE"
+
+
+def _package_root():
+    """The directory that holds the package orb_sensor (this is its _cli)."""
+    return os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 
 def find_orb_emulate():
@@ -26,7 +31,7 @@ def find_orb_emulate():
                 return os.path.normpath(candidate)
     # Installed: the package is in PREFIX/lib/python3/dist-packages, the
     # launcher in PREFIX/bin.
-    package_root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    package_root = _package_root()
     installed = os.path.join(package_root, "..", "..", "..", "bin", "orb-emulate")
     if os.access(installed, os.X_OK):
         return os.path.normpath(installed)
@@ -42,7 +47,7 @@ def reexec(sensors, led, argv):
         return 2
     env = dict(os.environ)
     env[EMULATED_ENV] = "1"
-    package_root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    package_root = _package_root()
     env["PYTHONPATH"] = os.pathsep.join(filter(None, [package_root, env.get("PYTHONPATH")]))
     # A halogen lamp to look at, as the demo has it.
     command = [launcher, "--sensors", str(sensors), "--scene", "halogen", *(["--led"] if led else []), "--",

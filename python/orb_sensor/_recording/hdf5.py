@@ -31,8 +31,8 @@ from datetime import datetime, timezone
 import h5py
 import numpy as np
 
-from .frame import NUM_FILTERS
-from .recording import Writer
+from ..facts import NUM_FILTERS
+from .writer import Writer
 
 FLUSH_FRAMES = 256
 FLUSH_SECONDS = 0.5

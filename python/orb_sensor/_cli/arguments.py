@@ -5,8 +5,8 @@ reaches a sensor."""
 import argparse
 import math
 
-from . import checks
-from .errors import OrbError
+from .. import checks
+from ..errors import OrbError
 
 
 def whole(low, high):

@@ -6,7 +6,9 @@ matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402  (the backend must be chosen first)
 import numpy as np  # noqa: E402
 
-SATURATION_DN = 4095
+from ..facts import MAX_VALUE  # noqa: E402
+
+SATURATION_DN = MAX_VALUE
 # 1000 x 400 pixels.
 FIGURE_SIZE_IN = (10, 4)
 DPI = 100

@@ -1,42 +1,55 @@
 """Recording a run: frames written out as they arrive, to HDF5, CSV or NDJSON.
+Private: Sensor.open_recording() is its public door.
 
-    with open_writer("hdf5", "run.h5", run_metadata) as out:
+    with open_writer("hdf5", "run.h5", run_metadata(sensor, averages)) as out:
         for frame in frames:
             out.write(frame)
 
 `run_metadata` is a dict of strings, numbers and bools (sensor_id,
 start_time, averages, ...); every key is written. Each writer has
-write(frame), flush(), close() and `frames`, the count written so far.
+write(frame), flush(), close() and `frames`, the count written so far:
+it writes the frames it is given, as the stream numbered, averaged and
+counted them.
 """
 
+import datetime
 import os
+import socket
+
+from .. import __version__
+from .._process import supervisor
 
 KINDS = ("hdf5", "csv", "ndjson")
 
 
-class Writer:
-    """What every writer shares: the count and closing on leaving a with."""
+def library_version():
+    """The version in the file name of the library the worker loaded."""
+    name = os.path.basename(supervisor.shared().library_path)
+    _, _, version = name.partition(".so.")
+    return version or "unknown"
 
-    frames = 0
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc_info):
-        # Also on Ctrl-C or a failed acquisition: what came is still stored.
-        self.close()
+def run_metadata(sensor, averages):
+    """Facts of a run, written beside its frames."""
+    settings = sensor.settings()
+    return {"sensor_id": sensor.id, "sensor_index": sensor.index,
+            "library_version": library_version(), "package_version": __version__,
+            "start_time": datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="milliseconds"),
+            "host": socket.gethostname(), "averages": averages,
+            "shutter_speed": settings["shutter_speed"], "exposure_ms": sensor.exposure_ms,
+            "adc_gain": settings["adc_gain"], "adc_range": settings["adc_range"],
+            "dark_correction": sensor.dark_correction}
 
 
 def open_writer(kind, path_or_stream, run_metadata):
     """A writer of `kind` to a path, "-" (standard output) or an open text
     stream. HDF5 takes a path only."""
-    # Imported here: the writers build on Writer, and h5py takes a while to
-    # load for a run that does not use it.
+    # Imported here: h5py takes a while to load for a run that does not use it.
     if kind == "hdf5":
-        from .hdf5_recording import Hdf5Writer
+        from .hdf5 import Hdf5Writer
         return Hdf5Writer(path_or_stream, run_metadata)
     if kind in ("csv", "ndjson"):
-        from .text_recording import CsvWriter, NdjsonWriter
+        from .text import CsvWriter, NdjsonWriter
         return (CsvWriter if kind == "csv" else NdjsonWriter)(path_or_stream, run_metadata)
     raise ValueError(f"unknown output kind {kind!r}: one of {', '.join(KINDS)}")
 

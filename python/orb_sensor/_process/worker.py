@@ -1,5 +1,6 @@
 """The process that owns the library: started and supervised by
-orb_sensor.supervisor, never imported by a user's program.
+orb_sensor._process.supervisor (as its WorkerProcess), never imported by a
+user's program.
 
 It connects every attached sensor once, then serves requests that arrive
 on the socket it was given: one thread per sensor, so that requests on one
@@ -9,7 +10,7 @@ into log records. Replies and frames go back on the socket.
 
 Request:  (request_id, sensor_index or None, operation, arguments)
 Reply:    ("reply", request_id, ok, value or (error kind, text))
-Frames:   ("frames", index, stream_id, PickleBuffer of FRAME_DTYPE records)
+Frames:   ("frames", index, stream_id, PickleBuffer of stream_abi.FRAME_DTYPE records)
 End:      ("ended", index, stream_id, (error kind, text) or None)
 """
 
@@ -24,16 +25,11 @@ import time
 
 import numpy as np
 
+from ..facts import NUM_FILTERS, SHUTTER_SPEED_LIMITS
 from . import library, wire_format
-from .frame import NUM_FILTERS
+from .stream_abi import FRAME_DTYPE, SETTINGS_DTYPE, STATS_DTYPE, StreamResult
 
-OK = 1
-ERR_TIMEOUT = -101
-ERR_LOST = -102
-ERR_ENDED = -103
-ERR_NOT_STREAMING = -107
-ERR_INVALID = -105
-SHUTTER_RANGE = (1, 3000)
+OK = StreamResult.OK
 # Frames sent in one message: those that come within BATCH_WINDOW_S of the
 # first, at most BATCH_FRAMES. The window adds its length to a frame's
 # delay and divides the cost of a message among several frames.
@@ -51,8 +47,8 @@ class Failure(Exception):
 
 
 def _stream_failure(lib, result, what):
-    kind = {ERR_TIMEOUT: "timeout", ERR_LOST: "lost", ERR_ENDED: "ended", ERR_INVALID: "value"}.get(
-        result, "library")
+    kind = {StreamResult.ERR_TIMEOUT: "timeout", StreamResult.ERR_LOST: "lost",
+            StreamResult.ERR_ENDED: "ended", StreamResult.ERR_INVALID: "value"}.get(result, "library")
     return Failure(kind, f"{what}: {lib.orb_stream_result_text(result).decode()}")
 
 
@@ -68,7 +64,9 @@ def _sensor_ids(lib, total):
         library.free(entries)
 
 
-class Worker:
+class RequestServer:
+    """Serves the supervisor's requests on the socket `sock`."""
+
     def __init__(self, sock):
         self._sock = sock
         self._send_lock = threading.Lock()
@@ -119,7 +117,7 @@ class Worker:
             raise _stream_failure(self._lib, r, f"sensor {index}")
 
     def op_settings(self, index, timeout_ms):
-        raw = np.zeros(1, wire_format.SETTINGS_DTYPE)
+        raw = np.zeros(1, SETTINGS_DTYPE)
         r = self._lib.orb_stream_get_settings(index, raw.ctypes.data, timeout_ms)
         if r != OK:
             raise _stream_failure(self._lib, r, "reading the settings")
@@ -163,7 +161,7 @@ class Worker:
             raise Failure("library", f"the auto-exposure search failed ({found})")
         # The search leaves the register set but not the library's record of
         # it; setting it again brings both in line.
-        return self.op_set_shutter(index, min(max(found, SHUTTER_RANGE[0]), SHUTTER_RANGE[1]), timeout_ms)
+        return self.op_set_shutter(index, min(max(found, SHUTTER_SPEED_LIMITS[0]), SHUTTER_SPEED_LIMITS[1]), timeout_ms)
 
     def op_stream_start(self, index, stream_id, ring_frames, timeout_ms):
         r = self._lib.orb_stream_start(index, ring_frames, timeout_ms)
@@ -183,12 +181,12 @@ class Worker:
         stop.set()
         pump.join()
         r = self._lib.orb_stream_stop(index, timeout_ms)
-        if r not in (OK, ERR_NOT_STREAMING, ERR_LOST, ERR_ENDED):
+        if r not in (OK, StreamResult.ERR_NOT_STREAMING, StreamResult.ERR_LOST, StreamResult.ERR_ENDED):
             raise _stream_failure(self._lib, r, "stopping the stream")
         return True
 
     def op_stats(self, index):
-        raw = np.zeros(1, wire_format.STATS_DTYPE)
+        raw = np.zeros(1, STATS_DTYPE)
         self._lib.orb_stream_get_stats(index, raw.ctypes.data)
         return {name: int(raw[name][0]) for name in raw.dtype.names}
 
@@ -197,9 +195,12 @@ class Worker:
         when the socket is slow, the ring fills and the library counts the
         frames it drops."""
         lib = self._lib
-        size = wire_format.FRAME_DTYPE.itemsize
+        size = FRAME_DTYPE.itemsize
         block = bytearray(size * BATCH_FRAMES)
         base = ctypes.addressof((ctypes.c_char * len(block)).from_buffer(block))
+        # The batch goes out from the block itself: the send returns before
+        # the next batch is read into it.
+        view = memoryview(block)
         failure = None
         while not stop.is_set():
             count = 0
@@ -213,14 +214,14 @@ class Worker:
                 if count == BATCH_FRAMES or left_ms <= 0:
                     break
                 r = lib.orb_stream_read(index, base + count * size, left_ms)
-            if r == ERR_TIMEOUT and count:
+            if r == StreamResult.ERR_TIMEOUT and count:
                 r = OK
             if count:
                 try:
-                    self.send(("frames", index, stream_id, pickle.PickleBuffer(block[:count * size])))
+                    self.send(("frames", index, stream_id, pickle.PickleBuffer(view[:count * size])))
                 except OSError:
                     return
-            if r not in (OK, ERR_TIMEOUT):
+            if r not in (OK, StreamResult.ERR_TIMEOUT):
                 failure = _stream_failure(lib, r, "streaming")
                 break
         try:
@@ -271,7 +272,7 @@ def main():
     # not when a pipe's buffer fills.
     libc = ctypes.CDLL(None)
     libc.setvbuf(ctypes.c_void_p.in_dll(libc, "stdout"), None, 1, 0)  # _IOLBF
-    Worker(sock).serve()
+    RequestServer(sock).serve()
     # Sensors stay claimed until the process ends; the supervisor ends it.
     os._exit(0)
 

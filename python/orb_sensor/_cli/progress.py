@@ -46,30 +46,32 @@ class Progress:
 
 class StatusLine:
     """One line on stderr, when it is a terminal, redrawn a few times a
-    second while frames come: frames/s, frames lost, saturated filters."""
+    second while frames come: frames/s, frames lost (the stream's own
+    totals), saturated filters."""
 
     REDRAW_S = 0.25
 
     def __init__(self, stream=None):
         self._stream = stream or sys.stderr
         self._enabled = self._stream.isatty()
-        self._frames = self._lost = 0
+        self._shown = False
         self._since = self._drawn = time.monotonic()
         self._counted = 0
 
-    def update(self, frame):
-        self._frames += 1
-        self._lost += frame.lost
+    def update(self, frames, frame):
+        """`frame` just came from the Stream `frames`."""
         now = time.monotonic()
         if not self._enabled or now - self._drawn < self.REDRAW_S:
             return
-        rate = (self._frames - self._counted) / (now - self._since)
-        self._since, self._counted, self._drawn = now, self._frames, now
-        self._stream.write(f"\r\033[K{self._frames} frames, {rate:.0f}/s, {self._lost} lost, "
+        delivered = frames.delivered
+        rate = (delivered - self._counted) / (now - self._since)
+        self._since, self._counted, self._drawn = now, delivered, now
+        self._stream.write(f"\r\033[K{delivered} frames, {rate:.0f}/s, {frames.lost} lost, "
                            f"{len(frame.saturated)} saturated")
         self._stream.flush()
+        self._shown = True
 
     def done(self):
-        if self._enabled and self._frames:
+        if self._enabled and self._shown:
             self._stream.write("\r\033[K")
             self._stream.flush()

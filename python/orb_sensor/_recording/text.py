@@ -11,8 +11,8 @@ import sys
 
 import numpy as np
 
-from .frame import NUM_FILTERS
-from .recording import Writer
+from ..facts import NUM_FILTERS
+from .writer import Writer
 
 CSV_COLUMNS = ("seq", "timestamp", "shutter_speed", "exposure_ms", "adc_gain", "adc_range",
                "averages", "lost", "n_saturated") + tuple(f"f{n}" for n in range(1, NUM_FILTERS + 1))

@@ -2,7 +2,7 @@
 
 The library can be connected once per process, keeps one current sensor,
 and some of its calls wait for ever; so it lives in a worker
-(orb_sensor.worker) and this process never loads it. Every request has a
+(orb_sensor._process.worker) and this process never loads it. Every request has a
 deadline. A worker that misses one, or dies, is ended; the next request
 brings a new one up, which connects the sensors afresh and finds each
 again by its ID. The worker's standard output, where the library prints,
@@ -22,8 +22,9 @@ import time
 
 import numpy as np
 
+from ..errors import OrbError, OrbValueError, SensorLostError, SensorTimeoutError
 from . import usb_nodes, wire_format
-from .errors import OrbError, OrbValueError, SensorLostError, SensorTimeoutError
+from .stream_abi import FRAME_DTYPE
 
 LIBRARY_LOG = logging.getLogger("orb_sensor.library")
 WORKER_LOG = logging.getLogger("orb_sensor.worker")
@@ -40,7 +41,8 @@ PRESENCE_POLL_S = 0.25
 # For the settings put back after reconnecting.
 CONTROL_TIMEOUT_S = 5.0
 # Frames a stream keeps for a consumer that falls behind before it drops
-# (and counts) the newest: 14 s at the sensor's fastest pace.
+# the newest (the gap in their numbers counts them lost): 14 s at the
+# sensor's fastest pace.
 STREAM_BACKLOG_FRAMES = 8192
 
 
@@ -73,13 +75,11 @@ class StreamChannel:
         self._items = queue.SimpleQueue()
         self._lock = threading.Lock()
         self._queued = 0
-        self.dropped = 0
 
     def feed(self, block):
-        count = len(block) // wire_format.FRAME_DTYPE.itemsize
+        count = len(block) // FRAME_DTYPE.itemsize
         with self._lock:
             if self._queued + count > STREAM_BACKLOG_FRAMES:
-                self.dropped += count
                 return
             self._queued += count
         self._items.put(("frames", block))
@@ -92,25 +92,26 @@ class StreamChannel:
         after `timeout` seconds."""
         kind, payload = self._items.get(timeout=timeout)
         if kind == "frames":
-            records = np.frombuffer(payload, wire_format.FRAME_DTYPE)
+            records = np.frombuffer(payload, FRAME_DTYPE)
             with self._lock:
                 self._queued -= len(records)
             return kind, records
         return kind, payload
 
 
-class Worker:
-    """One worker process and the threads that read what it sends."""
+class WorkerProcess:
+    """One worker process (orb_sensor._process.worker, whose RequestServer
+    answers) and the threads that read what it sends."""
 
     def __init__(self):
         parent, child = socket.socketpair()
-        package_root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+        package_root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
         env = dict(os.environ)
         env["PYTHONPATH"] = os.pathsep.join(filter(None, [package_root, env.get("PYTHONPATH")]))
         # Its own session: the terminal's Ctrl-C reaches this process, which
         # decides what becomes of the worker.
         self.process = subprocess.Popen(
-            [sys.executable, "-m", "orb_sensor.worker", str(child.fileno())],
+            [sys.executable, "-m", "orb_sensor._process.worker", str(child.fileno())],
             pass_fds=(child.fileno(),), env=env, stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, start_new_session=True)
         child.close()
@@ -259,7 +260,7 @@ class Supervisor:
     # The worker's life.
 
     def _start(self):
-        self._worker = Worker()
+        self._worker = WorkerProcess()
         self.generation += 1
         self._nodes_at_connect = usb_nodes.sensor_addresses()
         timeout = min(CONNECT_BASE_S + CONNECT_PER_SENSOR_S * len(self._nodes_at_connect), CONNECT_MAX_S)

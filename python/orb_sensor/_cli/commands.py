@@ -4,16 +4,15 @@ exceptions into exit statuses."""
 import csv
 import datetime
 import json
-import os
-import socket
 import sys
 import time
 
-from . import __version__, recording, supervisor, usb_nodes
-from .errors import NoSensorError, OrbValueError
-from .led import CHANNEL_LABELS, LedModule
+from .. import _recording as recording
+from .._process import usb_nodes
+from ..errors import NoSensorError, OrbValueError
+from ..led import CHANNEL_LABELS, LedModule
+from ..sensor import Sensor
 from .progress import StatusLine
-from .sensor import Sensor
 
 NO_DEVICE_HELP = (
     "Check that it is plugged in and that you may open its USB device node;\n"
@@ -34,24 +33,6 @@ def _open_sensor(which, timeout):
     if isinstance(which, int):
         return Sensor(index=which, **kwargs)
     return Sensor(id=which, **kwargs)
-
-
-def _library_version():
-    name = os.path.basename(supervisor.shared().library_path)
-    head, _, version = name.partition(".so.")
-    return version or "unknown"
-
-
-def run_metadata(sensor, averages):
-    """Facts of a run, written beside its frames."""
-    settings = sensor.settings()
-    return {"sensor_id": sensor.id, "sensor_index": sensor.index,
-            "library_version": _library_version(), "package_version": __version__,
-            "start_time": datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="milliseconds"),
-            "host": socket.gethostname(), "averages": averages,
-            "shutter_speed": settings["shutter_speed"], "exposure_ms": sensor.exposure_ms,
-            "adc_gain": settings["adc_gain"], "adc_range": settings["adc_range"],
-            "dark_correction": sensor.dark_correction}
 
 
 def check_output(path):
@@ -129,7 +110,7 @@ def acquire(args, progress):
             "auto_exposure": args.auto_exposure,
             "auto_exposure_target": args.target,
             "saturated_filters": [int(f) for f in frame.saturated],
-            "library_version": _library_version(),
+            "library_version": recording.library_version(),
             "time": datetime.datetime.fromtimestamp(frame.timestamp, datetime.timezone.utc).isoformat(),
         }
     progress.step("writing")
@@ -148,10 +129,11 @@ def _frames_to(writer, sensor, args, status):
     """Writes frames until the limit, the end of the sensor, or Ctrl-C
     (which ends a stream or a recording as a stop button does)."""
     try:
-        for frame in sensor.stream(averages=args.averages, frames=args.frames, seconds=args.seconds,
-                                   timeout=args.timeout):
-            writer.write(frame)
-            status.update(frame)
+        with sensor.stream(averages=args.averages, frames=args.frames, seconds=args.seconds,
+                           timeout=args.timeout) as frames:
+            for frame in frames:
+                writer.write(frame)
+                status.update(frames, frame)
     except KeyboardInterrupt:
         return True
     finally:
@@ -163,7 +145,7 @@ def stream(args, progress):
     check_output(args.output)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
-        meta = run_metadata(sensor, args.averages)
+        meta = recording.run_metadata(sensor, args.averages)
         progress.done()
         target = sys.stdout if args.output == "-" else args.output
         with recording.open_writer(args.form or "csv", target, meta) as writer:
@@ -177,7 +159,7 @@ def record(args, progress):
     check_output(args.output)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
-        meta = run_metadata(sensor, args.averages)
+        meta = recording.run_metadata(sensor, args.averages)
         progress.done()
         writer = recording.open_writer("hdf5", args.output, meta)
         started = time.monotonic()

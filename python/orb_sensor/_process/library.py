@@ -40,7 +40,7 @@ _PROTOTYPES = {
 _c_void_p = ctypes.c_void_p
 
 # The streaming and bounded calls (orb_stream.h). Frames and settings are
-# passed as raw buffers: orb_sensor.wire_format knows their layout.
+# passed as raw buffers: stream_abi knows their layout.
 _STREAM_PROTOTYPES = {
     "orb_stream_start": (ctypes.c_int, [ctypes.c_int, ctypes.c_int, ctypes.c_int]),
     "orb_stream_read": (ctypes.c_int, [ctypes.c_int, _c_void_p, ctypes.c_int]),
@@ -74,10 +74,10 @@ def candidates():
     env = os.environ.get(LIBRARY_ENV)
     if env:
         return [env]
-    # An installed package sits in <prefix>/lib/python3/dist-packages/orb_sensor,
-    # the library in <prefix>/lib.
+    # An installed package sits in <prefix>/lib/python3/dist-packages/orb_sensor
+    # (this module in its _process), the library in <prefix>/lib.
     here = os.path.dirname(os.path.abspath(__file__))
-    beside_prefix = os.path.normpath(os.path.join(here, "..", "..", "..", SONAME))
+    beside_prefix = os.path.normpath(os.path.join(here, "..", "..", "..", "..", SONAME))
     found = ctypes.util.find_library("orb_device")
     return [p for p in (beside_prefix, found, SONAME) if p]
 

@@ -10,13 +10,14 @@ import os
 import pwd
 import subprocess
 
-from . import library, usb_nodes
+from .._process import library, usb_nodes
 
 OK, FIX = "OK  ", "FIX "
 RULES_NAME = "60-orb-sensor.rules"
 RULES_DIRS = ("/etc/udev/rules.d", "/lib/udev/rules.d", "/usr/lib/udev/rules.d",
               "/usr/local/lib/udev/rules.d")
-PACKAGE_DIR = os.path.dirname(os.path.abspath(__file__))
+# The package orb_sensor, of which this is _cli.
+PACKAGE_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 
 def _loader_search(name):
