@@ -62,6 +62,9 @@ CctDuv PlanckianLocus::cct(Uv p) const {
     const double t0 = t_[m - 1], t1 = t_[m], t2 = t_[m + 1];
 
     // Triangular: the foot of the perpendicular on the chord from m-1 to m+1.
+    // Ohno interpolates T linearly along the chord; on this geometric table
+    // ln T is the linear one, which halves the error on the locus (measured
+    // by the Planckian radiators of tests/test_colour.cpp).
     const double l = std::hypot(u_[m + 1] - u_[m - 1], v_[m + 1] - v_[m - 1]);
     const double x = (d0 * d0 - d2 * d2 + l * l) / (2.0 * l);
     const double v_foot = v_[m - 1] + (v_[m + 1] - v_[m - 1]) * x / l;
