@@ -111,10 +111,11 @@ TEST_F(ColourTest, PlanckianRadiatorsGiveTheirTemperatureAndDuvAcrossTheRange) {
     std::printf("CCT, 1000 to 100000 K: on the locus max |dT|/T %.2e, max |Duv| %.1e; "
                 "off it (|Duv| <= 0.05) max |dT|/T %.2e, max |dDuv| %.1e\n",
                 worst_on, worst_duv_on, worst_off, worst_duv_off);
-    EXPECT_LT(worst_on, 1e-4);
+    // Measured: 6.0e-5, 4.6e-6, 1.4e-4, 1.3e-5 (docs/colour.md).
+    EXPECT_LT(worst_on, 8e-5);
     EXPECT_LT(worst_duv_on, 1e-5);
-    EXPECT_LT(worst_off, 1e-3);
-    EXPECT_LT(worst_duv_off, 1e-4);
+    EXPECT_LT(worst_off, 2e-4);
+    EXPECT_LT(worst_duv_off, 2e-5);
 }
 
 TEST_F(ColourTest, ChromaticitiesOutsideThePlanckianRangeHaveNoCctAndNoRa) {
