@@ -9,6 +9,8 @@ void register_auto_exposure_benchmarks();
 void register_stream_benchmarks();
 // duConnect, duSetShutterSpeed and duGetFilterData.
 void register_entry_point_benchmarks();
+// The colorimetry of one spectrum (orb_colour.h); no sensor involved.
+void register_colour_benchmarks();
 
 // The process the duConnect benchmark starts for each connect: it connects
 // one emulated sensor and prints what that cost. Returns the exit status.

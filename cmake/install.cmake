@@ -1,8 +1,9 @@
 # Installed tree: headers under include/orb_device, libraries under lib/,
-# a pkg-config file and a CMake package (target orb_device::orb_device).
+# pkg-config files and a CMake package (targets orb_device::orb_device and
+# orb_device::orb_spectrum, the colorimetry, which needs no USB).
 include(CMakePackageConfigHelpers)
 
-install(TARGETS VarnelBase orb_device EXPORT orb_deviceTargets
+install(TARGETS VarnelBase orb_device orb_spectrum EXPORT orb_deviceTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orb_device)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/
@@ -23,6 +24,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orb_deviceConfig.cmake
 
 configure_file(${CMAKE_CURRENT_LIST_DIR}/orb_device.pc.in ${CMAKE_CURRENT_BINARY_DIR}/orb_device.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orb_device.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/orb_spectrum.pc.in ${CMAKE_CURRENT_BINARY_DIR}/orb_spectrum.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orb_spectrum.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # Seat access to the sensors' device nodes; applied by udevadm (see README).
 install(FILES ${PROJECT_SOURCE_DIR}/udev/60-orb-sensor.rules DESTINATION lib/udev/rules.d)

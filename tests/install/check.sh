@@ -15,6 +15,7 @@ prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
 test -f "$prefix/include/orb_device/orb_error_codes.h"
 test -f "$prefix/include/orb_device/orb_stream.h"
+test -f "$prefix/include/orb_device/orb_colour.h"
 test -f "$prefix/include/orb_device/utils/orb_utils_interface.h"
 libdir=$(dirname "$(find "$prefix" -name liborb_device.so | head -n1)")
 export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir
@@ -22,9 +23,13 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir
 # The C headers a host sees compile as C99.
 printf '#include <lusb.h>\n#include <orb_device_api.h>\n#include <orb_error_codes.h>\n#include <orb_stream.h>\nint main(void) { return 0; }\n' |
   cc -std=c99 -Wall -Wextra -Werror -x c - -o "$work/headers" $(pkg-config --cflags --libs orb_device)
+printf '#include <orb_colour.h>\nint main(void) { return orb_colour_compute(0, 0, 0, 0, 0) == ORB_COLOUR_ERR_NULL ? 0 : 1; }\n' |
+  cc -std=c99 -Wall -Wextra -Werror -x c - -o "$work/colour_header" $(pkg-config --cflags --libs orb_spectrum)
+"$work/colour_header"
 
-cp -r "$examples/c_host" "$examples/c_stream_host" "$examples/cpp_host" "$work/"
+cp -r "$examples/c_host" "$examples/c_stream_host" "$examples/cpp_host" "$examples/colour_host" "$work/"
 make -s -C "$work/c_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
+make -s -C "$work/colour_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
 make -s -C "$work/c_stream_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
 cmake -S "$work/cpp_host" -B "$work/cpp_host/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cpp_host/build" >/dev/null
@@ -38,6 +43,14 @@ grep -qxF 'sensor 0 C1234-7-20-33-1: shutter speed 200 (18 ms), 10 frames averag
 
 out=$("$emulate" --sensors 1 --timing fast --frame-period-us 2000 -- "$work/c_stream_host/orb_c_stream_host" 0.5)
 grep -q '^frames: [0-9]*, rate: .* frames/s, lost: 0$' <<<"$out" || { echo "C stream host: $out"; exit 1; }
+
+# The colour host needs no sensor: CIE illuminant A (a Planckian radiator at
+# 2856 K) from colord-data, as a CSV file with a header and a comment.
+{ echo '# CIE illuminant A'; echo 'wavelength_nm,value'
+  sed -n '/^BEGIN_DATA$/,/^END_DATA$/p' /usr/share/colord/illuminant/CIE-A.sp | sed '1d;$d' |
+    tr -s ' \t' '\n\n' | awk 'NF { printf "%d,%s\n", 300 + n++, $1 }'; } >"$work/a.csv"
+out=$("$work/colour_host/orb_colour_host" "$work/a.csv")
+grep -qxF 'CCT 2856 K' <<<"$out" && grep -qxF 'x 0.44757' <<<"$out" || { echo "colour host: $out"; exit 1; }
 
 # The installed launcher and tool work without the source tree: the tool
 # finds the launcher beside itself, the launcher its access library in lib/.
@@ -67,4 +80,9 @@ done
 # Nothing of the internals leaks out.
 if grep -q 'walk_sensor_devices\|open_usb_device' <<<"$syms"; then echo "internal symbol exported"; exit 1; fi
 nm -D --defined-only "$libdir/libVarnelBase.so" | grep -q orb_base_exception
+colour_syms=$(nm -D --defined-only "$libdir/liborb_spectrum.so" | awk '{print $3}')
+for plain in orb_colour_create orb_colour_destroy orb_colour_compute orb_colour_cct orb_colour_result_text; do
+  grep -qx "$plain" <<<"$colour_syms" || { echo "missing C symbol $plain"; exit 1; }
+done
+if grep -q orbspectrum <<<"$colour_syms"; then echo "internal colour symbol exported"; exit 1; fi
 echo "installed tree OK"
