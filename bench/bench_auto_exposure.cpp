@@ -13,14 +13,13 @@
 
 #include "benchmarks.h"
 #include "orb_device_api.h"
+#include "orb_stm_commands.h"
 #include "pause_clock.h"
 #include "rig.h"
 
 namespace {
 
 constexpr double kDark = 64;
-constexpr int kStartStreaming = 70;
-constexpr int kClassOut = 0x21;
 
 // A lamp seen through the filters: counts per shutter step peak at `peak`
 // in the middle of the array and fall to a quarter of it at the edges.
@@ -36,7 +35,7 @@ std::array<double, orbsim::kFilters> scene(double peak) {
 int acquisitions(const orbsim::Sensor& sensor) {
     const auto requests = sensor.requests();
     return static_cast<int>(std::count_if(requests.begin(), requests.end(), [](const orbsim::ControlRequest& r) {
-        return r.bmRequestType == kClassOut && r.bRequest == kStartStreaming;
+        return r.bmRequestType == kRequestTypeOut && r.bRequest == kCmdStreamStart;
     }));
 }
 

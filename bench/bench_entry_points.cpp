@@ -19,6 +19,7 @@
 
 #include "benchmarks.h"
 #include "orb_device_api.h"
+#include "orb_stm_commands.h"
 #include "pause_clock.h"
 #include "rig.h"
 #include "usb_hooks.h"
@@ -32,8 +33,6 @@ using Clock = Rig::Clock;
 // The emulated sensor's frame period: well above what the emulated USB
 // needs per frame (under a millisecond), so that the sensor sets the pace.
 constexpr std::chrono::microseconds kFramePeriod{5000};
-// A single shot throws away the first two frames of its stream.
-constexpr int kSingleShotSkip = 2;
 constexpr int kShutterSpeed = 100;
 constexpr char kFirstConnectLine[] = "orb_bench first connect:";
 

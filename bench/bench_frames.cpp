@@ -12,6 +12,8 @@
 
 #include "benchmarks.h"
 #include "orb_device_interface_stm.h"
+#include "orb_frame_samples.h"
+#include "orb_stm_commands.h"
 #include "pause_clock.h"
 #include "rig.h"
 #include "usb_hooks.h"
@@ -20,9 +22,7 @@ namespace {
 
 using Clock = Rig::Clock;
 
-constexpr int kFrameBytes = 2048;
-constexpr int kCollectOnly = 2;
-constexpr int kContinuous = 1;
+using orbframe::kFrameBytes;
 
 double seconds_since(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }
 
@@ -45,10 +45,10 @@ double memcpy_ns(int64_t copies) {
 void BM_FrameCallback(benchmark::State& state) {
     std::vector<unsigned char> wire(kFrameBytes, 0x5A);
     libusb_transfer* transfer = libusb_alloc_transfer(0);
-    libusb_fill_bulk_transfer(transfer, nullptr, 0x81, wire.data(), kFrameBytes, cb_bulkdata, nullptr, 0);
+    libusb_fill_bulk_transfer(transfer, nullptr, kFrameEndpoint, wire.data(), kFrameBytes, cb_bulkdata, nullptr, 0);
     transfer->status = LIBUSB_TRANSFER_COMPLETED;
     transfer->actual_length = kFrameBytes;
-    iCurrAcqMode = kCollectOnly;
+    iCurrAcqMode = kModeCollect;
     usbhooks::swallow_submissions(true);
     auto t0 = Clock::now();
     for (auto _ : state) {
@@ -89,10 +89,10 @@ void BM_ContinuousAcquisition(benchmark::State& state) {
         return;
     }
     const int n = static_cast<int>(state.range(0));
-    std::vector<double> out(1024);
+    std::vector<double> out(orbframe::kSamples);
     rig().stream(numbered, std::chrono::microseconds(0));
     rig().forget_frames();
-    get_filter_data_from_sensor(out.data(), 1, 0, kContinuous, 0);  // streaming on
+    get_filter_data_from_sensor(out.data(), 1, 0, kModeContinuous, 0);  // streaming on
 
     uint64_t delivered = 0, sent = 0;
     double wall = 0, caller = 0, loop = 0, process = 0;
@@ -100,7 +100,7 @@ void BM_ContinuousAcquisition(benchmark::State& state) {
         const uint32_t before = rig().last_sent();
         const double caller0 = rig().caller_cpu(), loop0 = rig().loop_cpu(), process0 = rig().process_cpu();
         auto t0 = Clock::now();
-        get_filter_data_from_sensor(out.data(), n, 0, kContinuous, 0);
+        get_filter_data_from_sensor(out.data(), n, 0, kModeContinuous, 0);
         wall += seconds_since(t0);
         caller += rig().caller_cpu() - caller0;
         loop += rig().loop_cpu() - loop0;
@@ -112,7 +112,7 @@ void BM_ContinuousAcquisition(benchmark::State& state) {
         sent += last - before;
         delivered += n;
     }
-    get_filter_data_from_sensor(out.data(), 1, 0, kCollectOnly, 0);  // streaming off
+    get_filter_data_from_sensor(out.data(), 1, 0, kModeCollect, 0);  // streaming off
     pauses::take();
     usbhooks::take_frame_submissions();
     rig().stream(orbsim::constant_frames(2000), std::chrono::microseconds(0));

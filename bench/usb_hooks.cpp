@@ -9,9 +9,9 @@
 #include <mutex>
 #include <vector>
 
-namespace {
+#include "orb_stm_commands.h"
 
-constexpr unsigned char kFrameEndpoint = 0x81;
+namespace {
 
 std::atomic<bool> g_swallow{false};
 std::atomic<int64_t> g_control_ns{0};

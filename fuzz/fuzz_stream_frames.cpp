@@ -12,8 +12,10 @@
 #include <cstring>
 
 #include "stream_session.h"
+#include "../efm32com/orb_frame_samples.h"
 
 using namespace orbstream;
+using orbframe::kFrameBytes;
 
 namespace {
 
@@ -36,7 +38,7 @@ void check(bool ok) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Input in{data, size};
     static Session s;  // holds a mutex and a condition: made once
-    static unsigned char wire[2048];
+    static unsigned char wire[kFrameBytes];
     FrameRing ring;
     check(ring.allocate(1 + in.next() % 16));
     auto* handle = reinterpret_cast<libusb_device_handle*>(&s);
@@ -54,10 +56,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint8_t op = in.next();
         switch (op % 5) {
         case 0:
-        case 1: {  // a completion: 2048 bytes, or as many as the input says
+        case 1: {  // a completion: a whole frame, or as many bytes as the input says
             t.status = op % 7 == 6 ? LIBUSB_TRANSFER_ERROR : LIBUSB_TRANSFER_COMPLETED;
-            t.actual_length = op & 0x80 ? in.next() * 8 : 2048;
-            for (size_t i = 0; i < 2048; i += 61) wire[i] = in.next(), wire[i + 1] = in.next();
+            t.actual_length = op & 0x80 ? in.next() * 8 : kFrameBytes;
+            for (int i = 0; i < kFrameBytes; i += 61) wire[i] = in.next(), wire[i + 1] = in.next();
             take_locked(s, &t, ++now);
             break;
         }
@@ -67,8 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 next_sequence = f.sequence + 1;
                 int saturated = 0;
                 for (uint16_t v : f.values) {
-                    check(v <= 4095);
-                    saturated += v == 4095;
+                    check(v <= ORB_STREAM_SATURATED);
+                    saturated += v == ORB_STREAM_SATURATED;
                 }
                 check(saturated == f.saturated);
                 // The newest frame is still in the wire buffer: every sample

@@ -20,17 +20,16 @@
 #include "orb_base_exception.h"
 #include "orb_device_interface.h"
 #include "orb_error_codes.h"
+#include "efm32com/orb_exposure.h"
+#include "efm32com/orb_frame_samples.h"
 #include "efm32com/orb_sensor_id_text.h"
 
 namespace {
 
 constexpr int kTableSize = 100;
 constexpr int kMaxSensorCount = 10;
-constexpr int kNumFilters = 1024;
 constexpr int kSensorIdSize = 26;
 
-constexpr int kMinShutterSpeed = 1;
-constexpr int kMaxShutterSpeed = 3000;
 constexpr int kDefaultAdcRange = 132;
 constexpr int kMaxAdcRange = 255;
 
@@ -132,7 +131,7 @@ int optimal_shutter_speed(const int* valid_filters_in, int num_of_valid_filters,
     orb_device_interface* sensor = current_sensor();
     if (!sensor) return -1;
     return guarded([&] {
-        std::vector<double> background_data(kNumFilters, 0.0);
+        std::vector<double> background_data(orbframe::kSamples, 0.0);
         std::vector<int> valid_filter_list;
         // A negative count copies nothing; the search then looks at every filter.
         if (valid_filters_in)

@@ -21,6 +21,8 @@
 #include "orb_device_interface_stm.h"
 #include "orb_device_interface_stm_usb.h"
 #include "orb_error_codes.h"
+#include "efm32com/orb_exposure.h"
+#include "efm32com/orb_frame_samples.h"
 #include "efm32com/orb_sensor_id_text.h"
 
 bool g_bEnableSpatialFiltering = false;
@@ -29,11 +31,11 @@ int g_current_shutter_speed = 1;
 
 namespace {
 
-constexpr int kFilters = 1024;
-constexpr int kWireFrameBytes = 2048;
-// The ADC output one above the 12-bit maximum: a filter whose average comes
-// to exactly this at the shortest exposure is taken as broken.
-constexpr double kSaturatedValue = 4096.0;
+constexpr int kFilters = orbframe::kSamples;
+constexpr int kWireFrameBytes = orbframe::kFrameBytes;
+// The ADC output one above its maximum: a filter whose average comes to
+// exactly this at the shortest exposure is taken as broken.
+constexpr double kSaturatedValue = orbframe::kSampleMax + 1.0;
 constexpr int kAbnormalScanFrames = 20;
 constexpr int kAutoExposureFrames = 10;
 // A saturation value that leaves the auto-exposure targets as they are.
@@ -218,7 +220,7 @@ int orb_device_interface_base::get_max_shutter_speed(unsigned int) { return 0xFF
 
 FLOAT64_TYPE orb_device_interface_base::get_min_filter_out(unsigned int) { return 0.0; }
 
-FLOAT64_TYPE orb_device_interface_base::get_max_filter_out(unsigned int) { return 4095.0; }
+FLOAT64_TYPE orb_device_interface_base::get_max_filter_out(unsigned int) { return orbframe::kSampleMax; }
 
 int orb_device_interface_base::get_num_filters(unsigned int) { return kFilters; }
 
@@ -350,7 +352,7 @@ int orb_device_interface_base::shutter_to_exposure_time_ms(int MCLK, int shutter
     if (exposure_time_val == nullptr) throw orb_base_exception(vn_ec_ill_defined_output);
     int32_t ticks = master_clock_ticks(MCLK);
     if (ticks == 0) throw orb_base_exception(vn_ec_ill_defined_input);
-    int32_t numerator = wrap32(static_cast<int64_t>(shutter) * 912 + 160);
+    int32_t numerator = exposure_ticks(shutter);
     // Whole milliseconds only: the quotient is truncated before it becomes a double.
     *exposure_time_val = wrap32(static_cast<int64_t>(numerator) / ticks);
     return 1;
@@ -359,7 +361,7 @@ int orb_device_interface_base::shutter_to_exposure_time_ms(int MCLK, int shutter
 int orb_device_interface_base::exposure_tim_ms_to_shutter(int MCLK, double exposure_time_val, int* shutter) {
     if (shutter == nullptr) throw orb_base_exception(vn_ec_ill_defined_output);
     double ticks = master_clock_ticks(MCLK);
-    double steps = std::trunc((ticks * exposure_time_val - 160.0 - 384.0) / 528.0);
+    double steps = std::trunc((ticks * exposure_time_val - kExposureBaseTicks - 384.0) / 528.0);
     // NaN fails both comparisons.
     if (!(steps >= INT32_MIN && steps <= INT32_MAX)) throw orb_base_exception(vn_ec_ill_defined_input);
     *shutter = static_cast<int>(steps);

@@ -198,6 +198,56 @@ TEST(Stream, ASettingThatDoesNotReadBackIsReportedAndArgumentsAreChecked) {
     EXPECT_EQ(orb_stream_stop(0, 1000), ORB_STREAM_OK);
 }
 
+// With no sensor connected, a call whose arguments pass its checks goes on
+// to find no sensor (or no stream), and one just outside them is refused:
+// each range is pinned at both ends. The shutter speed's upper end is the
+// largest whose blank time (32 more) still fits the 16-bit registers.
+TEST(StreamEntryPoints, RefuseArgumentsJustOutsideTheirRangesAndPassTheirEdges) {
+    constexpr int kNone = ORB_STREAM_ERR_NOT_CONNECTED, kBad = ORB_STREAM_ERR_INVALID;
+    EXPECT_EQ(orb_stream_set_shutter_speed(0, 1, 0), kNone);
+    EXPECT_EQ(orb_stream_set_shutter_speed(0, 65503, 0), kNone);
+    EXPECT_EQ(orb_stream_set_shutter_speed(0, 65504, 0), kBad);
+    EXPECT_EQ(orb_stream_set_shutter_speed(0, 100, -1), kBad);
+    EXPECT_EQ(orb_stream_set_blank_time(0, 0, 0), kNone);
+    EXPECT_EQ(orb_stream_set_blank_time(0, 65535, 0), kNone);
+    EXPECT_EQ(orb_stream_set_blank_time(0, 65536, 0), kBad);
+    EXPECT_EQ(orb_stream_set_blank_time(0, -1, 0), kBad);
+    EXPECT_EQ(orb_stream_set_adc(0, 1, 255, 1, 0), kNone);
+    EXPECT_EQ(orb_stream_set_adc(0, 0, 256, 0, 0), kBad);
+    EXPECT_EQ(orb_stream_set_adc(0, 0, 0, 2, 0), kBad);
+    EXPECT_EQ(orb_stream_set_onboard_average(0, 255, 0), kNone);
+    EXPECT_EQ(orb_stream_set_onboard_average(0, 256, 0), kBad);
+    EXPECT_EQ(orb_stream_set_onboard_average(0, -1, 0), kBad);
+    EXPECT_EQ(orb_stream_start(15, ORB_STREAM_MAX_RING, 0), kNone);
+    EXPECT_EQ(orb_stream_start(16, 0, 0), kBad);
+    EXPECT_EQ(orb_stream_start(0, -1, 0), kBad);
+    EXPECT_EQ(orb_stream_start(0, 0, -1), kBad);
+    // Streams live at indices 0 to 15.
+    orb_stream_stats st{};
+    orb_stream_settings settings{};
+    for (int index : {0, 15}) {
+        EXPECT_EQ(orb_stream_read(index, &frame(), 0), ORB_STREAM_ERR_NOT_STREAMING);
+        EXPECT_EQ(orb_stream_stop(index, 0), ORB_STREAM_ERR_NOT_STREAMING);
+        EXPECT_EQ(orb_stream_get_stats(index, &st), ORB_STREAM_ERR_NOT_STREAMING);
+        EXPECT_EQ(orb_stream_get_settings(index, &settings, 0), kNone);
+    }
+    for (int index : {-1, 16}) {
+        EXPECT_EQ(orb_stream_read(index, &frame(), 0), kBad);
+        EXPECT_EQ(orb_stream_stop(index, 0), kBad);
+        EXPECT_EQ(orb_stream_get_stats(index, &st), kBad);
+        EXPECT_EQ(orb_stream_get_settings(index, &settings, 0), kBad);
+    }
+    EXPECT_EQ(orb_stream_read(0, &frame(), -1), kBad);
+    EXPECT_EQ(orb_stream_get_stats(0, nullptr), kBad);
+    std::vector<double> out(ORB_STREAM_FILTERS);
+    EXPECT_EQ(orb_single_shot(0, out.data(), 1, 0), kNone);
+    EXPECT_EQ(orb_single_shot(0, out.data(), 0, 0), kBad);
+    EXPECT_EQ(orb_single_shot(0, nullptr, 1, 0), kBad);
+    // Presence takes any index that is not negative.
+    EXPECT_EQ(orb_sensor_present(100), kNone);
+    EXPECT_EQ(orb_sensor_present(-1), kBad);
+}
+
 TEST(SingleShot, SendsWhatDuGetFilterDataSendsPausesAlikeAndGivesItsResult) {
     orbsim::Sensor& s = connected();
     ASSERT_EQ(duSetShutterSpeed(100), 1);

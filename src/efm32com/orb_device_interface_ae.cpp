@@ -15,6 +15,7 @@
 
 #include "orb_device_interface_device_settings.h"
 #include "orb_device_interface_stm.h"
+#include "orb_frame_samples.h"
 #include "utils/orb_utils_interface.h"
 
 orb_def_auto_exposure_parameters m_gAEParams;
@@ -24,7 +25,7 @@ double* g_ssLUT = nullptr;
 
 namespace {
 
-constexpr int kFilters = 1024;
+constexpr int kFilters = orbframe::kSamples;
 constexpr int kPrecheckShutterSpeed = 1;
 
 // A double to int as the processor truncates it: a value with no int to go

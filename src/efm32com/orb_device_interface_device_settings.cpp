@@ -10,6 +10,7 @@
 #include "orb_device_interface_stm.h"
 #include "orb_device_interface_stm_usb.h"
 #include "orb_error_codes.h"
+#include "orb_exposure.h"
 #include "orb_led_request.h"
 #include "orb_stm_commands.h"
 
@@ -18,11 +19,6 @@ const unsigned char Efm32_ADCRangeList[3] = {65, 69, 73};
 
 namespace {
 
-// The controller updates a shutter register within 5 ms, faster than the
-// other registers.
-constexpr int kShutterStepPauseMs = 5;
-// The blank time rides with every shutter speed, this far above it.
-constexpr int kBlankTimeMargin = 32;
 // The LED module takes a new operation mode within 30 ms.
 constexpr int kLedModePauseMs = 30;
 

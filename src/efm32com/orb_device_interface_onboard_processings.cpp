@@ -2,28 +2,18 @@
 
 #include "orb_device_interface_onboard_processings.h"
 
-#include <unistd.h>
-
 #include "orb_device_interface_stm.h"
 #include "orb_error_codes.h"
 #include "orb_stm_commands.h"
 
-namespace {
-
-// The controller takes its next request only this long after a
-// frame-average access.
-constexpr useconds_t kFrameAveragePauseUs = 20 * 1000;
-
-}  // namespace
-
 void set_frame_average_count_for_on_board_processing(unsigned char ucData, unsigned int iDeviceId) {
     do_control_transfer(kWrFrameAverage, ucData, iDeviceId);
-    usleep(kFrameAveragePauseUs);
+    pause_ms(kFrameAveragePauseMs);
 }
 
 unsigned char get_frame_average_count_for_on_board_processing(unsigned int iDeviceId) {
     unsigned char count = do_control_transfer(kRdFrameAverage, 0, iDeviceId);
-    usleep(kFrameAveragePauseUs);
+    pause_ms(kFrameAveragePauseMs);
     return count;
 }
 

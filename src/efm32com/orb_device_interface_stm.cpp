@@ -19,14 +19,10 @@
 
 #include "lusb.h"
 #include "orb_device_interface_stm_usb.h"
+#include "orb_exposure.h"
 #include "orb_frame_samples.h"
 #include "orb_stm_commands.h"
 #include "../stream/frame_tap.h"
-
-// Every firmware command is a class request to the interface with a data
-// stage from the device, even the writes: the controller echoes the byte it
-// stored.
-constexpr int kRequestTypeIn = 0xA1;
 
 // What initialisation puts into the registers.
 constexpr int kInitAdcRange = 132;
@@ -84,7 +80,7 @@ bool shape_of(int code, RequestShape& shape) {
     case kRdAdcGainRes:
     case kRdFrameAverage:
     case 58:
-        shape = {1, 1000, false};
+        shape = {1, kRegisterTimeoutMs, false};
         return true;
     case kCmdOperation:
     case kWrShutterLow:
@@ -99,7 +95,7 @@ bool shape_of(int code, RequestShape& shape) {
     case 80:
     case 81:
     case 255:
-        shape = {1, 1000, true};
+        shape = {1, kRegisterTimeoutMs, true};
         return true;
     default:
         return false;
@@ -205,26 +201,12 @@ int get_current_shutter_speed() { return 1; }
 
 // ---- Frames -------------------------------------------------------------
 
-constexpr int kFrameBytes = 2048;
-constexpr int kFrameValues = 1024;
-constexpr unsigned char kFrameEndpoint = 0x81;
-
-// Streaming requests carry no data stage: class request, host to interface 1.
-constexpr int kRequestTypeOut = 0x21;
-constexpr int kStreamInterface = 1;
-constexpr int kStreamTimeoutMs = 2000;
-constexpr int kCmdStreamStart = 70;
-constexpr int kCmdStreamStop = 71;
-constexpr int kStreamGapMs = 20;
+using orbframe::kFrameBytes;
+using orbframe::kSamples;
 
 // Every request of the request-per-frame path carries this value.
 constexpr int kControlFrameValue = 0x84;
 constexpr int kControlFrameTimeoutMs = 2000;
-
-constexpr int kModeContinuous = 1;
-constexpr int kModeCollect = 2;
-constexpr int kModeSingleShot = 3;
-constexpr int kSingleShotSkip = 2;
 
 constexpr int kFmaRows = 100;
 
@@ -252,10 +234,6 @@ int g_FMA_FrameCount = 0;
 bool g_FMA_Buffered = false;
 
 namespace {
-
-// Sample i is the upper 12 bits of the big-endian word at byte 2i; the low
-// nibble carries no signal.
-inline int sample(const unsigned char* frame, int i) { return (frame[2 * i] << 4) | (frame[2 * i + 1] >> 4); }
 
 // The callback's hot loop, eight samples at a time.
 void unpack_frame(const unsigned char* wire, int* values) { orbframe::unpack_to_int(wire, values); }
@@ -300,9 +278,8 @@ int submit_frame_transfer(libusb_device_handle* handle, libusb_transfer* transfe
 }  // namespace
 
 int get_sleep_time_for_shutter_speed(int iShutterSpeed) {
-    // The exposure clock in 32-bit arithmetic; a wrapped product of an absurd
-    // shutter speed falls back to g_iSleepTime.
-    int32_t exposure = static_cast<int32_t>(static_cast<uint32_t>(iShutterSpeed) * 912u + 160u);
+    // A wrapped exposure of an absurd shutter speed falls back to g_iSleepTime.
+    int32_t exposure = exposure_ticks(iShutterSpeed);
     int frame_ms = static_cast<int>(ceil(exposure / 5000.0 * 3.0));
     return std::max(g_iSleepTime, frame_ms);
 }
@@ -359,9 +336,9 @@ void LIBUSB_CALL cb_bulkdata(libusb_transfer* transfer) {
         // A short frame must not show the previous frame's tail: the buffer
         // goes back zeroed, cleared as it is unpacked when the frame is kept.
         if (g_count >= skip && static_cast<int>(frameDataQueue.size()) < wanted) {
-            int values[kFrameValues];
+            int values[kSamples];
             orbframe::unpack_to_int_clearing(transfer->buffer, values);
-            frameDataQueue.emplace_back(values, values + kFrameValues);
+            frameDataQueue.emplace_back(values, values + kSamples);
         } else {
             memset(transfer->buffer, 0, kFrameBytes);
         }
@@ -418,7 +395,7 @@ double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAver
     bool stop_after = mode == kModeCollect || mode == kModeSingleShot;
     bool stop_now = false;
 
-    double sum[kFrameValues] = {};
+    double sum[kSamples] = {};
     int divisor = wanted;
     pthread_mutex_lock(&exit_cond_lock);
     try {
@@ -444,22 +421,22 @@ double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAver
 
         if (!g_enable_FMA) {
             for (int k = 0; k < wanted; k++)
-                for (int j = 0; j < kFrameValues; j++) sum[j] += frameDataQueue[k].at(j);
+                for (int j = 0; j < kSamples; j++) sum[j] += frameDataQueue[k].at(j);
             iCurrAvgNum = 0;
         } else {
             int rows = std::min(wanted, kFmaRows);
             if (!g_FMA_Buffered) {
                 for (int r = 0; r < rows; r++)
-                    for (int j = 0; j < kFrameValues; j++) g_FMA_Buffer[r][j] = frameDataQueue[r].at(j);
+                    for (int j = 0; j < kSamples; j++) g_FMA_Buffer[r][j] = frameDataQueue[r].at(j);
                 g_FMA_Buffered = true;
                 iCurrAvgNum = 1;
             } else {
-                for (int j = 0; j < kFrameValues; j++) g_FMA_Buffer[g_FMA_FrameCount][j] = frameDataQueue[0].at(j);
+                for (int j = 0; j < kSamples; j++) g_FMA_Buffer[g_FMA_FrameCount][j] = frameDataQueue[0].at(j);
                 g_FMA_FrameCount++;
             }
             if (g_FMA_FrameCount >= rows) g_FMA_FrameCount = 0;
             for (int r = 0; r < rows; r++)
-                for (int j = 0; j < kFrameValues; j++) sum[j] += static_cast<int>(g_FMA_Buffer[r][j]);
+                for (int j = 0; j < kSamples; j++) sum[j] += static_cast<int>(g_FMA_Buffer[r][j]);
             divisor = rows;
         }
         frameDataQueue.clear();
@@ -478,7 +455,7 @@ double get_filter_data_from_sensor(double* fpFilterValueAveraged, int iNumOfAver
     if (stop_now) stop_streaming(iDeviceId);
 
     if (fpFilterValueAveraged != nullptr)
-        for (int j = 0; j < kFrameValues; j++) fpFilterValueAveraged[j] = sum[j] / divisor;
+        for (int j = 0; j < kSamples; j++) fpFilterValueAveraged[j] = sum[j] / divisor;
     return 0.0;
 }
 
@@ -493,12 +470,12 @@ int acquire_frame_data_control(int iCommand, unsigned int iDeviceId) {
             printf("Received data Count = %d\n", count);
             printf("===>>>> curent count : %d\n", count);
         }
-        int values[kFrameValues];
+        int values[kSamples];
         unpack_frame(frame, values);
         // The event loop may be servicing the bulk endpoint at the same time.
         pthread_mutex_lock(&exit_cond_lock);
         if (static_cast<int>(frameDataQueue.size()) < iCurrAvgNum)
-            frameDataQueue.emplace_back(values, values + kFrameValues);
+            frameDataQueue.emplace_back(values, values + kSamples);
         pthread_mutex_unlock(&exit_cond_lock);
     }
     return 1;
@@ -510,7 +487,7 @@ void convert_2048C_to_1024F(unsigned char* inputC, double* outputF) {
     unsigned char frame[kFrameBytes];
     memcpy(frame, inputC, kFrameBytes);
     memset(inputC, 0, kFrameBytes);
-    for (int i = 0; i < kFrameValues; i++) outputF[i] = sample(frame, i);
+    for (int i = 0; i < kSamples; i++) outputF[i] = orbframe::sample_at(frame, i);
 }
 
 double acquire_frame_data(double*, int, unsigned int) { return 0.0; }

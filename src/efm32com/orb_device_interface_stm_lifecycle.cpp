@@ -12,6 +12,7 @@
 #include "orb_device_interface_stm.h"
 #include "orb_device_interface_stm_usb.h"
 #include "orb_error_codes.h"
+#include "orb_frame_samples.h"
 #include "orb_stm_commands.h"
 
 namespace {
@@ -19,8 +20,6 @@ namespace {
 constexpr int kBringUpAdcRange = 132;
 constexpr int kBringUpAdcGain = 1;
 constexpr int kBringUpAdcRes = 0;
-constexpr int kFrameTransferBytes = 2048;
-constexpr int kCmdStreamStop = 71;
 constexpr int kCloseStopGapMs = 20;
 constexpr int kCloseSettleMs = 10;
 
@@ -66,7 +65,7 @@ int initialize_device_interface(unsigned int index) {
     // Only sensors brought up after index 0 started the event loop get a
     // frame transfer; each gets one for the life of the process.
     if (connected && !allocTransferBulkMap.empty() && !allocTransferBulkMap[index]) {
-        alloc_transfer_bulk_l(0, kFrameTransferBytes, nullptr, index);
+        alloc_transfer_bulk_l(0, orbframe::kFrameBytes, nullptr, index);
         allocTransferBulkMap[index] = true;
     }
 

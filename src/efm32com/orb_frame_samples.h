@@ -1,10 +1,11 @@
 #ifndef ORB_FRAME_SAMPLES_H
 #define ORB_FRAME_SAMPLES_H
 
-// Unpacking a 2048-byte wire frame: sample i is the upper 12 bits of the
-// big-endian word at byte 2i, the low nibble carries no signal. This runs on
-// the event-loop thread for every frame, so it is written for SSE2 (every
-// x86-64 has it), eight samples at a time; elsewhere plainly.
+// The sensor's frame as the host sees it, and its unpacking. A frame is one
+// 2048-byte bulk transfer: sample i (one per filter) is the upper 12 bits of
+// the big-endian word at byte 2i, the low nibble carries no signal. The
+// unpacking runs on the event-loop thread for every frame, so it is written
+// for SSE2 (every x86-64 has it), eight samples at a time; elsewhere plainly.
 
 #include <stdint.h>
 
@@ -14,7 +15,10 @@
 
 namespace orbframe {
 
-constexpr int kSamples = 1024;
+constexpr int kSamples = 1024;  // one per filter
+constexpr int kFrameBytes = 2 * kSamples;
+constexpr int kSampleBits = 12;
+constexpr int kSampleMax = (1 << kSampleBits) - 1;  // the ADC's full scale
 
 inline int sample_at(const unsigned char* wire, int i) { return (wire[2 * i] << 4) | (wire[2 * i + 1] >> 4); }
 

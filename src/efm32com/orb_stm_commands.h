@@ -3,8 +3,16 @@
 
 #include <unistd.h>
 
-// Command codes of the sensor controller's firmware. Writes carry the byte in
-// wValue and are answered with the stored byte; reads answer with it.
+// Command codes of the sensor controller's firmware, how they travel, and the
+// pauses the controller needs between them: the one definition for the link
+// and the streaming layer. Writes carry the byte in wValue and are answered
+// with the stored byte; reads answer with it.
+
+// Every firmware command is a class request to the interface with a data
+// stage from the device, even the writes: the controller echoes the byte it
+// stored.
+constexpr int kRequestTypeIn = 0xA1;
+constexpr int kRegisterTimeoutMs = 1000;  // for one-byte register accesses
 
 constexpr int kCmdIdentity = 1;    // 5 raw identity bytes
 constexpr int kCmdOperation = 3;   // 3 starts the sensor, 1 stops it
@@ -25,6 +33,32 @@ constexpr int kWrFrameAverage = 54;
 
 constexpr int kOpStart = 3;
 constexpr int kOpStop = 1;
+
+// Streaming: class requests to interface 1 with no data stage. Once started
+// the sensor sends frames on the bulk endpoint until it is stopped.
+constexpr int kRequestTypeOut = 0x21;
+constexpr int kStreamInterface = 1;
+constexpr int kStreamTimeoutMs = 2000;
+constexpr int kCmdStreamStart = 70;
+constexpr int kCmdStreamStop = 71;
+constexpr unsigned char kFrameEndpoint = 0x81;
+// Between the stop and the start of a stream, and between the stops: the
+// controller can miss one while it is busy with a frame.
+constexpr int kStreamGapMs = 20;
+
+// The controller updates a shutter register within 5 ms, faster than the
+// other registers (g_iSleepTime).
+constexpr int kShutterStepPauseMs = 5;
+// It takes its next request only this long after a frame-average access.
+constexpr int kFrameAveragePauseMs = 20;
+
+// How get_filter_data_from_sensor acquires (its useContAcq; 0 is taken as
+// the single shot), and the frames a single shot's fresh stream drops: the
+// one on the bus and the one being exposed when streaming starts.
+constexpr int kModeContinuous = 1;
+constexpr int kModeCollect = 2;
+constexpr int kModeSingleShot = 3;
+constexpr int kSingleShotSkip = 2;
 
 // The controller's pauses are real sleeps, in milliseconds.
 inline void pause_ms(int ms) { usleep(static_cast<useconds_t>(ms) * 1000); }

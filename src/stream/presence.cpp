@@ -1,17 +1,11 @@
-// Presence of a sensor, and the results of the layer in words.
+// Presence of a sensor.
 
 #include "presence.h"
 
-#include "orb_device_interface_stm.h"
-#include "orb_device_interface_stm_usb.h"
+#include "link_seam.h"
 #include "orb_stream.h"
 
 namespace orbstream {
-
-libusb_device_handle* handle_at(int index) {
-    auto it = UsbDevHandle::pDevH.find(index);
-    return it == UsbDevHandle::pDevH.end() ? nullptr : it->second;
-}
 
 bool on_bus(libusb_device_handle* handle) {
     // libusb keeps one device object per attached device and drops it from
@@ -40,35 +34,16 @@ int loss_result(libusb_device_handle* handle) {
 
 int usable(int index, libusb_device_handle** handle) {
     if (index < 0 || index >= kMaxStreams) return ORB_STREAM_ERR_INVALID;
-    *handle = handle_at(index);
+    *handle = link::handle_at(index);
     if (*handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
-    if (do_exit != 0) return loss_result(*handle);
+    if (link::ended()) return loss_result(*handle);
     return ORB_STREAM_OK;
 }
 
-}  // namespace orbstream
-
-extern "C" int orb_sensor_present(int index) {
-    if (index < 0) return ORB_STREAM_ERR_INVALID;
-    libusb_device_handle* handle = orbstream::handle_at(index);
+int present(int index) {
+    libusb_device_handle* handle = link::handle_at(index);
     if (handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
-    return orbstream::on_bus(handle) ? ORB_STREAM_OK : ORB_STREAM_ERR_LOST;
+    return on_bus(handle) ? ORB_STREAM_OK : ORB_STREAM_ERR_LOST;
 }
 
-extern "C" const char* orb_stream_result_text(int result) {
-    switch (result) {
-    case ORB_STREAM_OK: return "ok";
-    case ORB_STREAM_ERR_TIMEOUT: return "timed out";
-    case ORB_STREAM_ERR_LOST: return "sensor lost";
-    case ORB_STREAM_ERR_ENDED: return "frame transfer ended";
-    case ORB_STREAM_ERR_NOT_CONNECTED: return "no sensor at that index";
-    case ORB_STREAM_ERR_INVALID: return "invalid argument";
-    case ORB_STREAM_ERR_BUSY: return "busy";
-    case ORB_STREAM_ERR_NOT_STREAMING: return "not streaming";
-    case ORB_STREAM_ERR_USB: return "request refused by the sensor";
-    case ORB_STREAM_ERR_VERIFY: return "setting did not read back";
-    case ORB_STREAM_ERR_NO_MEMORY: return "out of memory";
-    case ORB_STREAM_ERR_UNSUPPORTED: return "not supported with the frame moving average";
-    default: return "unknown result";
-    }
-}
+}  // namespace orbstream

@@ -11,9 +11,6 @@ namespace orbstream {
 // Indices a stream can run on: duConnect opens at most 10 sensors.
 constexpr int kMaxStreams = 16;
 
-// The open handle at `index`, or nullptr. Looks, never inserts: the link's
-// table must not grow entries because this layer asked.
-libusb_device_handle* handle_at(int index);
 // The device of `handle` is in the bus's current device list.
 bool on_bus(libusb_device_handle* handle);
 // A failure after the event loop ended or a request found no device:
@@ -23,6 +20,9 @@ int loss_result(libusb_device_handle* handle);
 // Whether calls on `index` may go ahead: ORB_STREAM_OK with *handle set, or
 // the reason they may not.
 int usable(int index, libusb_device_handle** handle);
+// Whether the sensor at `index` is still on the bus: ORB_STREAM_OK, _LOST,
+// or _NOT_CONNECTED when nothing was opened there.
+int present(int index);
 
 }  // namespace orbstream
 

@@ -5,21 +5,12 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "orb_device_interface_stm.h"
+#include "link_seam.h"
 #include "orb_stream.h"
 
 namespace orbstream {
 
 namespace {
-
-// As the link sends them: streaming requests are class requests to
-// interface 1 with no data; register accesses read one byte back, the
-// written value echoed.
-constexpr uint8_t kStreamRequestType = 0x21;
-constexpr uint16_t kStreamInterface = 1;
-constexpr unsigned int kStreamTimeoutMs = 2000;
-constexpr uint8_t kRegisterRequestType = 0xA1;
-constexpr unsigned int kRegisterTimeoutMs = 1000;
 
 std::mutex g_rest_lock;
 std::condition_variable g_rest_wake;
@@ -41,16 +32,18 @@ int result_of_usb_error(int error) {
 
 int stream_request(libusb_device_handle* handle, int code, const Deadline& deadline) {
     if (deadline.passed()) return ORB_STREAM_ERR_TIMEOUT;
-    int r = libusb_control_transfer(handle, kStreamRequestType, static_cast<uint8_t>(code), 0, kStreamInterface,
-                                    nullptr, 0, deadline.libusb_ms(kStreamTimeoutMs));
+    // As the link sends it: no data stage.
+    int r = libusb_control_transfer(handle, kRequestTypeOut, static_cast<uint8_t>(code), 0, kStreamInterface, nullptr,
+                                    0, deadline.libusb_ms(kStreamTimeoutMs));
     return r < 0 ? result_of_usb_error(r) : ORB_STREAM_OK;
 }
 
 int register_access(libusb_device_handle* handle, int code, int value, const Deadline& deadline,
                     unsigned char* reply) {
     if (deadline.passed()) return ORB_STREAM_ERR_TIMEOUT;
+    // As the link sends it: one byte back, a written value echoed.
     unsigned char data[1] = {0};
-    int r = libusb_control_transfer(handle, kRegisterRequestType, static_cast<uint8_t>(code),
+    int r = libusb_control_transfer(handle, kRequestTypeIn, static_cast<uint8_t>(code),
                                     static_cast<uint16_t>(value & 0xFF), 0, data, sizeof data,
                                     deadline.libusb_ms(kRegisterTimeoutMs));
     if (r < 0) return result_of_usb_error(r);
@@ -80,13 +73,13 @@ int write_pair_checked(libusb_device_handle* handle, int wr_a, int a, int wr_b, 
 int rest(int ms, const Deadline& deadline) {
     const Clock::time_point until = Clock::now() + std::chrono::milliseconds(ms);
     std::unique_lock<std::mutex> lock(g_rest_lock);
-    g_rest_wake.wait_until(lock, std::min(until, deadline.at), [] { return do_exit != 0; });
-    if (do_exit != 0) return ORB_STREAM_ERR_ENDED;
+    g_rest_wake.wait_until(lock, std::min(until, deadline.at), [] { return link::ended(); });
+    if (link::ended()) return ORB_STREAM_ERR_ENDED;
     return until > deadline.at ? ORB_STREAM_ERR_TIMEOUT : ORB_STREAM_OK;
 }
 
 void wake_rests() {
-    // Taking the lock orders the wake-up after a rest's check of do_exit.
+    // Taking the lock orders the wake-up after a rest's check of the end.
     std::lock_guard<std::mutex> lock(g_rest_lock);
     g_rest_wake.notify_all();
 }

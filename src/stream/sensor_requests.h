@@ -8,12 +8,9 @@
 #include <libusb.h>
 
 #include "deadline.h"
+#include "../efm32com/orb_stm_commands.h"
 
 namespace orbstream {
-
-constexpr int kCmdStreamStart = 70;
-constexpr int kCmdStreamStop = 71;
-constexpr int kStreamGapMs = 20;
 
 // A streaming request (no data stage). ORB_STREAM_OK or an error result.
 int stream_request(libusb_device_handle* handle, int code, const Deadline& deadline);

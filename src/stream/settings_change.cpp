@@ -1,24 +1,20 @@
 // Settings changed while a stream runs, and the frames that must not
 // outlive them.
 
+#include "settings_change.h"
+
 #include <functional>
 
-#include "orb_device_interface_device_settings.h"
-#include "orb_device_interface_stm.h"
+#include "link_seam.h"
 #include "presence.h"
 #include "sensor_requests.h"
 #include "stream_session.h"
+#include "../efm32com/orb_exposure.h"
+#include "../efm32com/orb_stm_commands.h"
 
 namespace orbstream {
 
 namespace {
-
-// The pauses the controller needs between these register accesses, as the
-// link keeps them: 5 ms for the shutter registers, 20 ms for the on-board
-// average, g_iSleepTime (30 ms) for the rest.
-constexpr int kShutterPauseMs = 5;
-constexpr int kOnboardPauseMs = 20;
-constexpr int kBlankMargin = 32;
 
 using Write = std::function<int(libusb_device_handle*, const Deadline&)>;
 using Apply = std::function<void(orb_stream_settings&)>;
@@ -27,7 +23,6 @@ using Apply = std::function<void(orb_stream_settings&)>;
 // completed after the writes, were exposed (at least partly) before the
 // change: they are discarded as stale, and the next frame says how many.
 int change(int index, int timeout_ms, const Write& write, const Apply& apply) {
-    if (timeout_ms < 0) return ORB_STREAM_ERR_INVALID;
     libusb_device_handle* handle = nullptr;
     int r = usable(index, &handle);
     if (r != ORB_STREAM_OK) return r;
@@ -53,26 +48,19 @@ int change(int index, int timeout_ms, const Write& write, const Apply& apply) {
 
 }  // namespace
 
-}  // namespace orbstream
-
-using namespace orbstream;
-
-extern "C" int orb_stream_set_shutter_speed(int index, int shutter_speed, int timeout_ms) {
-    if (shutter_speed < 1 || shutter_speed > 0xFFFF - kBlankMargin) return ORB_STREAM_ERR_INVALID;
-    const int blank = shutter_speed + kBlankMargin;
+int set_shutter_speed(int index, int shutter_speed, int timeout_ms) {
+    const int blank = shutter_speed + kBlankTimeMargin;
     auto write = [=](libusb_device_handle* h, const Deadline& d) -> int {
         int r;
         // The blank time rides with the shutter speed, written first, as the
-        // link writes them.
-        if ((r = register_access(h, 34, blank >> 8, d, nullptr)) != ORB_STREAM_OK) return r;
-        if ((r = rest(kShutterPauseMs, d)) != ORB_STREAM_OK) return r;
-        if ((r = register_access(h, 33, blank & 0xFF, d, nullptr)) != ORB_STREAM_OK) return r;
-        if ((r = rest(kShutterPauseMs, d)) != ORB_STREAM_OK) return r;
-        r = write_pair_checked(h, 37, shutter_speed >> 8, 5, shutter_speed & 0xFF, 36, 4, kShutterPauseMs, d);
-        // The link's own record of what the sensor was asked for, which
-        // paces its streaming requests.
-        g_iCurShutterSpeed = shutter_speed;
-        iCurBlankTime = blank;
+        // link writes them, and with the link's shorter shutter pauses.
+        if ((r = register_access(h, kWrBlankHigh, blank >> 8, d, nullptr)) != ORB_STREAM_OK) return r;
+        if ((r = rest(kShutterStepPauseMs, d)) != ORB_STREAM_OK) return r;
+        if ((r = register_access(h, kWrBlankLow, blank & 0xFF, d, nullptr)) != ORB_STREAM_OK) return r;
+        if ((r = rest(kShutterStepPauseMs, d)) != ORB_STREAM_OK) return r;
+        r = write_pair_checked(h, kWrShutterHigh, shutter_speed >> 8, kWrShutterLow, shutter_speed & 0xFF,
+                               kRdShutterHigh, kRdShutterLow, kShutterStepPauseMs, d);
+        link::record_shutter_speed(shutter_speed, blank);
         return r;
     };
     return change(index, timeout_ms, write, [=](orb_stream_settings& s) {
@@ -81,22 +69,21 @@ extern "C" int orb_stream_set_shutter_speed(int index, int shutter_speed, int ti
     });
 }
 
-extern "C" int orb_stream_set_blank_time(int index, int blank_time, int timeout_ms) {
-    if (blank_time < 0 || blank_time > 0xFFFF) return ORB_STREAM_ERR_INVALID;
+int set_blank_time(int index, int blank_time, int timeout_ms) {
     auto write = [=](libusb_device_handle* h, const Deadline& d) -> int {
-        int r = write_pair_checked(h, 34, blank_time >> 8, 33, blank_time & 0xFF, 39, 38, g_iSleepTime, d);
-        iCurBlankTime = blank_time;
+        int r = write_pair_checked(h, kWrBlankHigh, blank_time >> 8, kWrBlankLow, blank_time & 0xFF, kRdBlankHigh,
+                                   kRdBlankLow, link::register_pause_ms(), d);
+        link::record_blank_time(blank_time);
         return r;
     };
     return change(index, timeout_ms, write, [=](orb_stream_settings& s) { s.blank_time = blank_time; });
 }
 
-extern "C" int orb_stream_set_adc(int index, int gain, int range, int resolution, int timeout_ms) {
-    if (gain < 0 || gain > 1 || range < 0 || range > 255 || resolution < 0 || resolution > 1)
-        return ORB_STREAM_ERR_INVALID;
+int set_adc(int index, int gain, int range, int resolution, int timeout_ms) {
     const int gain_res = gain << 1 | resolution;
     auto write = [=](libusb_device_handle* h, const Deadline& d) -> int {
-        return write_pair_checked(h, 19, range, 20, gain_res, 35, 40, g_iSleepTime, d);
+        return write_pair_checked(h, kWrAdcRange, range, kWrAdcGainRes, gain_res, kRdAdcRange, kRdAdcGainRes,
+                                  link::register_pause_ms(), d);
     };
     return change(index, timeout_ms, write, [=](orb_stream_settings& s) {
         s.adc_range = range;
@@ -105,19 +92,20 @@ extern "C" int orb_stream_set_adc(int index, int gain, int range, int resolution
     });
 }
 
-extern "C" int orb_stream_set_onboard_average(int index, int count, int timeout_ms) {
-    if (count < 0 || count > 255) return ORB_STREAM_ERR_INVALID;
+int set_onboard_average(int index, int count, int timeout_ms) {
     auto write = [=](libusb_device_handle* h, const Deadline& d) -> int {
         unsigned char got = 0;
         for (int attempt = 0; attempt < 2; attempt++) {
             int r;
-            if ((r = register_access(h, 54, count, d, nullptr)) != ORB_STREAM_OK) return r;
-            if ((r = rest(kOnboardPauseMs, d)) != ORB_STREAM_OK) return r;
-            if ((r = register_access(h, 53, 0, d, &got)) != ORB_STREAM_OK) return r;
-            if ((r = rest(kOnboardPauseMs, d)) != ORB_STREAM_OK) return r;
+            if ((r = register_access(h, kWrFrameAverage, count, d, nullptr)) != ORB_STREAM_OK) return r;
+            if ((r = rest(kFrameAveragePauseMs, d)) != ORB_STREAM_OK) return r;
+            if ((r = register_access(h, kRdFrameAverage, 0, d, &got)) != ORB_STREAM_OK) return r;
+            if ((r = rest(kFrameAveragePauseMs, d)) != ORB_STREAM_OK) return r;
             if (got == count) return ORB_STREAM_OK;
         }
         return ORB_STREAM_ERR_VERIFY;
     };
     return change(index, timeout_ms, write, [=](orb_stream_settings& s) { s.onboard_average = count; });
 }
+
+}  // namespace orbstream

@@ -4,18 +4,19 @@
 
 #include <time.h>
 
-#include "orb_device_interface_stm.h"
-#include "orb_device_interface_stm_usb.h"
-#include "../efm32com/orb_frame_samples.h"
 #include "frame_tap.h"
+#include "link_seam.h"
 #include "presence.h"
 #include "sensor_requests.h"
+#include "../efm32com/orb_frame_samples.h"
+#include "../efm32com/orb_stm_commands.h"
 
 namespace orbstream {
 
 std::atomic<FrameTap> g_frame_tap{nullptr};
 
-constexpr int kFrameBytes = 2048;
+static_assert(ORB_STREAM_FILTERS == orbframe::kSamples && ORB_STREAM_SATURATED == orbframe::kSampleMax,
+              "a stream's frame is the sensor's frame");
 
 namespace {
 
@@ -42,7 +43,7 @@ void take(Session& s, const libusb_transfer* t, uint64_t now_ns) {
 void on_frame_transfer(const libusb_transfer* t) {
     Session* table = sessions();
     if (t == nullptr) {
-        // The event loop is ending: wake every wait to see do_exit.
+        // The event loop is ending: wake every wait to see it.
         for (int i = 0; i < kMaxStreams; i++) {
             std::lock_guard<std::mutex> guard(table[i].lock);
             table[i].arrived.notify_all();
@@ -61,9 +62,8 @@ void on_frame_transfer(const libusb_transfer* t) {
 // Frames carry the settings they were exposed with: the stream learns them
 // from the sensor at its start, and from its own changes after that.
 int read_settings(libusb_device_handle* h, const Deadline& d, orb_stream_settings& out) {
-    // Read codes: shutter 36/4, blank 39/38, ADC range 35, gain and
-    // resolution 40, on-board average 53.
-    static const int kCodes[] = {36, 4, 39, 38, 35, 40, 53};
+    static const int kCodes[] = {kRdShutterHigh, kRdShutterLow, kRdBlankHigh,   kRdBlankLow,
+                                 kRdAdcRange,    kRdAdcGainRes, kRdFrameAverage};
     unsigned char v[7] = {};
     for (int i = 0; i < 7; i++) {
         int r = register_access(h, kCodes[i], 0, d, &v[i]);
@@ -76,11 +76,6 @@ int read_settings(libusb_device_handle* h, const Deadline& d, orb_stream_setting
     out.adc_resolution = v[5] & 1;
     out.onboard_average = v[6];
     return ORB_STREAM_OK;
-}
-
-bool has_frame_transfer(int index) {
-    auto it = allocTransferBulkMap.find(index);
-    return it != allocTransferBulkMap.end() && it->second;
 }
 
 int failed(int result, libusb_device_handle* handle) {
@@ -123,7 +118,7 @@ void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns) {
         s.stale_since++;
         return;
     }
-    if (t->actual_length != kFrameBytes) {
+    if (t->actual_length != orbframe::kFrameBytes) {
         st.lost++;
         st.short_frames++;
         s.lost_since++;
@@ -178,18 +173,13 @@ Session& session_at(int index) { return sessions()[index]; }
 
 void install_tap() { g_frame_tap.store(on_frame_transfer, std::memory_order_release); }
 
-}  // namespace orbstream
-
-using namespace orbstream;
-
-extern "C" int orb_stream_start(int index, int ring_frames, int timeout_ms) {
-    if (ring_frames < 0 || ring_frames > ORB_STREAM_MAX_RING || timeout_ms < 0) return ORB_STREAM_ERR_INVALID;
+int start_stream(int index, uint32_t ring_frames, int timeout_ms) {
     libusb_device_handle* handle = nullptr;
     int r = usable(index, &handle);
     if (r != ORB_STREAM_OK) return r;
     // A sensor without the frame transfer (one brought up before the event
     // loop ran) would stream into nothing.
-    if (!has_frame_transfer(index)) return ORB_STREAM_ERR_NOT_CONNECTED;
+    if (!link::has_frame_transfer(index)) return ORB_STREAM_ERR_NOT_CONNECTED;
     Session& s = session_at(index);
     {
         std::lock_guard<std::mutex> guard(s.lock);
@@ -200,7 +190,7 @@ extern "C" int orb_stream_start(int index, int ring_frames, int timeout_ms) {
     if ((r = read_settings(handle, deadline, settings)) != ORB_STREAM_OK) return failed(r, handle);
 
     FrameRing ring;
-    if (!ring.allocate(ring_frames == 0 ? ORB_STREAM_DEFAULT_RING : static_cast<uint32_t>(ring_frames)))
+    if (!ring.allocate(ring_frames == 0 ? ORB_STREAM_DEFAULT_RING : ring_frames))
         return ORB_STREAM_ERR_NO_MEMORY;
     install_tap();
 
@@ -225,27 +215,25 @@ extern "C" int orb_stream_start(int index, int ring_frames, int timeout_ms) {
     }
     // What continuous acquisition leaves behind: a later single shot of
     // the link then takes frames of this stream instead of restarting it.
-    bulkModeStarted = true;
+    link::mark_streaming(true);
     return ORB_STREAM_OK;
 }
 
-extern "C" int orb_stream_read(int index, orb_stream_frame* frame, int timeout_ms) {
-    if (index < 0 || index >= kMaxStreams || frame == nullptr || timeout_ms < 0) return ORB_STREAM_ERR_INVALID;
+int read_frame(int index, orb_stream_frame& frame, int timeout_ms) {
     Session& s = session_at(index);
     const Deadline deadline = Deadline::in_ms(timeout_ms);
     int failure = 0;
     {
         std::unique_lock<std::mutex> lock(s.lock);
         if (!s.active) return ORB_STREAM_ERR_NOT_STREAMING;
-        s.arrived.wait_until(lock, deadline.at, [&s] { return !s.ring.empty() || s.failure || do_exit != 0; });
-        failure = s.failure ? s.failure : do_exit != 0 ? ORB_STREAM_ERR_ENDED : 0;
-        if (!failure) return pop_locked(s, *frame) ? ORB_STREAM_OK : ORB_STREAM_ERR_TIMEOUT;
+        s.arrived.wait_until(lock, deadline.at, [&s] { return !s.ring.empty() || s.failure || link::ended(); });
+        failure = s.failure ? s.failure : link::ended() ? ORB_STREAM_ERR_ENDED : 0;
+        if (!failure) return pop_locked(s, frame) ? ORB_STREAM_OK : ORB_STREAM_ERR_TIMEOUT;
     }
-    return loss_result(handle_at(index));
+    return loss_result(link::handle_at(index));
 }
 
-extern "C" int orb_stream_stop(int index, int timeout_ms) {
-    if (index < 0 || index >= kMaxStreams || timeout_ms < 0) return ORB_STREAM_ERR_INVALID;
+int stop_stream(int index, int timeout_ms) {
     Session& s = session_at(index);
     int failure = 0;
     {
@@ -257,9 +245,9 @@ extern "C" int orb_stream_stop(int index, int timeout_ms) {
         s.ring.release();
         failure = s.failure;
     }
-    libusb_device_handle* handle = handle_at(index);
+    libusb_device_handle* handle = link::handle_at(index);
     if (handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
-    if (failure || do_exit != 0) return loss_result(handle);
+    if (failure || link::ended()) return loss_result(handle);
     // Three stops, as the link stops a stream: the controller can miss one
     // while it is busy with a frame.
     const Deadline deadline = Deadline::in_ms(timeout_ms);
@@ -268,12 +256,11 @@ extern "C" int orb_stream_stop(int index, int timeout_ms) {
         r = rest(kStreamGapMs, deadline);
         if (r == ORB_STREAM_OK) r = stream_request(handle, kCmdStreamStop, deadline);
     }
-    if (r == ORB_STREAM_OK) bulkModeStarted = false;
+    if (r == ORB_STREAM_OK) link::mark_streaming(false);
     return failed(r, handle);
 }
 
-extern "C" int orb_stream_get_settings(int index, orb_stream_settings* settings, int timeout_ms) {
-    if (settings == nullptr || timeout_ms < 0) return ORB_STREAM_ERR_INVALID;
+int current_settings(int index, orb_stream_settings& settings, int timeout_ms) {
     libusb_device_handle* handle = nullptr;
     int r = usable(index, &handle);
     if (r != ORB_STREAM_OK) return r;
@@ -283,27 +270,28 @@ extern "C" int orb_stream_get_settings(int index, orb_stream_settings* settings,
         // frames back behind the requests.
         std::lock_guard<std::mutex> guard(s.lock);
         if (s.active && !s.failure) {
-            *settings = s.settings;
+            settings = s.settings;
             return ORB_STREAM_OK;
         }
     }
     orb_stream_settings read{};
     r = read_settings(handle, Deadline::in_ms(timeout_ms), read);
-    if (r == ORB_STREAM_OK) *settings = read;
+    if (r == ORB_STREAM_OK) settings = read;
     return failed(r, handle);
 }
 
-extern "C" int orb_stream_get_stats(int index, orb_stream_stats* stats) {
-    if (index < 0 || index >= kMaxStreams || stats == nullptr) return ORB_STREAM_ERR_INVALID;
+int stream_stats(int index, orb_stream_stats& stats) {
     Session& s = session_at(index);
     int result;
     {
         std::lock_guard<std::mutex> guard(s.lock);
         if (!s.started_once) return ORB_STREAM_ERR_NOT_STREAMING;
-        *stats = s.stats;
-        if (s.active) stats->queued = s.ring.size();
+        stats = s.stats;
+        if (s.active) stats.queued = s.ring.size();
         result = s.failure ? s.failure : !s.active ? ORB_STREAM_ERR_NOT_STREAMING : ORB_STREAM_OK;
     }
-    if (result == ORB_STREAM_OK && do_exit != 0) result = ORB_STREAM_ERR_ENDED;
-    return failed(result, handle_at(index));
+    if (result == ORB_STREAM_OK && link::ended()) result = ORB_STREAM_ERR_ENDED;
+    return failed(result, link::handle_at(index));
 }
+
+}  // namespace orbstream

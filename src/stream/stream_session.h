@@ -13,12 +13,13 @@
 
 #include "frame_ring.h"
 #include "orb_stream.h"
+#include "../efm32com/orb_stm_commands.h"
 
 namespace orbstream {
 
 // Frames under way when a stream starts or a setting changes: the one on
-// the bus and the one being exposed. The single shot drops as many.
-constexpr int kFramesInFlight = 2;
+// the bus and the one being exposed, as many as the single shot drops.
+constexpr int kFramesInFlight = kSingleShotSkip;
 
 struct Session {
     std::mutex lock;
@@ -40,6 +41,15 @@ struct Session {
     uint32_t lost_since = 0;   // since the last frame queued
     uint32_t stale_since = 0;
 };
+
+// The streams as the C entry points (orb_stream.cpp) drive them, their
+// arguments checked there; ring_frames 0 is the default ring.
+int start_stream(int index, uint32_t ring_frames, int timeout_ms);
+int read_frame(int index, orb_stream_frame& frame, int timeout_ms);
+int stop_stream(int index, int timeout_ms);
+// Those of the running stream, else read from the sensor.
+int current_settings(int index, orb_stream_settings& settings, int timeout_ms);
+int stream_stats(int index, orb_stream_stats& stats);
 
 Session& session_at(int index);  // index checked by the caller
 void install_tap();
