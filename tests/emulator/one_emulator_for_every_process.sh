@@ -1,7 +1,7 @@
 #!/bin/sh
-# One bench for every process under the launcher: a register written by one
+# One emulator for every process under the launcher: a register written by one
 # program is read back by a later one, started by a shell inside a shell, and
-# the bench's status shows it.
+# the emulator's status shows it.
 set -eu
 emulate=$1 probe=$2
 out=$("$emulate" --sensors 2 -- sh -c '

@@ -1,4 +1,4 @@
-#include "bench_control.h"
+#include "control_commands.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -57,9 +57,9 @@ std::vector<std::string> split_words(const std::string& line) {
     return words;
 }
 
-BenchControl::BenchControl(Testbed& testbed, uint64_t seed) : testbed_(testbed), seed_(seed) {}
+ControlCommands::ControlCommands(Testbed& testbed, uint64_t seed) : testbed_(testbed), seed_(seed) {}
 
-const char* BenchControl::usage() {
+const char* ControlCommands::usage() {
     return "commands:\n"
            "  status                      one line per device\n"
            "  unplug N | replug N         take device N off the bus / bring it back at a new address\n"
@@ -72,19 +72,19 @@ const char* BenchControl::usage() {
            "  frames N light|counter|constant=V\n";
 }
 
-bool BenchControl::is_command(const std::string& verb) {
+bool ControlCommands::is_command(const std::string& verb) {
     for (const char* v : {"status", "help", "unplug", "replug", "fault", "clear", "scene", "frames"})
         if (verb == v) return true;
     return false;
 }
 
-bool BenchControl::succeeded(const std::string& answer) {
+bool ControlCommands::succeeded(const std::string& answer) {
     std::string a = answer;
     while (!a.empty() && a.back() == '\n') a.pop_back();
     return a == "ok" || (a.size() > 3 && a.compare(a.size() - 3, 3, "\nok") == 0);
 }
 
-std::string BenchControl::run(const std::string& line) {
+std::string ControlCommands::run(const std::string& line) {
     const std::vector<std::string> words = split_words(line);
     std::lock_guard<std::mutex> lock(mu_);
     try {
@@ -94,7 +94,7 @@ std::string BenchControl::run(const std::string& line) {
     }
 }
 
-std::string BenchControl::run_locked(const std::vector<std::string>& words) {
+std::string ControlCommands::run_locked(const std::vector<std::string>& words) {
     if (words.empty()) throw Refusal("empty command");
     const std::string& verb = words[0];
     if (verb == "status") {
@@ -108,7 +108,7 @@ std::string BenchControl::run_locked(const std::vector<std::string>& words) {
     const std::size_t count = testbed_.size();
     long index = 0;
     if (!parse_long(words[1], 0, static_cast<long>(count) - 1, &index))
-        throw Refusal("no device '" + words[1] + "': the bench has " + std::to_string(count) +
+        throw Refusal("no device '" + words[1] + "': the emulator has " + std::to_string(count) +
                       (count == 1 ? " device" : " devices") + (count ? ", 0 to " + std::to_string(count - 1) : ""));
     Sensor& sensor = testbed_.sensor(static_cast<std::size_t>(index));
     const std::vector<std::string> rest(words.begin() + 2, words.end());
@@ -130,7 +130,7 @@ std::string BenchControl::run_locked(const std::vector<std::string>& words) {
     return light_source(sensor, static_cast<std::size_t>(index), words);
 }
 
-std::string BenchControl::fault(Sensor& sensor, const std::vector<std::string>& words) {
+std::string ControlCommands::fault(Sensor& sensor, const std::vector<std::string>& words) {
     if (words.empty())
         throw Refusal("fault needs a kind: stall, no-reply, wrong-echo, refuse-claim, refuse-open, short-frame, "
                       "stall-bulk, trickle or hang");
@@ -164,7 +164,7 @@ std::string BenchControl::fault(Sensor& sensor, const std::vector<std::string>& 
     return "ok";
 }
 
-std::string BenchControl::light_source(Sensor& sensor, std::size_t index, const std::vector<std::string>& words) {
+std::string ControlCommands::light_source(Sensor& sensor, std::size_t index, const std::vector<std::string>& words) {
     if (sensor.kind() == SensorModel::Kind::LedModule)
         throw Refusal("device " + words[1] + " is an LED module: it sends no frames");
     const std::vector<std::string> rest(words.begin() + 2, words.end());
@@ -182,7 +182,7 @@ std::string BenchControl::light_source(Sensor& sensor, std::size_t index, const 
     return "ok";
 }
 
-std::string BenchControl::status() {
+std::string ControlCommands::status() {
     std::string out;
     for (std::size_t i = 0; i < testbed_.size(); i++) {
         Sensor& s = testbed_.sensor(i);

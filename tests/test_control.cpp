@@ -1,4 +1,4 @@
-// The bench around the emulated sensors: its command language, replug as a
+// The control channel around the emulated sensors: its command language, replug as a
 // host on the bus sees it, the control socket under two controllers, and
 // timed scripts.
 
@@ -9,8 +9,8 @@
 #include <sstream>
 #include <thread>
 
-#include "bench_control.h"
-#include "bench_script.h"
+#include "control_commands.h"
+#include "control_script.h"
 #include "control_socket.h"
 #include "sim_usb.h"
 
@@ -18,24 +18,24 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct LabBench : testing::Test {
+struct ControlChannel : testing::Test {
     orbsim::Testbed tb;
     orbsim::Sensor& s0 = tb.add_sensor();
     orbsim::Sensor& s1 = tb.add_sensor();
     orbsim::Sensor& led = tb.add_led_module();
-    orbsim::BenchControl bench{tb, 7};
+    orbsim::ControlCommands control{tb, 7};
 
     orbsim::ControlReply ask(orbsim::Sensor& s, uint8_t code, uint16_t value = 0) {
         return s.handle_control({0xA1, code, value, 0, 1});
     }
 };
 
-TEST_F(LabBench, RefusesWhatItCannotDoAndNamesTheCulprit) {
+TEST_F(ControlChannel, RefusesWhatItCannotDoAndNamesTheCulprit) {
     const std::vector<std::pair<std::string, std::string>> refused = {
         {"", "empty command"},
         {"jump 0", "unknown command 'jump'"},
         {"unplug", "unplug needs a device index"},
-        {"unplug 3", "no device '3': the bench has 3 devices, 0 to 2"},
+        {"unplug 3", "no device '3': the emulator has 3 devices, 0 to 2"},
         {"replug -1", "no device '-1'"},
         {"clear 0x1", "no device '0x1'"},
         {"unplug 0 now", "usage: unplug N"},
@@ -53,57 +53,57 @@ TEST_F(LabBench, RefusesWhatItCannotDoAndNamesTheCulprit) {
         {"scene 0 candle", "candle"},
     };
     for (const auto& [line, why] : refused) {
-        const std::string answer = bench.run(line);
+        const std::string answer = control.run(line);
         EXPECT_EQ(answer.rfind("error: ", 0), 0u) << line << " -> " << answer;
         EXPECT_NE(answer.find(why), std::string::npos) << line << " -> " << answer;
-        EXPECT_FALSE(orbsim::BenchControl::succeeded(answer)) << line;
+        EXPECT_FALSE(orbsim::ControlCommands::succeeded(answer)) << line;
     }
     // Nothing of it reached a device.
     EXPECT_TRUE(tb.plugged(s0));
     EXPECT_EQ(ask(s0, 36).outcome, orbsim::ControlReply::Data);
-    EXPECT_EQ(bench.run("status").substr(0, 2), "0 ");
+    EXPECT_EQ(control.run("status").substr(0, 2), "0 ");
 }
 
-TEST_F(LabBench, FaultsReachTheFirmwareOfOneDeviceUntilCleared) {
-    EXPECT_EQ(bench.run("fault 1 stall 36"), "ok");
-    EXPECT_EQ(bench.run("fault 1 no-reply 4"), "ok");
-    EXPECT_EQ(bench.run("fault 1 wrong-echo 19 7"), "ok");
-    EXPECT_EQ(bench.run("fault 1 refuse-claim"), "ok");
+TEST_F(ControlChannel, FaultsReachTheFirmwareOfOneDeviceUntilCleared) {
+    EXPECT_EQ(control.run("fault 1 stall 36"), "ok");
+    EXPECT_EQ(control.run("fault 1 no-reply 4"), "ok");
+    EXPECT_EQ(control.run("fault 1 wrong-echo 19 7"), "ok");
+    EXPECT_EQ(control.run("fault 1 refuse-claim"), "ok");
     EXPECT_EQ(ask(s1, 36).outcome, orbsim::ControlReply::Stall);
     EXPECT_EQ(ask(s1, 4).outcome, orbsim::ControlReply::NoReply);
     EXPECT_EQ(ask(s1, 19, 132).data.at(0), 7);
     EXPECT_TRUE(s1.claim_refused());
     EXPECT_EQ(ask(s0, 36).outcome, orbsim::ControlReply::Data);  // the other sensor is fine
 
-    EXPECT_EQ(bench.run("fault 1 hang"), "ok");
+    EXPECT_EQ(control.run("fault 1 hang"), "ok");
     EXPECT_EQ(ask(s1, 33, 1).outcome, orbsim::ControlReply::NoReply);
-    EXPECT_EQ(bench.run("clear 1"), "ok");
+    EXPECT_EQ(control.run("clear 1"), "ok");
     EXPECT_EQ(ask(s1, 36).outcome, orbsim::ControlReply::Data);
     EXPECT_EQ(ask(s1, 19, 132).data.at(0), 132);
     EXPECT_FALSE(s1.claim_refused());
 }
 
-TEST_F(LabBench, FramesAndScenesChangeWhatTheSensorSends) {
+TEST_F(ControlChannel, FramesAndScenesChangeWhatTheSensorSends) {
     s0.handle_control({0x21, orbsim::kStartStreaming, 0, 1, 0});
     const auto frame = [&] {
         auto r = s0.bulk_in(orbsim::SensorModel::Clock::now(), orbsim::kFrameBytes);
         return r.data.size() == orbsim::kFrameBytes ? (r.data[1000] << 4 | r.data[1001] >> 4) : -1;
     };
-    EXPECT_EQ(bench.run("frames 0 constant=1234"), "ok");
+    EXPECT_EQ(control.run("frames 0 constant=1234"), "ok");
     EXPECT_EQ(frame(), 1234);
-    EXPECT_EQ(bench.run("frames 0 counter"), "ok");
+    EXPECT_EQ(control.run("frames 0 counter"), "ok");
     EXPECT_EQ(frame(), 2);  // the stream's second frame
-    EXPECT_EQ(bench.run("scene 0 dark"), "ok");
+    EXPECT_EQ(control.run("scene 0 dark"), "ok");
     EXPECT_NEAR(frame(), 64, 20);  // dark level and read noise
 }
 
-TEST_F(LabBench, StatusSaysWhereEachDeviceIsAndWhatItDoes) {
+TEST_F(ControlChannel, StatusSaysWhereEachDeviceIsAndWhatItDoes) {
     s0.handle_control({0xA1, 37, 3, 0, 1});
     s0.handle_control({0xA1, 5, 67, 0, 1});
     s1.handle_control({0x21, orbsim::kStartStreaming, 0, 1, 0});
     s1.bulk_in(orbsim::SensorModel::Clock::now(), orbsim::kFrameBytes);
     tb.unplug(led);
-    EXPECT_EQ(bench.run("status"),
+    EXPECT_EQ(control.run("status"),
               "0 001/002 sensor plugged=yes streaming=no shutter=835 frames=0\n"
               "1 001/003 sensor plugged=yes streaming=yes shutter=0 frames=1\n"
               "2 001/004 led plugged=no streaming=no shutter=0 frames=0\n"
@@ -113,7 +113,7 @@ TEST_F(LabBench, StatusSaysWhereEachDeviceIsAndWhatItDoes) {
 // A replugged sensor is a new device to a host: its old handle is dead, it
 // lists at a new address, its registers and stream start over, and it is
 // the same sensor (identity) where it was plugged.
-TEST_F(LabBench, ReplugComesBackAsANewDeviceAtPowerOn) {
+TEST_F(ControlChannel, ReplugComesBackAsANewDeviceAtPowerOn) {
     Usb usb;
     libusb_device_handle* h = usb.open(s0);
     ASSERT_NE(h, nullptr);
@@ -123,10 +123,10 @@ TEST_F(LabBench, ReplugComesBackAsANewDeviceAtPowerOn) {
     const int old_address = s0.address();
     const auto identity = s0.identity();
 
-    EXPECT_EQ(bench.run("unplug 0"), "ok");
-    EXPECT_EQ(bench.run("unplug 0"), "error: device 0 is not plugged in");
+    EXPECT_EQ(control.run("unplug 0"), "ok");
+    EXPECT_EQ(control.run("unplug 0"), "error: device 0 is not plugged in");
     EXPECT_EQ(libusb_control_transfer(h, 0xA1, 36, 0, 0, &b, 1, 1000), LIBUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(bench.run("replug 0"), "ok");
+    EXPECT_EQ(control.run("replug 0"), "ok");
     EXPECT_EQ(libusb_control_transfer(h, 0xA1, 36, 0, 0, &b, 1, 1000), LIBUSB_ERROR_NO_DEVICE);
     libusb_close(h);
 
@@ -148,20 +148,20 @@ TEST_F(LabBench, ReplugComesBackAsANewDeviceAtPowerOn) {
     libusb_close(h);
 }
 
-TEST(LabBenchSocket, TwoControllersAtOnceEachGetWholeAnswers) {
+TEST(ControlSocket, TwoControllersAtOnceEachGetWholeAnswers) {
     orbsim::Testbed tb;
     tb.add_sensor();
     tb.add_sensor();
-    orbsim::BenchControl bench(tb, 1);
+    orbsim::ControlCommands control(tb, 1);
     const std::string path = tb.root_dir() + "/control";
-    orbsim::ControlServer server(path, [&](const std::string& line) { return bench.run(line); });
+    orbsim::ControlServer server(path, [&](const std::string& line) { return control.run(line); });
 
     std::atomic<int> bad{0};
     const auto controller = [&](const std::vector<std::string>& lines) {
         for (int round = 0; round < 20; round++) {
             for (const auto& line : lines) {
                 std::string answer, why;
-                if (!orbsim::send_command(path, line, &answer, &why) || !orbsim::BenchControl::succeeded(answer))
+                if (!orbsim::send_command(path, line, &answer, &why) || !orbsim::ControlCommands::succeeded(answer))
                     bad++;
                 if (line == "status" && std::count(answer.begin(), answer.end(), '\n') != 3) bad++;
             }
@@ -179,10 +179,10 @@ TEST(LabBenchSocket, TwoControllersAtOnceEachGetWholeAnswers) {
     ASSERT_TRUE(orbsim::send_command(path, "status", &answer, &why));
     EXPECT_NE(answer.find("0 001/"), std::string::npos);
     EXPECT_FALSE(orbsim::send_command(tb.root_dir() + "/nobody", "status", &answer, &why));
-    EXPECT_NE(why.find("cannot reach the bench"), std::string::npos);
+    EXPECT_NE(why.find("cannot reach the emulator"), std::string::npos);
 }
 
-TEST(LabBenchScript, ReadsTimedCommandsAndRefusesAnythingElse) {
+TEST(ControlScript, ReadsTimedCommandsAndRefusesAnythingElse) {
     std::istringstream good("# a replug\n\nat 2.5s unplug 0\n  at 300ms status  \nat 2.5s replug 0\nat 0s help\n");
     std::vector<orbsim::TimedCommand> timed;
     std::string why;

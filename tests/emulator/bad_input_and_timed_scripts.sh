@@ -1,7 +1,7 @@
 #!/bin/sh
 # What the launcher and its ctl command do with bad input: exit status 2 and
-# one line on standard error at start-up, an error answer (status 1) from a
-# bench that goes on serving; and a timed script that replays.
+# one line on standard error at start-up, an error answer (status 1) from
+# an emulator that goes on serving; and a timed script that replays.
 set -eu
 emulate=$1 probe=$2
 dir=$(mktemp -d)
@@ -27,7 +27,7 @@ for args in "--sensors 81 -- true" "--frames dim -- true" "--bogus -- true" "--s
 done
 
 set +e
-env -u ORB_EMULATE_CONTROL "$emulate" ctl status 2>/dev/null; [ $? -eq 2 ] || fail "ctl without a bench"
+env -u ORB_EMULATE_CONTROL "$emulate" ctl status 2>/dev/null; [ $? -eq 2 ] || fail "ctl without an emulator"
 "$emulate" ctl "$dir/nobody" status 2>/dev/null; [ $? -eq 2 ] || fail "ctl to a missing socket"
 "$emulate" --sensors 1 -- "$emulate" ctl unplug 5 >"$dir/out"; [ $? -eq 1 ] || fail "ctl error status"
 set -e

@@ -1,7 +1,7 @@
-#ifndef ORB_SIM_BENCH_CONTROL_H
-#define ORB_SIM_BENCH_CONTROL_H
+#ifndef ORB_SIM_CONTROL_COMMANDS_H
+#define ORB_SIM_CONTROL_COMMANDS_H
 
-// The bench's command language: one line in, an answer out. The control
+// The emulator's control language: one line in, an answer out. The control
 // socket, the timed script and the tests all go through here, so they
 // cannot disagree on what a command means.
 //
@@ -23,11 +23,11 @@
 
 namespace orbsim {
 
-class BenchControl {
+class ControlCommands {
 public:
     // Scenes draw their noise from `seed`, offset by the device index, so
     // that two sensors in one scene do not show the same noise.
-    BenchControl(Testbed& testbed, uint64_t seed);
+    ControlCommands(Testbed& testbed, uint64_t seed);
 
     // Commands from several controllers run one at a time, whole.
     std::string run(const std::string& line);
