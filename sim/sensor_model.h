@@ -3,7 +3,7 @@
 
 // The firmware of the emulated sensor, with no USB in it: registers, identity,
 // LED state, the frame stream and the faults a test can switch on. The USB
-// transport (usb_transport.cpp) feeds it the requests the host sent and carries
+// transport (usb_transport.h) feeds it the requests the host sent and carries
 // its answers back; tests can also drive it directly.
 
 #include <array>
