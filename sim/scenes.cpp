@@ -116,8 +116,6 @@ uint16_t to_sample(double dn) {
 
 }  // namespace
 
-double exposure_ms(uint16_t shutter) { return (shutter * 912.0 + 160) / 10000; }
-
 Spectrum scene_spectrum(const SceneSettings& scene) {
     const std::string& n = scene.name;
     if (n == "halogen") return halogen_spectrum();

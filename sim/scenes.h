@@ -20,7 +20,6 @@
 
 namespace orbsim {
 
-inline constexpr double kDarkLevel = 64;        // DN with no light
 inline constexpr double kConversionGain = 4;    // electrons per DN
 inline constexpr double kReadNoiseDn = 3;       // standard deviation
 inline constexpr uint16_t kSaturatingShutter = 900;
@@ -47,9 +46,6 @@ struct SceneSettings {            // what `scene N NAME [brightness] [options]` 
 // with a one-line reason naming the bad word in *why, and leaves *out alone.
 bool parse_scene(const std::vector<std::string>& words, SceneSettings* out, std::string* why);
 std::vector<std::string> scene_names();
-
-// The sensor's exposure time for a shutter speed at the default 10 MHz master clock.
-double exposure_ms(uint16_t shutter);
 
 // The scene's light at brightness 1, before any drift or flicker.
 Spectrum scene_spectrum(const SceneSettings& scene);

@@ -74,10 +74,9 @@ FrameGenerator linear_frames(const std::array<double, kFilters>& sensitivity, do
 }
 
 uint16_t light_value(std::size_t filter, uint16_t shutter, double gain) {
-    constexpr double kDark = 64;
     const double x = (static_cast<double>(filter) - 512.0) / 200.0;
     const double counts_per_step = 0.5 + 3.5 * std::exp(-x * x);
-    const double v = kDark + std::round(gain * shutter * counts_per_step);
+    const double v = kDarkLevel + std::round(gain * shutter * counts_per_step);
     return static_cast<uint16_t>(std::clamp(v, 0.0, static_cast<double>(kMaxSample)));
 }
 

@@ -24,6 +24,7 @@ inline constexpr uint8_t kBulkInEndpoint = 0x81;
 inline constexpr std::size_t kFilters = 1024;
 inline constexpr std::size_t kFrameBytes = 2 * kFilters;
 inline constexpr uint16_t kMaxSample = 4095;
+inline constexpr double kDarkLevel = 64;  // what a filter reads with no light, in DN
 
 // Class requests with no data stage (bmRequestType 0x21).
 inline constexpr uint8_t kStartStreaming = 70;
@@ -122,6 +123,9 @@ inline constexpr std::chrono::nanoseconds kControlBusTime{1000000};
 // (shutter x 912 + 160) / 10000 ms, 107.2 us at 1, 76.2 ms at 835.
 constexpr std::chrono::nanoseconds exposure_time(uint16_t shutter) {
     return std::chrono::nanoseconds((int64_t{shutter} * 912 + 160) * 100);
+}
+inline double exposure_ms(uint16_t shutter) {
+    return std::chrono::duration<double, std::milli>(exposure_time(shutter)).count();
 }
 
 class SensorModel {
