@@ -1,5 +1,6 @@
 #include "light_sources.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace orbsim {
@@ -7,6 +8,7 @@ namespace orbsim {
 namespace {
 
 constexpr double kSecondRadiationConstant = 1.4388e7;  // hc/k in nm K
+constexpr double kPi = 3.14159265358979323846;
 
 double planck_raw(double nm, double kelvin) {
     return std::pow(nm, -5.0) / std::expm1(kSecondRadiationConstant / (nm * kelvin));
@@ -83,6 +85,68 @@ Spectrum fluorescent_spectrum() {
 Spectrum laser_spectrum(double nm) {
     Spectrum s;
     s.lines = {{nm, 1.0}};
+    return s;
+}
+
+Spectrum line_spectrum(double nm, double fwhm) {
+    // With unit area, the band's integrals over a stretch [a, b]:
+    // area(a, b) and first(a, b) = the integral of (x - nm) x band.
+    const double sigma = fwhm / std::sqrt(8 * std::log(2.0));
+    const auto cdf = [&](double x) { return 0.5 * std::erfc(-(x - nm) / (sigma * std::sqrt(2.0))); };
+    const auto pdf = [&](double x) { return gauss(x, nm, sigma) / (sigma * std::sqrt(2 * kPi)); };
+    const auto area = [&](double a, double b) { return cdf(b) - cdf(a); };
+    const auto first = [&](double a, double b) { return sigma * sigma * (pdf(a) - pdf(b)); };
+
+    Spectrum s;
+    const double reach = 8 * sigma + kStepNm;
+    for (std::size_t k = 0; k < kGridPoints; k++) {
+        const double x = grid_nm(k);
+        if (std::abs(x - nm) > reach) continue;
+        // The triangle of grid point k: rising from x - step, falling to x + step.
+        const double left = x - kStepNm, right = x + kStepNm;
+        double w = 0;
+        // Beyond either end of the grid the curves are taken to go on as
+        // they are at the end, so a band there is seen whole.
+        if (k > 0) w += (first(left, x) + (nm - left) * area(left, x)) / kStepNm;
+        else w += cdf(x);
+        if (k + 1 < kGridPoints) w += ((right - nm) * area(x, right) - first(x, right)) / kStepNm;
+        else w += 1 - cdf(x);
+        // w photons, as power per nm at x.
+        s.continuum[k] = w * 550 / x / kStepNm;
+    }
+    return s;
+}
+
+Spectrum piecewise_spectrum(const std::vector<std::pair<double, double>>& points) {
+    Spectrum s;
+    if (points.size() < 2) return s;
+    const auto value = [&](double x) {
+        auto hi = std::upper_bound(points.begin(), points.end(), x,
+                                   [](double v, const std::pair<double, double>& p) { return v < p.first; });
+        if (hi == points.begin() || hi == points.end()) return x == points.back().first ? points.back().second : 0.0;
+        const auto lo = hi - 1;
+        return lo->second + (hi->second - lo->second) * (x - lo->first) / (hi->first - lo->first);
+    };
+    // Every stretch between consecutive breakpoints (the points' and the
+    // grid's) is linear in both the spectrum and the triangles, so Simpson's
+    // rule gives each triangle's share exactly.
+    std::vector<double> cuts;
+    for (const auto& p : points) cuts.push_back(p.first);
+    for (std::size_t k = 0; k < kGridPoints; k++) cuts.push_back(grid_nm(k));
+    std::sort(cuts.begin(), cuts.end());
+    const double lo = std::max(kMinNm, points.front().first), hi = std::min(kMaxNm, points.back().first);
+    for (std::size_t j = 0; j + 1 < cuts.size(); j++) {
+        const double a = cuts[j], b = cuts[j + 1];
+        if (b <= a || a < lo || b > hi) continue;
+        const auto k = std::min(static_cast<std::size_t>((a - kMinNm) / kStepNm), kGridPoints - 2);
+        const double x0 = grid_nm(k), m = (a + b) / 2;
+        const double fa = value(a), fm = value(m), fb = value(b);
+        const auto rise = [&](double x) { return (x - x0) / kStepNm; };  // grid point k + 1's triangle
+        const double to_next = (b - a) / 6 * (fa * rise(a) + 4 * fm * rise(m) + fb * rise(b));
+        const double stretch = (b - a) / 6 * (fa + 4 * fm + fb);
+        s.continuum[k] += (stretch - to_next) / kStepNm;
+        s.continuum[k + 1] += to_next / kStepNm;
+    }
     return s;
 }
 

@@ -42,8 +42,10 @@ const char kUsage[] =
     "  --sensors N             emulated sensors on bus 1 (default 1, at most 80)\n"
     "  --led                   an LED module after them\n"
     "  --frames KIND           light (default), counter or constant=V (0..4095)\n"
-    "  --scene 'NAME [...]'    every sensor looks at a light source, as the scene\n"
+    "  --scene 'LIGHT [...]'   every sensor looks at a light source, as the scene\n"
     "                          command below (e.g. --scene 'halogen 0.8 --flicker 100')\n"
+    "  --units nominal|own     own (default): each sensor's filters are its own unit's,\n"
+    "                          seeded by its identity; nominal: the model as designed\n"
     "  --frame-period-us P     at least P microseconds from one frame to the next\n"
     "  --timing realistic|fast realistic (default): frames and control transfers take\n"
     "                          the time they take on a full-speed bus; fast: at once\n"
@@ -114,8 +116,17 @@ int ctl(int argc, char** argv) {
     }
     if (path.empty()) return usage("ctl: no socket given and ORB_EMULATE_CONTROL is not set");
     if (first >= argc) return usage("ctl: no control command given");
+    // The emulator reads a `file` scene from its own working directory, so
+    // a relative path is made this shell's.
     std::string line;
-    for (int i = first; i < argc; i++) line += (i > first ? " " : "") + std::string(argv[i]);
+    for (int i = first; i < argc; i++) {
+        std::string word = argv[i];
+        if (i > first && std::strcmp(argv[i - 1], "file") == 0 && !word.empty() && word[0] != '/') {
+            char cwd[PATH_MAX];
+            if (getcwd(cwd, sizeof cwd)) word = std::string(cwd) + "/" + word;
+        }
+        line += (i > first ? " " : "") + word;
+    }
     std::string answer, why;
     if (!orbsim::send_command(path, line, &answer, &why)) {
         std::fprintf(stderr, "orb-emulate ctl: %s\n", why.c_str());
@@ -130,8 +141,8 @@ struct Options {
     bool led = false;
     orbsim::Timing timing = orbsim::Timing::Realistic;
     orbsim::FrameGenerator frames = orbsim::light_frames();
-    bool scene = false;
-    orbsim::SceneSettings scene_settings;
+    bool scene = false, nominal_units = false;
+    orbsim::Scene scene_settings;
     std::string control, script;
     std::vector<orbsim::TimedCommand> timed;
 };
@@ -170,6 +181,10 @@ int parse_options(int argc, char** argv, Options* o) {
             if (!orbsim::parse_scene(orbsim::split_words(next), &o->scene_settings, &why))
                 return usage("--scene: " + why), -1;
             o->scene = true;
+            i++;
+        } else if (a == "--units") {
+            if (next != "nominal" && next != "own") return usage("--units wants nominal or own"), -1;
+            o->nominal_units = next == "nominal";
             i++;
         } else if (a == "--control" || a == "--script") {
             if (!has_value || next.empty()) return usage(a + " wants a path"), -1;
@@ -238,14 +253,15 @@ int main(int argc, char** argv) {
     orbsim::Testbed testbed;
     for (long n = 0; n < o.sensors; n++) {
         orbsim::Sensor& s = testbed.add_sensor();
-        s.set_frame_generator(o.scene ? orbsim::scene_frames(o.scene_settings, static_cast<uint64_t>(o.seed + n))
-                                      : o.frames);
+        s.set_frame_generator(o.frames);
         s.set_frame_period(std::chrono::microseconds(o.period_us));
         s.set_timing(o.timing);
     }
     if (o.led) testbed.add_led_module();
 
-    orbsim::ControlCommands control(testbed, static_cast<uint64_t>(o.seed));
+    orbsim::ControlCommands control(testbed, static_cast<uint64_t>(o.seed), o.nominal_units);
+    if (o.scene)
+        for (long n = 0; n < o.sensors; n++) control.show(static_cast<std::size_t>(n), o.scene_settings);
     const auto run = [&control](const std::string& line) { return control.run(line); };
     if (o.control.empty()) o.control = testbed.root_dir() + "/control";
     std::unique_ptr<orbsim::ControlServer> server;

@@ -230,9 +230,17 @@ void SensorModel::clear_faults_locked() {
     hung_ = false;
 }
 
-void SensorModel::set_frame_generator(FrameGenerator generator) {
-    std::lock_guard<std::mutex> lock(mu_);
-    generator_ = std::move(generator);
+void SensorModel::set_frame_generator(FrameGenerator generator, Clock::time_point now) {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        generator_ = std::move(generator);
+        if (streaming_ && timing_ == Timing::Realistic) {
+            next_shutter_ = shutter_locked();
+            next_due_ = std::max(next_due_, now + std::max<std::chrono::nanoseconds>(
+                                                      period_, exposure_time(next_shutter_) + kFrameBusTime));
+        }
+    }
+    changed();
 }
 
 void SensorModel::set_frame_period(std::chrono::microseconds period) {

@@ -174,7 +174,12 @@ public:
     void power_on();
 
     // Streaming. The default is light_frames() as fast as the host reads.
-    void set_frame_generator(FrameGenerator generator);
+    // A new generator is what the sensor sees from `now` on: in realistic
+    // timing the exposure under way is thrown away and a new one starts, so
+    // the next frame sent comes an exposure and its bus time later and
+    // shows only the new light; no frame exposed before `now` is sent after
+    // it (but the rest of a frame already partly sent).
+    void set_frame_generator(FrameGenerator generator, Clock::time_point now = Clock::now());
     // Minimum time from one frame to the next; the first frame comes one
     // period after streaming starts. Zero: whenever the host asks.
     void set_frame_period(std::chrono::microseconds period);

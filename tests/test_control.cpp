@@ -5,13 +5,19 @@
 #include <gtest/gtest.h>
 #include <libusb.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
 #include "control_commands.h"
 #include "control_script.h"
 #include "control_socket.h"
+#include "scenes.h"
 #include "sim_usb.h"
 
 using namespace std::chrono_literals;
@@ -51,6 +57,10 @@ TEST_F(ControlChannel, RefusesWhatItCannotDoAndNamesTheCulprit) {
         {"frames 0 constant=4096", "usage: frames N"},
         {"frames 2 counter", "device 2 is an LED module"},
         {"scene 0 candle", "candle"},
+        {"scene 0 line 0.5", "'line' needs --nm"},
+        {"units 0", "usage: units N nominal|own"},
+        {"units 0 mine", "usage: units N nominal|own"},
+        {"units 2 nominal", "device 2 is an LED module"},
     };
     for (const auto& [line, why] : refused) {
         const std::string answer = control.run(line);
@@ -104,10 +114,76 @@ TEST_F(ControlChannel, StatusSaysWhereEachDeviceIsAndWhatItDoes) {
     s1.bulk_in(orbsim::SensorModel::Clock::now(), orbsim::kFrameBytes);
     tb.unplug(led);
     EXPECT_EQ(control.run("status"),
-              "0 001/002 sensor plugged=yes streaming=no shutter=835 frames=0\n"
-              "1 001/003 sensor plugged=yes streaming=yes shutter=0 frames=1\n"
-              "2 001/004 led plugged=no streaming=no shutter=0 frames=0\n"
+              "0 001/002 sensor plugged=yes streaming=no shutter=835 frames=0 unit=109a472885\n"
+              "1 001/003 sensor plugged=yes streaming=yes shutter=0 frames=1 unit=109a472a85\n"
+              "2 001/004 led plugged=no streaming=no shutter=0 frames=0 unit=none\n"
               "ok");
+}
+
+// Each sensor is its own unit until made nominal, and back: under one line
+// the two sensors' frames differ as two units do, the nominal ones do not.
+TEST_F(ControlChannel, UnitsAreEachSensorsOwnUntilMadeNominal) {
+    const auto frame = [](orbsim::Sensor& s) {
+        s.handle_control({0x21, orbsim::kStartStreaming, 0, 1, 0});
+        const auto r = s.bulk_in(orbsim::SensorModel::Clock::now(), orbsim::kFrameBytes);
+        std::array<double, orbsim::kFilters> v{};
+        for (std::size_t i = 0; i < orbsim::kFilters; i++) v[i] = r.data.at(2 * i) << 4 | r.data.at(2 * i + 1) >> 4;
+        return v;
+    };
+    // How far a frame's lit filters are from the noise-free frame of a
+    // unit, in standard deviations.
+    const auto misfit = [](const std::array<double, orbsim::kFilters>& v, const orbsim::Unit& unit) {
+        orbsim::Scene line;
+        std::string why;
+        EXPECT_TRUE(orbsim::parse_scene({"line", "--nm", "532.4", "0.2"}, &line, &why));
+        const auto mean = orbsim::scene_mean(line, 20, 0, unit);
+        double sum = 0;
+        int lit = 0;
+        for (std::size_t i = 0; i < orbsim::kFilters; i++) {
+            if (mean[i] - orbsim::kDarkLevel < 20) continue;
+            sum += std::abs(v[i] - mean[i]) / std::sqrt((mean[i] - orbsim::kDarkLevel) / orbsim::kConversionGain + 9);
+            lit++;
+        }
+        EXPECT_GT(lit, 10);
+        return sum / lit;
+    };
+    for (auto* s : {&s0, &s1}) s->set_reg(37, 0), s->set_reg(5, 20);
+    EXPECT_EQ(control.run("scene 0 line --nm 532.4 0.2"), "ok");
+    EXPECT_EQ(control.run("scene 1 line --nm 532.4 0.2"), "ok");
+    const auto own0 = frame(s0), own1 = frame(s1);
+    const orbsim::Unit &unit0 = orbsim::Unit::of(s0.identity()), &unit1 = orbsim::Unit::of(s1.identity());
+    EXPECT_LT(misfit(own0, unit0), 1.2);  // noise alone: about 0.8
+    EXPECT_LT(misfit(own1, unit1), 1.2);
+    EXPECT_GT(misfit(own0, unit1), 1.5);
+    EXPECT_GT(misfit(own1, unit0), 1.5);
+
+    EXPECT_EQ(control.run("units 0 nominal"), "ok");  // the scene in place, through nominal filters
+    EXPECT_LT(misfit(frame(s0), orbsim::Unit::nominal()), 1.2);
+    EXPECT_NE(control.run("status").find("0 001/002 sensor plugged=yes streaming=yes shutter=20 frames=2 unit=nominal\n"),
+              std::string::npos);
+    EXPECT_EQ(control.run("units 0 own"), "ok");
+    EXPECT_LT(misfit(frame(s0), unit0), 1.2);
+
+    // The launcher's --units nominal.
+    orbsim::ControlCommands nominal(tb, 7, true);
+    EXPECT_NE(nominal.run("status").find(" unit=nominal\n1 "), std::string::npos);
+}
+
+// A scene from a file that cannot be used is refused with the file's line
+// and why; the sensor goes on showing what it showed.
+TEST_F(ControlChannel, ABadSpectrumFileLeavesTheSceneInPlace) {
+    const std::string path = tb.root_dir() + "/lamp.csv";
+    std::ofstream(path) << "wavelength_nm,value\n400,1\n380,2\n";
+    EXPECT_EQ(control.run("scene 0 constant"), "error: unknown scene 'constant' (one of dark, halogen, white-led, "
+                                               "fluorescent, laser, sun, line, file)");
+    EXPECT_EQ(control.run("frames 0 constant=777"), "ok");
+    EXPECT_EQ(control.run("scene 0 file " + path),
+              "error: " + path + " line 3: wavelength 380 nm is not above the one before (400 nm)");
+    s0.handle_control({0x21, orbsim::kStartStreaming, 0, 1, 0});
+    const auto r = s0.bulk_in(orbsim::SensorModel::Clock::now(), orbsim::kFrameBytes);
+    EXPECT_EQ(r.data.at(0) << 4 | r.data.at(1) >> 4, 777);
+    std::ofstream(path) << "400,1\n500,1\n";
+    EXPECT_EQ(control.run("scene 0 file " + path + " 0.5 + laser --nm 700 0.1"), "ok");
 }
 
 // A replugged sensor is a new device to a host: its old handle is dead, it
@@ -146,6 +222,111 @@ TEST_F(ControlChannel, ReplugComesBackAsANewDeviceAtPowerOn) {
     EXPECT_EQ(libusb_control_transfer(h, 0xA1, 36, 0, 0, &b, 1, 1000), 1);
     EXPECT_EQ(b, 0);
     libusb_close(h);
+}
+
+// A sweep changes the scene while the sensor streams at its real pace. Each
+// `scene` answers at once (the median within 5 ms), and from the answer on
+// the host gets only frames exposed under the new light: the frame being
+// exposed at the change is not sent, the next one comes a whole exposure
+// later, and no frame is a mix of two lights.
+TEST(ControlChannelTiming, ASceneAnswersAtOnceAndNoFrameOfTheOldOneFollows) {
+    using Clock = std::chrono::steady_clock;
+    orbsim::Testbed tb;
+    orbsim::Sensor& s = tb.add_sensor();
+    s.set_timing(orbsim::Timing::Realistic);
+    orbsim::ControlCommands control(tb, 3);
+    ASSERT_EQ(control.run("scene 0 dark"), "ok");
+    constexpr uint16_t kShutter = 300;  // 27.4 ms
+
+    // What each light looks like, to tell every frame's light by all its filters.
+    const orbsim::Unit& unit = orbsim::Unit::of(s.identity());
+    std::array<std::array<double, orbsim::kFilters>, 2> means;
+    for (int k = 0; k < 2; k++) {
+        orbsim::Scene scene;
+        std::string why;
+        ASSERT_TRUE(orbsim::parse_scene({k ? "halogen" : "dark", "0.5"}, &scene, &why));
+        means[k] = orbsim::scene_mean(scene, kShutter, 0, unit);
+    }
+    const auto light_of = [&](const std::vector<uint8_t>& data) {
+        int fits[2] = {0, 0};
+        for (std::size_t i = 0; i < orbsim::kFilters; i++) {
+            const double v = data[2 * i] << 4 | data[2 * i + 1] >> 4;
+            for (int k = 0; k < 2; k++) {
+                const double sd = std::sqrt((means[k][i] - orbsim::kDarkLevel) / orbsim::kConversionGain + 9);
+                fits[k] += std::abs(v - means[k][i]) < 6 * sd;
+            }
+        }
+        return fits[0] == int(orbsim::kFilters) ? 0 : fits[1] == int(orbsim::kFilters) ? 1 : -1;  // -1: a mix
+    };
+
+    Usb usb;
+    libusb_device_handle* h = usb.open(s);
+    ASSERT_NE(h, nullptr);
+    ASSERT_EQ(libusb_claim_interface(h, 0), 0);
+    unsigned char b = 0;
+    ASSERT_EQ(libusb_control_transfer(h, 0xA1, 37, kShutter >> 8, 0, &b, 1, 1000), 1);
+    ASSERT_EQ(libusb_control_transfer(h, 0xA1, 5, kShutter & 0xFF, 0, &b, 1, 1000), 1);
+    ASSERT_EQ(libusb_control_transfer(h, 0x21, orbsim::kStartStreaming, 0, 0, nullptr, 0, 1000), 0);
+
+    struct Received {
+        int light;
+        Clock::time_point at;
+    };
+    std::vector<Received> received;  // in the order sent: the n-th is the sensor's n-th frame
+    std::mutex mu;
+    std::atomic<bool> stop{false};
+    std::thread host([&] {
+        std::vector<uint8_t> data(orbsim::kFrameBytes);
+        while (!stop) {
+            int got = 0;
+            const int r = libusb_bulk_transfer(h, orbsim::kBulkInEndpoint, data.data(), int(data.size()), &got, 1000);
+            if (r != 0 || got != int(data.size())) continue;
+            std::lock_guard<std::mutex> lock(mu);
+            received.push_back({light_of(data), Clock::now()});
+        }
+    });
+    struct Change {
+        int light;
+        uint64_t sent_before, sent_by_answer;
+        Clock::time_point at;
+        double answer_ms;
+    };
+    std::vector<Change> changes;
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    for (int k = 0; k < 12; k++) {
+        const int light = (k + 1) % 2;
+        Change c{light, s.frames_sent(), 0, Clock::now(), 0};
+        EXPECT_EQ(control.run(light ? "scene 0 halogen 0.5" : "scene 0 dark 0.5"), "ok");
+        c.answer_ms = std::chrono::duration<double, std::milli>(Clock::now() - c.at).count();
+        c.sent_by_answer = s.frames_sent();
+        changes.push_back(c);
+        std::this_thread::sleep_for(std::chrono::milliseconds(90 + 7 * k));  // two to four frames, at any phase
+    }
+    stop = true;
+    host.join();
+    libusb_close(h);
+
+    std::vector<double> answers;
+    for (const Change& c : changes) answers.push_back(c.answer_ms);
+    std::sort(answers.begin(), answers.end());
+    RecordProperty("scene_answer_ms_median", std::to_string(answers[answers.size() / 2]));
+    RecordProperty("scene_answer_ms_max", std::to_string(answers.back()));
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_LT(answers[answers.size() / 2], 5.0);
+#endif
+    std::lock_guard<std::mutex> lock(mu);
+    ASSERT_GT(received.size(), changes.back().sent_by_answer);
+    for (std::size_t n = 0; n < received.size(); n++) ASSERT_NE(received[n].light, -1) << "frame " << n + 1 << " is a mix";
+    for (std::size_t k = 0; k < changes.size(); k++) {
+        SCOPED_TRACE(k);
+        const Change& c = changes[k];
+        const uint64_t end = k + 1 < changes.size() ? changes[k + 1].sent_before : received.size();
+        ASSERT_LT(c.sent_by_answer, end);  // at least one frame of every light
+        // Every frame sent after the answer is the new light's...
+        for (uint64_t n = c.sent_by_answer; n < end; n++) EXPECT_EQ(received[n].light, c.light) << "frame " << n + 1;
+        // ...and the first of them was exposed after the change.
+        EXPECT_GE(received[c.sent_by_answer].at - c.at, orbsim::exposure_time(kShutter));
+    }
 }
 
 TEST(ControlSocket, TwoControllersAtOnceEachGetWholeAnswers) {
