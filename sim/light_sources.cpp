@@ -119,33 +119,27 @@ Spectrum line_spectrum(double nm, double fwhm) {
 
 Spectrum piecewise_spectrum(const std::vector<std::pair<double, double>>& points) {
     Spectrum s;
-    if (points.size() < 2) return s;
-    const auto value = [&](double x) {
-        auto hi = std::upper_bound(points.begin(), points.end(), x,
-                                   [](double v, const std::pair<double, double>& p) { return v < p.first; });
-        if (hi == points.begin() || hi == points.end()) return x == points.back().first ? points.back().second : 0.0;
-        const auto lo = hi - 1;
-        return lo->second + (hi->second - lo->second) * (x - lo->first) / (hi->first - lo->first);
-    };
     // Every stretch between consecutive breakpoints (the points' and the
     // grid's) is linear in both the spectrum and the triangles, so Simpson's
     // rule gives each triangle's share exactly.
-    std::vector<double> cuts;
-    for (const auto& p : points) cuts.push_back(p.first);
-    for (std::size_t k = 0; k < kGridPoints; k++) cuts.push_back(grid_nm(k));
-    std::sort(cuts.begin(), cuts.end());
-    const double lo = std::max(kMinNm, points.front().first), hi = std::min(kMaxNm, points.back().first);
-    for (std::size_t j = 0; j + 1 < cuts.size(); j++) {
-        const double a = cuts[j], b = cuts[j + 1];
-        if (b <= a || a < lo || b > hi) continue;
-        const auto k = std::min(static_cast<std::size_t>((a - kMinNm) / kStepNm), kGridPoints - 2);
-        const double x0 = grid_nm(k), m = (a + b) / 2;
-        const double fa = value(a), fm = value(m), fb = value(b);
-        const auto rise = [&](double x) { return (x - x0) / kStepNm; };  // grid point k + 1's triangle
-        const double to_next = (b - a) / 6 * (fa * rise(a) + 4 * fm * rise(m) + fb * rise(b));
-        const double stretch = (b - a) / 6 * (fa + 4 * fm + fb);
-        s.continuum[k] += (stretch - to_next) / kStepNm;
-        s.continuum[k + 1] += to_next / kStepNm;
+    for (std::size_t j = 0; j + 1 < points.size(); j++) {
+        const auto [x0, y0] = points[j];
+        const auto [x1, y1] = points[j + 1];
+        const auto value = [&](double x) { return y0 + (y1 - y0) * (x - x0) / (x1 - x0); };
+        double a = std::max(x0, kMinNm);
+        const double end = std::min(x1, kMaxNm);
+        while (a < end) {
+            const auto k = std::min(static_cast<std::size_t>((a - kMinNm) / kStepNm), kGridPoints - 2);
+            const double g = grid_nm(k), b = std::min(end, g + kStepNm), m = (a + b) / 2;
+            if (b <= a) break;  // rounding at the end of the grid
+            const double fa = value(a), fm = value(m), fb = value(b);
+            const auto rise = [&](double x) { return (x - g) / kStepNm; };  // grid point k + 1's triangle
+            const double to_next = (b - a) / 6 * (fa * rise(a) + 4 * fm * rise(m) + fb * rise(b));
+            const double stretch = (b - a) / 6 * (fa + 4 * fm + fb);
+            s.continuum[k] += (stretch - to_next) / kStepNm;
+            s.continuum[k + 1] += to_next / kStepNm;
+            a = b;
+        }
     }
     return s;
 }

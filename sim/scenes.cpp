@@ -80,10 +80,11 @@ const Scales& scales() {
     return s;
 }
 
-// DN per ms per unit of photon_response for one light at brightness 1.
-double light_scale(const SceneSettings& light) {
+// DN per ms per unit of photon_response for one light at brightness 1,
+// whose spectrum is `s`.
+double light_scale(const SceneSettings& light, const Spectrum& s) {
     if (light.name == "line") return scales().line;
-    if (light.name == "file") return saturating_scale(light_spectrum(light));
+    if (light.name == "file") return saturating_scale(s);
     for (const auto& [n, scale] : scales().named)
         if (n == light.name) return scale;
     return 0;
@@ -100,8 +101,9 @@ struct Rates {
 
 Rates rates_for(const SceneSettings& light, const FilterBank& bank) {
     Rates r;
-    const double scale = light_scale(light) * light.brightness;
-    r.steady = photon_response(light_spectrum(light), bank);
+    const Spectrum s = light_spectrum(light);
+    const double scale = light_scale(light, s) * light.brightness;
+    r.steady = photon_response(s, bank);
     for (double& v : r.steady) v *= scale;
     if (light.drift_s > 0 && light.name == "halogen") {
         r.drifted = photon_response(halogen_spectrum(kDriftKelvin), bank);
@@ -171,7 +173,7 @@ Spectrum scene_spectrum(const Scene& scene) {
     Spectrum sum;
     for (const SceneSettings& light : scene.lights) {
         const Spectrum s = light_spectrum(light);
-        const double scale = light_scale(light) * light.brightness;
+        const double scale = light_scale(light, s) * light.brightness;
         for (std::size_t k = 0; k < kGridPoints; k++) sum.continuum[k] += scale * s.continuum[k];
         for (const SpectralLine& line : s.lines) sum.lines.push_back({line.nm, scale * line.power});
     }
