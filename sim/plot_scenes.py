@@ -184,13 +184,14 @@ def sweep_figure(tool, out):
                      f" shutter {shutter} ({exposure_ms(tool, shutter):.2f} ms)", fontsize=9)
 
     # The exposure that puts the brightest filter at 3500 DN, on the nominal unit.
+    dark = column(dump(tool, "--shutter", 1, "dark"), "mean")
     grid = np.arange(340, 1101, 2.0)
     rate = []
     for nm in grid:
         rows = dump(tool, "--shutter", 1, "line", "--nm", nm, "--fwhm", "1")
-        rate.append((column(rows, "mean").max() - 64) / exposure_ms(tool, 1))
+        rate.append((column(rows, "mean") - dark).max() / exposure_ms(tool, 1))
     rate = np.array(rate)
-    pace_ax.semilogy(grid, 3436 / rate, color="#1f3f73")
+    pace_ax.semilogy(grid, (3500 - dark.max()) / rate, color="#1f3f73")
     pace_ax.axhline(exposure_ms(tool, 3000), color="#c33", lw=0.6, ls=":")
     pace_ax.text(345, exposure_ms(tool, 3000) * 1.1, "shutter 3000", fontsize=7, color="#c33")
     pace_ax.set_ylabel("exposure to 3500 DN (ms)")
@@ -207,7 +208,7 @@ def sweep_figure(tool, out):
     ratios = []
     for nm in grid:
         rows = dump(tool, "--shutter", 1, "line", "--nm", nm, "--fwhm", "0.1")
-        ratios.append((column(rows, "mean") - 64).sum() / np.interp(nm, curve_nm, summed))
+        ratios.append((column(rows, "mean") - dark).sum() / np.interp(nm, curve_nm, summed))
     ratios = np.array(ratios)
     flat_ax.plot(grid, ratios / ratios.mean(), color="#1f3f73")
     flat_ax.set_ylim(0.95, 1.05)

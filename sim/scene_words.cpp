@@ -36,14 +36,8 @@ const Option kOptions[] = {
 const char kKnown[] = "one of dark, halogen, white-led, fluorescent, laser, sun, line, file";
 
 std::string range_text(double min, double max, const char* unit) {
-    auto text = [](double v) {
-        std::string s = std::to_string(v);
-        s.erase(s.find_last_not_of('0') + 1);
-        if (s.back() == '.') s.pop_back();
-        return s;
-    };
     std::string u = *unit ? std::string(" ") + unit : "";
-    return text(min) + u + " to " + text(max) + u;
+    return number_text(min) + u + " to " + number_text(max) + u;
 }
 
 bool parse_light(const std::vector<std::string>& words, SceneSettings* out, std::string* why) {

@@ -18,14 +18,14 @@ std::string trimmed(const std::string& s) {
     return s.substr(first, s.find_last_not_of(" \t\r") - first + 1);
 }
 
+}  // namespace
+
 std::string number_text(double v) {
     std::string s = std::to_string(v);
     s.erase(s.find_last_not_of('0') + 1);
     if (s.back() == '.') s.pop_back();
     return s;
 }
-
-}  // namespace
 
 bool parse_number(const std::string& word, double* value) {
     if (word.empty()) return false;

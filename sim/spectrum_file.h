@@ -20,6 +20,8 @@ bool read_spectrum_file(const std::string& path, std::vector<std::pair<double, d
 
 // Whether the whole word is one finite number.
 bool parse_number(const std::string& word, double* value);
+// A number as a person writes it: 340, 0.1, 1000000.
+std::string number_text(double v);
 
 }  // namespace orbsim
 
