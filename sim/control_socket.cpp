@@ -84,12 +84,12 @@ ControlServer::ControlServer(const std::string& path, Handler handler) : impl_(s
     const auto bound = [&] { return bind(s.listen_fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0; };
     bool ready = bound();
     if (!ready && errno == EADDRINUSE) {
-        // A socket nobody answers on is left over from a bench that died.
+        // A socket nobody answers on is left over from an emulator that died.
         const int other = connect_to(path);
         if (other >= 0) {
             close(other);
             close(s.listen_fd);
-            throw std::runtime_error("another bench is listening on " + path);
+            throw std::runtime_error("another emulator is listening on " + path);
         }
         unlink(path.c_str());
         ready = bound();
@@ -174,7 +174,7 @@ bool send_command(const std::string& path, const std::string& line, std::string*
         return false;
     }
     if (fd < 0) {
-        *why = "cannot reach the bench at " + path + ": " + std::strerror(errno);
+        *why = "cannot reach the emulator at " + path + ": " + std::strerror(errno);
         return false;
     }
     answer->clear();
@@ -192,7 +192,7 @@ bool send_command(const std::string& path, const std::string& line, std::string*
     }
     close(fd);
     if (!sent) {
-        *why = "the bench at " + path + " closed the connection";
+        *why = "the emulator at " + path + " closed the connection";
         return false;
     }
     *answer = got;

@@ -1,7 +1,7 @@
 #ifndef ORB_SIM_CONTROL_SOCKET_H
 #define ORB_SIM_CONTROL_SOCKET_H
 
-// The bench's control channel: a Unix stream socket that takes one command
+// The emulator's control channel: a Unix stream socket that takes one command
 // per line and sends back its answer, whose last line is "ok" or
 // "error: <why>". Any number of controllers may be connected at once.
 
@@ -27,8 +27,8 @@ private:
     std::shared_ptr<Impl> impl_;
 };
 
-// Sends `line` to the bench at `path` and puts its whole answer in *answer.
-// false, with the reason in *why, when the bench cannot be reached.
+// Sends `line` to the emulator at `path` and puts its whole answer in *answer.
+// false, with the reason in *why, when the emulator cannot be reached.
 bool send_command(const std::string& path, const std::string& line, std::string* answer, std::string* why);
 
 }  // namespace orbsim

@@ -76,32 +76,41 @@ double filter_centre_nm(std::size_t filter) {
 
 double filter_width_nm(std::size_t filter) { return filter_centre_nm(filter) / kResolvingPower; }
 
+FilterShape nominal_shape(std::size_t filter) {
+    const double c = filter_centre_nm(filter);
+    return {c, filter_width_nm(filter), peak_transmission(c), kLeak};
+}
+
 double silicon_qe(double nm) {
     const double length = absorption_um(nm);
     return kSurfaceTransmission * (std::exp(-kDeadLayerUm / length) - std::exp(-kCollectionUm / length));
 }
 
-double filter_transmission(std::size_t filter, double nm) {
-    const double c = filter_centre_nm(filter);
-    const double w = filter_width_nm(filter);
+double filter_transmission(const FilterShape& f, double nm) {
+    const double c = f.centre_nm;
+    const double w = f.width_nm;
     const double shorter = c * kOrder / (kOrder + 1);
     const double longer = c * kOrder / (kOrder - 1);
     const double t = resonance(nm, c, w) + kShortLobe * resonance(nm, shorter, w * shorter / c) +
                      kLongLobe * resonance(nm, longer, w * longer / c);
-    return std::min(1.0, peak_transmission(c) * t + kLeak);
+    return std::min(1.0, f.peak * t + f.leak);
 }
 
-const FilterBank& FilterBank::get() {
-    static const FilterBank bank;
+const FilterBank& FilterBank::nominal() {
+    static const FilterBank bank = [] {
+        std::vector<FilterShape> shapes(kFilters);
+        for (std::size_t i = 0; i < kFilters; i++) shapes[i] = nominal_shape(i);
+        return FilterBank(shapes);
+    }();
     return bank;
 }
 
-FilterBank::FilterBank() : response_(kFilters * kGridPoints) {
+FilterBank::FilterBank(const std::vector<FilterShape>& filters) : response_(kFilters * kGridPoints) {
     std::array<double, kGridPoints> qe;
     for (std::size_t k = 0; k < kGridPoints; k++) qe[k] = silicon_qe(grid_nm(k));
     for (std::size_t i = 0; i < kFilters; i++)
         for (std::size_t k = 0; k < kGridPoints; k++)
-            response_[i * kGridPoints + k] = static_cast<float>(filter_transmission(i, grid_nm(k)) * qe[k]);
+            response_[i * kGridPoints + k] = static_cast<float>(filter_transmission(filters.at(i), grid_nm(k)) * qe[k]);
 }
 
 double FilterBank::at(std::size_t filter, double nm) const {

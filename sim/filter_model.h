@@ -22,23 +22,37 @@ inline constexpr std::size_t kGridPoints = 761;  // (kMaxNm - kMinNm) / kStepNm 
 
 inline constexpr double grid_nm(std::size_t k) { return kMinNm + kStepNm * static_cast<double>(k); }
 
-// Filter i's pass band is centred here; the centres rise with the index and
-// span the grid.
+// Filter i's pass band is centred here in the nominal model; the centres
+// rise with the index and span the grid.
 double filter_centre_nm(std::size_t filter);
-// The pass band's full width at half maximum: a constant resolving power,
-// so the bands widen toward the infrared.
+// The nominal pass band's full width at half maximum: a constant resolving
+// power, so the bands widen toward the infrared.
 double filter_width_nm(std::size_t filter);
+
+// One filter of the stack: where its main pass band sits, how wide it is,
+// what it transmits at its centre, and what leaks through the blocking
+// layers everywhere else. A real unit's filters differ from the nominal
+// ones (units.h).
+struct FilterShape {
+    double centre_nm;
+    double width_nm;  // full width at half maximum
+    double peak;      // transmission at the centre, 0..1
+    double leak;      // transmission far from every pass band
+};
+FilterShape nominal_shape(std::size_t filter);
 
 // Quantum efficiency of the bare silicon photodiode (0..1).
 double silicon_qe(double nm);
 // The filter stack's transmission alone (0..1), computed, not sampled.
-double filter_transmission(std::size_t filter, double nm);
+double filter_transmission(const FilterShape& filter, double nm);
 
-// filter_transmission x silicon_qe, precomputed on the grid for all filters
-// the first time it is asked for (a few tens of milliseconds).
+// filter_transmission x silicon_qe, precomputed on the grid for a set of
+// 1024 filters (a few tens of milliseconds, 3 MB).
 class FilterBank {
 public:
-    static const FilterBank& get();
+    // The nominal filters, made the first time they are asked for.
+    static const FilterBank& nominal();
+    explicit FilterBank(const std::vector<FilterShape>& filters);
 
     // kGridPoints samples of filter i's response.
     const float* curve(std::size_t filter) const { return &response_[filter * kGridPoints]; }
@@ -47,7 +61,6 @@ public:
     double at(std::size_t filter, double nm) const;
 
 private:
-    FilterBank();
     std::vector<float> response_;  // kFilters rows of kGridPoints
 };
 

@@ -1,5 +1,6 @@
 #include "light_sources.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace orbsim {
@@ -7,6 +8,7 @@ namespace orbsim {
 namespace {
 
 constexpr double kSecondRadiationConstant = 1.4388e7;  // hc/k in nm K
+constexpr double kPi = 3.14159265358979323846;
 
 double planck_raw(double nm, double kelvin) {
     return std::pow(nm, -5.0) / std::expm1(kSecondRadiationConstant / (nm * kelvin));
@@ -83,6 +85,62 @@ Spectrum fluorescent_spectrum() {
 Spectrum laser_spectrum(double nm) {
     Spectrum s;
     s.lines = {{nm, 1.0}};
+    return s;
+}
+
+Spectrum line_spectrum(double nm, double fwhm) {
+    // With unit area, the band's integrals over a stretch [a, b]:
+    // area(a, b) and first(a, b) = the integral of (x - nm) x band.
+    const double sigma = fwhm / std::sqrt(8 * std::log(2.0));
+    const auto cdf = [&](double x) { return 0.5 * std::erfc(-(x - nm) / (sigma * std::sqrt(2.0))); };
+    const auto pdf = [&](double x) { return gauss(x, nm, sigma) / (sigma * std::sqrt(2 * kPi)); };
+    const auto area = [&](double a, double b) { return cdf(b) - cdf(a); };
+    const auto first = [&](double a, double b) { return sigma * sigma * (pdf(a) - pdf(b)); };
+
+    Spectrum s;
+    const double reach = 8 * sigma + kStepNm;
+    for (std::size_t k = 0; k < kGridPoints; k++) {
+        const double x = grid_nm(k);
+        if (std::abs(x - nm) > reach) continue;
+        // The triangle of grid point k: rising from x - step, falling to x + step.
+        const double left = x - kStepNm, right = x + kStepNm;
+        double w = 0;
+        // Beyond either end of the grid the curves are taken to go on as
+        // they are at the end, so a band there is seen whole.
+        if (k > 0) w += (first(left, x) + (nm - left) * area(left, x)) / kStepNm;
+        else w += cdf(x);
+        if (k + 1 < kGridPoints) w += ((right - nm) * area(x, right) - first(x, right)) / kStepNm;
+        else w += 1 - cdf(x);
+        // w photons, as power per nm at x.
+        s.continuum[k] = w * 550 / x / kStepNm;
+    }
+    return s;
+}
+
+Spectrum piecewise_spectrum(const std::vector<std::pair<double, double>>& points) {
+    Spectrum s;
+    // Every stretch between consecutive breakpoints (the points' and the
+    // grid's) is linear in both the spectrum and the triangles, so Simpson's
+    // rule gives each triangle's share exactly.
+    for (std::size_t j = 0; j + 1 < points.size(); j++) {
+        const auto [x0, y0] = points[j];
+        const auto [x1, y1] = points[j + 1];
+        const auto value = [&](double x) { return y0 + (y1 - y0) * (x - x0) / (x1 - x0); };
+        double a = std::max(x0, kMinNm);
+        const double end = std::min(x1, kMaxNm);
+        while (a < end) {
+            const auto k = std::min(static_cast<std::size_t>((a - kMinNm) / kStepNm), kGridPoints - 2);
+            const double g = grid_nm(k), b = std::min(end, g + kStepNm), m = (a + b) / 2;
+            if (b <= a) break;  // rounding at the end of the grid
+            const double fa = value(a), fm = value(m), fb = value(b);
+            const auto rise = [&](double x) { return (x - g) / kStepNm; };  // grid point k + 1's triangle
+            const double to_next = (b - a) / 6 * (fa * rise(a) + 4 * fm * rise(m) + fb * rise(b));
+            const double stretch = (b - a) / 6 * (fa + 4 * fm + fb);
+            s.continuum[k] += (stretch - to_next) / kStepNm;
+            s.continuum[k + 1] += to_next / kStepNm;
+            a = b;
+        }
+    }
     return s;
 }
 

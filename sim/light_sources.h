@@ -6,6 +6,7 @@
 // physics of each source; the numbers are plausible, not measured.
 
 #include <array>
+#include <utility>
 #include <vector>
 
 #include "filter_model.h"
@@ -18,6 +19,12 @@ struct SpectralLine {
     double power;
 };
 
+// The curves are linear between grid points, so a continuum meets them
+// exactly through its average over each grid point's triangle (the point
+// and its neighbours, weighted by distance): that is what `continuum`
+// holds. A spectrum smooth on the scale of a nm is its value at the grid
+// point; a band narrower than a step spreads over the two or three points
+// around it, its power and its mean wavelength kept.
 struct Spectrum {
     std::array<double, kGridPoints> continuum{};  // power per nm at grid_nm(k)
     std::vector<SpectralLine> lines;
@@ -39,6 +46,15 @@ Spectrum white_led_spectrum();
 Spectrum fluorescent_spectrum();
 // One line.
 Spectrum laser_spectrum(double nm);
+// A monochromator's output: a Gaussian band of full width `fwhm` around
+// `nm` (any fraction of a nm) that carries the same number of photons
+// wherever it is centred: one unit of photons, counted as the scenes count
+// them (power x nm / 550). What reaches past either end of the grid is seen
+// at that end.
+Spectrum line_spectrum(double nm, double fwhm);
+// A spectrum given as (nm, power per nm) points in ascending order: linear
+// between them, zero outside them and outside the grid.
+Spectrum piecewise_spectrum(const std::vector<std::pair<double, double>>& points);
 // Daylight: a 5778 K blackbody through the atmosphere (Rayleigh scattering,
 // the strongest Fraunhofer lines, the oxygen and water bands).
 Spectrum sun_spectrum();

@@ -1,7 +1,7 @@
 /* Preloaded by orb-emulate in front of umockdev's preload: opening an
  * emulated device node whose mode grants nobody access fails with EACCES,
  * for root too. Root's CAP_DAC_OVERRIDE would otherwise open it anyway, and
- * the bench's refused-open fault would reach only programs run by other
+ * the emulator's refused-open fault would reach only programs run by other
  * users. Everything else goes straight through. */
 #define _GNU_SOURCE
 #include <dlfcn.h>

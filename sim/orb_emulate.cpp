@@ -1,4 +1,4 @@
-// orb-emulate: runs any program against a bench of emulated sensors, which a
+// orb-emulate: runs any program against emulated sensors, which a
 // person, a script or a test drives from outside while the program runs.
 //
 // The testbed lives in this process; the command and every process it starts
@@ -21,8 +21,8 @@
 #include <memory>
 #include <string>
 
-#include "bench_control.h"
-#include "bench_script.h"
+#include "control_commands.h"
+#include "control_script.h"
 #include "control_socket.h"
 #include "orb_sim.h"
 #include "scenes.h"
@@ -33,7 +33,7 @@ constexpr const char* kControlEnv = "ORB_EMULATE_CONTROL";
 
 const char kUsage[] =
     "usage: orb-emulate [OPTIONS] -- COMMAND [ARGS...]\n"
-    "       orb-emulate ctl [SOCKET] BENCH-COMMAND...\n"
+    "       orb-emulate ctl [SOCKET] COMMAND...\n"
     "\n"
     "Runs COMMAND against emulated spectral sensors (0483:5740) that any libusb-1.0\n"
     "program finds, and serves a control socket that changes them while it runs.\n"
@@ -42,19 +42,21 @@ const char kUsage[] =
     "  --sensors N             emulated sensors on bus 1 (default 1, at most 80)\n"
     "  --led                   an LED module after them\n"
     "  --frames KIND           light (default), counter or constant=V (0..4095)\n"
-    "  --scene 'NAME [...]'    every sensor looks at a light source, as the scene\n"
+    "  --scene 'LIGHT [...]'   every sensor looks at a light source, as the scene\n"
     "                          command below (e.g. --scene 'halogen 0.8 --flicker 100')\n"
+    "  --units nominal|own     own (default): each sensor's filters are its own unit's,\n"
+    "                          seeded by its identity; nominal: the model as designed\n"
     "  --frame-period-us P     at least P microseconds from one frame to the next\n"
     "  --timing realistic|fast realistic (default): frames and control transfers take\n"
     "                          the time they take on a full-speed bus; fast: at once\n"
     "  --seed S                seed of the scenes' noise (default 1)\n"
-    "  --control PATH          the control socket (default: one in the bench's own\n"
+    "  --control PATH          the control socket (default: one in the emulator's own\n"
     "                          directory); COMMAND finds it in $ORB_EMULATE_CONTROL\n"
-    "  --script FILE           timed bench commands, one per line: at 2.5s unplug 0\n"
+    "  --script FILE           timed control commands, one per line: at 2.5s unplug 0\n"
     "  --help                  this text\n"
     "\n"
-    "ctl sends one bench command to SOCKET (default $ORB_EMULATE_CONTROL) and prints\n"
-    "the answer; it exits 0 on ok, 1 on error, 2 when the bench cannot be reached.\n"
+    "ctl sends one control command to SOCKET (default $ORB_EMULATE_CONTROL) and prints\n"
+    "the answer; it exits 0 on ok, 1 on error, 2 when the emulator cannot be reached.\n"
     "\n";
 
 pid_t g_child = 0;
@@ -113,16 +115,25 @@ int ctl(int argc, char** argv) {
         path = env;
     }
     if (path.empty()) return usage("ctl: no socket given and ORB_EMULATE_CONTROL is not set");
-    if (first >= argc) return usage("ctl: no bench command given");
+    if (first >= argc) return usage("ctl: no control command given");
+    // The emulator reads a `file` scene from its own working directory, so
+    // a relative path is made this shell's.
     std::string line;
-    for (int i = first; i < argc; i++) line += (i > first ? " " : "") + std::string(argv[i]);
+    for (int i = first; i < argc; i++) {
+        std::string word = argv[i];
+        if (i > first && std::strcmp(argv[i - 1], "file") == 0 && !word.empty() && word[0] != '/') {
+            char cwd[PATH_MAX];
+            if (getcwd(cwd, sizeof cwd)) word = std::string(cwd) + "/" + word;
+        }
+        line += (i > first ? " " : "") + word;
+    }
     std::string answer, why;
     if (!orbsim::send_command(path, line, &answer, &why)) {
         std::fprintf(stderr, "orb-emulate ctl: %s\n", why.c_str());
         return 2;
     }
     std::fputs(answer.c_str(), stdout);
-    return orbsim::BenchControl::succeeded(answer) ? 0 : 1;
+    return orbsim::ControlCommands::succeeded(answer) ? 0 : 1;
 }
 
 struct Options {
@@ -130,8 +141,8 @@ struct Options {
     bool led = false;
     orbsim::Timing timing = orbsim::Timing::Realistic;
     orbsim::FrameGenerator frames = orbsim::light_frames();
-    bool scene = false;
-    orbsim::SceneSettings scene_settings;
+    bool scene = false, nominal_units = false;
+    orbsim::Scene scene_settings;
     std::string control, script;
     std::vector<orbsim::TimedCommand> timed;
 };
@@ -171,6 +182,10 @@ int parse_options(int argc, char** argv, Options* o) {
                 return usage("--scene: " + why), -1;
             o->scene = true;
             i++;
+        } else if (a == "--units") {
+            if (next != "nominal" && next != "own") return usage("--units wants nominal or own"), -1;
+            o->nominal_units = next == "nominal";
+            i++;
         } else if (a == "--control" || a == "--script") {
             if (!has_value || next.empty()) return usage(a + " wants a path"), -1;
             (a == "--control" ? o->control : o->script) = next;
@@ -186,7 +201,7 @@ int parse_options(int argc, char** argv, Options* o) {
         if (!in) return usage("cannot read the script " + o->script), -1;
         if (!orbsim::parse_script(in, &o->timed, &why)) return usage(o->script + ": " + why), -1;
         for (const auto& c : o->timed)
-            if (!orbsim::BenchControl::is_command(orbsim::split_words(c.command)[0]))
+            if (!orbsim::ControlCommands::is_command(orbsim::split_words(c.command)[0]))
                 return usage(o->script + ": line " + std::to_string(c.line) + ": unknown command '" + c.command + "'"),
                        -1;
     }
@@ -195,7 +210,7 @@ int parse_options(int argc, char** argv, Options* o) {
 
 int run_command(char** command, const std::string& control) {
     // Like system(): the terminal's interrupt reaches the command, which
-    // decides; we stay to tear the bench down after it.
+    // decides; we stay to tear the emulator down after it.
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
     g_child = fork();
@@ -228,7 +243,7 @@ int main(int argc, char** argv) {
     if (argc > 1 && std::strcmp(argv[1], "ctl") == 0) return ctl(argc - 2, argv + 2);
     if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
         std::fputs(kUsage, stdout);
-        std::fputs(orbsim::BenchControl::usage(), stdout);
+        std::fputs(orbsim::ControlCommands::usage(), stdout);
         return 0;
     }
     Options o;
@@ -238,15 +253,16 @@ int main(int argc, char** argv) {
     orbsim::Testbed testbed;
     for (long n = 0; n < o.sensors; n++) {
         orbsim::Sensor& s = testbed.add_sensor();
-        s.set_frame_generator(o.scene ? orbsim::scene_frames(o.scene_settings, static_cast<uint64_t>(o.seed + n))
-                                      : o.frames);
+        s.set_frame_generator(o.frames);
         s.set_frame_period(std::chrono::microseconds(o.period_us));
         s.set_timing(o.timing);
     }
     if (o.led) testbed.add_led_module();
 
-    orbsim::BenchControl bench(testbed, static_cast<uint64_t>(o.seed));
-    const auto run = [&bench](const std::string& line) { return bench.run(line); };
+    orbsim::ControlCommands control(testbed, static_cast<uint64_t>(o.seed), o.nominal_units);
+    if (o.scene)
+        for (long n = 0; n < o.sensors; n++) control.show(static_cast<std::size_t>(n), o.scene_settings);
+    const auto run = [&control](const std::string& line) { return control.run(line); };
     if (o.control.empty()) o.control = testbed.root_dir() + "/control";
     std::unique_ptr<orbsim::ControlServer> server;
     try {
@@ -259,7 +275,7 @@ int main(int argc, char** argv) {
     if (!o.timed.empty())
         script = std::make_unique<orbsim::ScriptRunner>(
             o.timed, run, [&o](const orbsim::TimedCommand& c, const std::string& answer) {
-                if (!orbsim::BenchControl::succeeded(answer))
+                if (!orbsim::ControlCommands::succeeded(answer))
                     std::fprintf(stderr, "orb-emulate: %s line %d (%s): %s\n", o.script.c_str(), c.line,
                                  c.command.c_str(), answer.substr(answer.rfind("error:")).c_str());
             });

@@ -15,50 +15,82 @@ constexpr double kPi = 3.14159265358979323846;
 
 // Each filter's signal per unit of the spectrum's power, in photons: power
 // over photon energy, so x wavelength (in units of 550 nm to keep numbers near 1).
-std::array<double, kFilters> photon_response(const Spectrum& s) {
-    const FilterBank& bank = FilterBank::get();
+std::array<double, kFilters> photon_response(const Spectrum& s, const FilterBank& bank) {
     std::array<float, kGridPoints> weight;
-    bool any = false;
+    std::size_t first = kGridPoints, last = 0;
     for (std::size_t k = 0; k < kGridPoints; k++) {
         weight[k] = static_cast<float>(s.continuum[k] * grid_nm(k) / 550 * kStepNm);
-        any = any || weight[k] != 0;
+        if (weight[k] != 0) first = std::min(first, k), last = k;
     }
     std::array<double, kFilters> r{};
     for (std::size_t i = 0; i < kFilters; i++) {
-        if (any) {
-            const float* c = bank.curve(i);
-            float sum = 0;
-            for (std::size_t k = 0; k < kGridPoints; k++) sum += weight[k] * c[k];
-            r[i] = sum;
-        }
+        const float* c = bank.curve(i);
+        float sum = 0;
+        for (std::size_t k = first; k <= last && first < kGridPoints; k++) sum += weight[k] * c[k];
+        r[i] = sum;
         for (const SpectralLine& line : s.lines) r[i] += line.power * line.nm / 550 * bank.at(i, line.nm);
     }
     return r;
 }
 
-// DN per ms per unit of photon_response for a named scene: what makes the
-// scene, as it comes by default, saturate its brightest filter at
-// kSaturatingShutter. A laser keeps the scale of its default line, so that
-// its other lines are dimmer or brighter as the silicon sees them.
-double scene_scale(const std::string& name) {
-    static const std::vector<std::pair<std::string, double>> scales = [] {
-        std::vector<std::pair<std::string, double>> out;
+// The light of one part of a scene at brightness 1, in the light's own units.
+Spectrum light_spectrum(const SceneSettings& light) {
+    const std::string& n = light.name;
+    if (n == "halogen") return halogen_spectrum();
+    if (n == "white-led") return white_led_spectrum();
+    if (n == "fluorescent") return fluorescent_spectrum();
+    if (n == "laser") return laser_spectrum(light.nm);
+    if (n == "sun") return sun_spectrum();
+    if (n == "line") return line_spectrum(light.nm, light.fwhm_nm);
+    if (n == "file") return piecewise_spectrum(light.samples);
+    return Spectrum{};  // dark
+}
+
+// DN per ms per unit of photon_response that makes a light's brightest
+// filter on the nominal unit saturate at kSaturatingShutter.
+double saturating_scale(const Spectrum& s) {
+    const auto r = photon_response(s, FilterBank::nominal());
+    const double peak = *std::max_element(r.begin(), r.end());
+    return peak > 0 ? (kMaxSample - kDarkLevel) / exposure_ms(kSaturatingShutter) / peak : 0.0;
+}
+
+// What every named light needs, worked out once. A laser keeps the scale of
+// its default line, so that its other lines are dimmer or brighter as the
+// silicon sees them. A line of one unit of photons fills the nominal unit's
+// most responsive filter, at its best wavelength, in kLineSaturationMs.
+struct Scales {
+    std::vector<std::pair<std::string, double>> named;
+    double line = 0;
+};
+
+const Scales& scales() {
+    static const Scales s = [] {
+        Scales out;
         for (const std::string& n : scene_names()) {
             SceneSettings reference;
             reference.name = n;
-            const auto r = photon_response(scene_spectrum(reference));
-            const double peak = *std::max_element(r.begin(), r.end());
-            const double full = (kMaxSample - kDarkLevel) / exposure_ms(kSaturatingShutter);
-            out.emplace_back(n, peak > 0 ? full / peak : 0.0);
+            out.named.emplace_back(n, saturating_scale(light_spectrum(reference)));
         }
+        const FilterBank& bank = FilterBank::nominal();
+        float best = 0;
+        for (std::size_t i = 0; i < kFilters; i++) best = std::max(best, *std::max_element(bank.curve(i), bank.curve(i) + kGridPoints));
+        out.line = (kMaxSample - kDarkLevel) / kLineSaturationMs / best;
         return out;
     }();
-    for (const auto& [n, scale] : scales)
-        if (n == name) return scale;
+    return s;
+}
+
+// DN per ms per unit of photon_response for one light at brightness 1,
+// whose spectrum is `s`.
+double light_scale(const SceneSettings& light, const Spectrum& s) {
+    if (light.name == "line") return scales().line;
+    if (light.name == "file") return saturating_scale(s);
+    for (const auto& [n, scale] : scales().named)
+        if (n == light.name) return scale;
     return 0;
 }
 
-// What a frame needs, worked out when the scene is set.
+// What a frame needs of one light, worked out when the scene is set.
 struct Rates {
     std::array<double, kFilters> steady;   // DN per ms of exposure, as set
     std::array<double, kFilters> drifted;  // the same at the far end of the drift
@@ -67,20 +99,34 @@ struct Rates {
     double drift_s = 0;
 };
 
-Rates rates_for(const SceneSettings& scene) {
+Rates rates_for(const SceneSettings& light, const FilterBank& bank) {
     Rates r;
-    const double scale = scene_scale(scene.name) * scene.brightness;
-    r.steady = photon_response(scene_spectrum(scene));
+    const Spectrum s = light_spectrum(light);
+    const double scale = light_scale(light, s) * light.brightness;
+    r.steady = photon_response(s, bank);
     for (double& v : r.steady) v *= scale;
-    if (scene.drift_s > 0 && scene.name == "halogen") {
-        r.drifted = photon_response(halogen_spectrum(kDriftKelvin));
+    if (light.drift_s > 0 && light.name == "halogen") {
+        r.drifted = photon_response(halogen_spectrum(kDriftKelvin), bank);
         for (double& v : r.drifted) v *= scale;
     } else {
         for (std::size_t i = 0; i < kFilters; i++) r.drifted[i] = r.steady[i] * kDriftDim;
     }
-    r.flicker_hz = scene.flicker_hz;
-    r.flicker_depth = scene.flicker_depth;
-    r.drift_s = scene.drift_s;
+    r.flicker_hz = light.flicker_hz;
+    r.flicker_depth = light.flicker_depth;
+    r.drift_s = light.drift_s;
+    return r;
+}
+
+// A scene through one unit: the rates of each light, and the unit's dark current.
+struct SceneRates {
+    std::vector<Rates> lights;
+    std::array<double, kFilters> dark_current;  // DN per ms
+};
+
+SceneRates rates_for(const Scene& scene, const Unit& unit) {
+    SceneRates r;
+    for (const SceneSettings& light : scene.lights) r.lights.push_back(rates_for(light, unit.bank()));
+    for (std::size_t i = 0; i < kFilters; i++) r.dark_current[i] = unit.dark_current(i);
     return r;
 }
 
@@ -102,12 +148,17 @@ double light_ms(const Rates& r, double exposure, double seconds) {
     return exposure * mean;
 }
 
-// The two blend factors of a frame: DN = a x steady + b x drifted.
-std::pair<double, double> frame_weights(const Rates& r, uint16_t shutter, double seconds) {
+// The signal of every filter above the dark level, in DN, for one exposure:
+// each light's blend of its steady and drifted rates, and the dark current.
+void signal_of(const SceneRates& r, uint16_t shutter, double seconds, std::array<double, kFilters>& out) {
     const double exposure = exposure_ms(shutter);
-    const double ms = light_ms(r, exposure, seconds);
-    const double share = drift_share(r, seconds - exposure / 2000);
-    return {ms * (1 - share), ms * share};
+    for (std::size_t i = 0; i < kFilters; i++) out[i] = exposure * r.dark_current[i];
+    for (const Rates& light : r.lights) {
+        const double ms = light_ms(light, exposure, seconds);
+        const double share = drift_share(light, seconds - exposure / 2000);
+        const double a = ms * (1 - share), b = ms * share;
+        for (std::size_t i = 0; i < kFilters; i++) out[i] += a * light.steady[i] + b * light.drifted[i];
+    }
 }
 
 uint16_t to_sample(double dn) {
@@ -116,23 +167,24 @@ uint16_t to_sample(double dn) {
 
 }  // namespace
 
-double exposure_ms(uint16_t shutter) { return (shutter * 912.0 + 160) / 10000; }
+void prepare_scenes() { scales(); }
 
-Spectrum scene_spectrum(const SceneSettings& scene) {
-    const std::string& n = scene.name;
-    if (n == "halogen") return halogen_spectrum();
-    if (n == "white-led") return white_led_spectrum();
-    if (n == "fluorescent") return fluorescent_spectrum();
-    if (n == "laser") return laser_spectrum(scene.laser_nm);
-    if (n == "sun") return sun_spectrum();
-    return Spectrum{};  // dark
+Spectrum scene_spectrum(const Scene& scene) {
+    Spectrum sum;
+    for (const SceneSettings& light : scene.lights) {
+        const Spectrum s = light_spectrum(light);
+        const double scale = light_scale(light, s) * light.brightness;
+        for (std::size_t k = 0; k < kGridPoints; k++) sum.continuum[k] += scale * s.continuum[k];
+        for (const SpectralLine& line : s.lines) sum.lines.push_back({line.nm, scale * line.power});
+    }
+    return sum;
 }
 
-FrameGenerator scene_frames(const SceneSettings& scene, uint64_t seed) {
-    auto rates = std::make_shared<const Rates>(rates_for(scene));
-    return [rates, noise = Noise(seed)](const FrameInfo& f, std::array<uint16_t, kFilters>& v) mutable {
-        const Rates& r = *rates;
-        const auto [a, b] = frame_weights(r, f.shutter, f.seconds);
+FrameGenerator scene_frames(const Scene& scene, uint64_t seed, const Unit& unit) {
+    auto rates = std::make_shared<const SceneRates>(rates_for(scene, unit));
+    return [rates, noise = Noise(seed), signal = std::array<double, kFilters>{}](
+               const FrameInfo& f, std::array<uint16_t, kFilters>& v) mutable {
+        signal_of(*rates, f.shutter, f.seconds, signal);
         // Shot noise (variance = electrons) and read noise in one Gaussian
         // draw. Where a Poisson count would look different from a Gaussian of
         // the same variance, below a few dozen electrons, the read noise of
@@ -140,19 +192,17 @@ FrameGenerator scene_frames(const SceneSettings& scene, uint64_t seed) {
         // of a dim frame.
         constexpr double kReadVariance = kReadNoiseDn * kReadNoiseDn;
         for (std::size_t i = 0; i < kFilters; i++) {
-            const double signal = std::max(0.0, a * r.steady[i] + b * r.drifted[i]);  // DN above dark
-            const double sd = std::sqrt(signal / kConversionGain + kReadVariance);
-            v[i] = to_sample(kDarkLevel + signal + sd * noise.normal());
+            const double dn = std::max(0.0, signal[i]);
+            const double sd = std::sqrt(dn / kConversionGain + kReadVariance);
+            v[i] = to_sample(kDarkLevel + dn + sd * noise.normal());
         }
     };
 }
 
-std::array<double, kFilters> scene_mean(const SceneSettings& scene, uint16_t shutter, double seconds) {
-    const Rates r = rates_for(scene);
-    const auto [a, b] = frame_weights(r, shutter, seconds);
+std::array<double, kFilters> scene_mean(const Scene& scene, uint16_t shutter, double seconds, const Unit& unit) {
     std::array<double, kFilters> mean;
-    for (std::size_t i = 0; i < kFilters; i++)
-        mean[i] = std::min<double>(kMaxSample, kDarkLevel + a * r.steady[i] + b * r.drifted[i]);
+    signal_of(rates_for(scene, unit), shutter, seconds, mean);
+    for (double& m : mean) m = std::min<double>(kMaxSample, kDarkLevel + std::max(0.0, m));
     return mean;
 }
 

@@ -74,10 +74,9 @@ FrameGenerator linear_frames(const std::array<double, kFilters>& sensitivity, do
 }
 
 uint16_t light_value(std::size_t filter, uint16_t shutter, double gain) {
-    constexpr double kDark = 64;
     const double x = (static_cast<double>(filter) - 512.0) / 200.0;
     const double counts_per_step = 0.5 + 3.5 * std::exp(-x * x);
-    const double v = kDark + std::round(gain * shutter * counts_per_step);
+    const double v = kDarkLevel + std::round(gain * shutter * counts_per_step);
     return static_cast<uint16_t>(std::clamp(v, 0.0, static_cast<double>(kMaxSample)));
 }
 
@@ -231,9 +230,17 @@ void SensorModel::clear_faults_locked() {
     hung_ = false;
 }
 
-void SensorModel::set_frame_generator(FrameGenerator generator) {
-    std::lock_guard<std::mutex> lock(mu_);
-    generator_ = std::move(generator);
+void SensorModel::set_frame_generator(FrameGenerator generator, Clock::time_point now) {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        generator_ = std::move(generator);
+        if (streaming_ && timing_ == Timing::Realistic) {
+            next_shutter_ = shutter_locked();
+            next_due_ = std::max(next_due_, now + std::max<std::chrono::nanoseconds>(
+                                                      period_, exposure_time(next_shutter_) + kFrameBusTime));
+        }
+    }
+    changed();
 }
 
 void SensorModel::set_frame_period(std::chrono::microseconds period) {

@@ -3,7 +3,7 @@
 
 // The firmware of the emulated sensor, with no USB in it: registers, identity,
 // LED state, the frame stream and the faults a test can switch on. The USB
-// transport (usb_transport.cpp) feeds it the requests the host sent and carries
+// transport (usb_transport.h) feeds it the requests the host sent and carries
 // its answers back; tests can also drive it directly.
 
 #include <array>
@@ -24,6 +24,7 @@ inline constexpr uint8_t kBulkInEndpoint = 0x81;
 inline constexpr std::size_t kFilters = 1024;
 inline constexpr std::size_t kFrameBytes = 2 * kFilters;
 inline constexpr uint16_t kMaxSample = 4095;
+inline constexpr double kDarkLevel = 64;  // what a filter reads with no light, in DN
 
 // Class requests with no data stage (bmRequestType 0x21).
 inline constexpr uint8_t kStartStreaming = 70;
@@ -123,6 +124,9 @@ inline constexpr std::chrono::nanoseconds kControlBusTime{1000000};
 constexpr std::chrono::nanoseconds exposure_time(uint16_t shutter) {
     return std::chrono::nanoseconds((int64_t{shutter} * 912 + 160) * 100);
 }
+inline double exposure_ms(uint16_t shutter) {
+    return std::chrono::duration<double, std::milli>(exposure_time(shutter)).count();
+}
 
 class SensorModel {
 public:
@@ -170,7 +174,12 @@ public:
     void power_on();
 
     // Streaming. The default is light_frames() as fast as the host reads.
-    void set_frame_generator(FrameGenerator generator);
+    // A new generator is what the sensor sees from `now` on: in realistic
+    // timing the exposure under way is thrown away and a new one starts, so
+    // the next frame sent comes an exposure and its bus time later and
+    // shows only the new light; no frame exposed before `now` is sent after
+    // it (but the rest of a frame already partly sent).
+    void set_frame_generator(FrameGenerator generator, Clock::time_point now = Clock::now());
     // Minimum time from one frame to the next; the first frame comes one
     // period after streaming starts. Zero: whenever the host asks.
     void set_frame_period(std::chrono::microseconds period);

@@ -3,8 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <tuple>
 #include <vector>
 
 #include "filter_model.h"
@@ -17,8 +22,8 @@ using orbsim::kFilters;
 using Frame = std::array<uint16_t, kFilters>;
 using Means = std::array<double, kFilters>;
 
-orbsim::SceneSettings scene(std::vector<std::string> words) {
-    orbsim::SceneSettings s;
+orbsim::Scene scene(std::vector<std::string> words) {
+    orbsim::Scene s;
     std::string why;
     EXPECT_TRUE(orbsim::parse_scene(words, &s, &why)) << why;
     return s;
@@ -37,8 +42,9 @@ double signal(const Means& m, double nm) { return m[filter_at(nm)] - kDarkLevel;
 std::size_t brightest(const Means& m) { return std::max_element(m.begin(), m.end()) - m.begin(); }
 
 // n frames whose exposures end `step` seconds apart.
-std::vector<Frame> draw(const orbsim::SceneSettings& s, uint64_t seed, uint16_t shutter, int n, double step = 0.1) {
-    orbsim::FrameGenerator g = orbsim::scene_frames(s, seed);
+std::vector<Frame> draw(const orbsim::Scene& s, uint64_t seed, uint16_t shutter, int n, double step = 0.1,
+                        const orbsim::Unit& unit = orbsim::Unit::nominal()) {
+    orbsim::FrameGenerator g = orbsim::scene_frames(s, seed, unit);
     std::vector<Frame> frames(n);
     for (int k = 0; k < n; k++) g({static_cast<uint32_t>(k + 1), shutter, step * k}, frames[k]);
     return frames;
@@ -246,14 +252,16 @@ TEST(Scenes, SensorModelStampsFramesWithItsClock) {
 }
 
 TEST(Scenes, ParseReadsNameBrightnessAndOptions) {
-    const auto s = scene({"laser", "0.25", "--flicker", "120", "--nm", "532.5", "--depth", "1", "--drift", "30"});
+    const auto parsed = scene({"laser", "0.25", "--flicker", "120", "--nm", "532.5", "--depth", "1", "--drift", "30"});
+    ASSERT_EQ(parsed.lights.size(), 1u);
+    const orbsim::SceneSettings& s = parsed.lights[0];
     EXPECT_EQ(s.name, "laser");
     EXPECT_EQ(s.brightness, 0.25);
-    EXPECT_EQ(s.laser_nm, 532.5);
+    EXPECT_EQ(s.nm, 532.5);
     EXPECT_EQ(s.flicker_hz, 120);
     EXPECT_EQ(s.flicker_depth, 1);
     EXPECT_EQ(s.drift_s, 30);
-    const auto plain = scene({"sun"});
+    const auto plain = scene({"sun"}).lights.at(0);
     EXPECT_EQ(plain.brightness, 1);
     EXPECT_EQ(plain.flicker_hz, 0);
     EXPECT_EQ(plain.drift_s, 0);
@@ -277,21 +285,174 @@ TEST(Scenes, ParseRefusesBadWordsAndNamesThem) {
         {{"halogen", "--nm", "532"}, "--nm"},
         {{"laser", "--nm", "1200"}, "1200"},
         {{"laser", "--nm", "532nm"}, "532nm"},
+        {{"line", "0.5"}, "line"},
+        {{"line", "--nm", "339.9"}, "339.9"},
+        {{"line", "--nm", "500", "--fwhm", "0.05"}, "0.05"},
+        {{"laser", "--fwhm", "2"}, "--fwhm"},
+        {{"file"}, "file"},
+        {{"halogen", "+"}, "+"},
+        {{"+", "halogen"}, "+"},
+        {{"halogen", "+", "candle"}, "candle"},
     };
     for (const auto& [words, named] : bad) {
         SCOPED_TRACE(named);
-        orbsim::SceneSettings s;
-        s.name = "sun";
+        orbsim::Scene s = scene({"sun"});
         std::string why;
         EXPECT_FALSE(orbsim::parse_scene(words, &s, &why));
         EXPECT_NE(why.find("'" + named + "'"), std::string::npos) << why;
         EXPECT_EQ(why.find('\n'), std::string::npos);
-        EXPECT_EQ(s.name, "sun");  // untouched
+        ASSERT_EQ(s.lights.size(), 1u);
+        EXPECT_EQ(s.lights[0].name, "sun");  // untouched
     }
     std::string why;
-    orbsim::SceneSettings s;
+    orbsim::Scene s;
     EXPECT_FALSE(orbsim::parse_scene({}, &s, &why));
     EXPECT_FALSE(why.empty());
+}
+
+// A monochromator's line carries the same photons wherever it is centred:
+// the light summed over the filters, over what the filters and the silicon
+// under them make of one photon at its centre, is flat across the whole
+// range, ends included, for a centre on the grid or between points. A wider
+// band averages the response over its width, which bends where the response
+// does (toward the ends), so it is held to that only well inside the range.
+// (Dividing by the silicon alone would not be flat: the pass bands widen
+// toward the red, so more of the array sees a line there.)
+TEST(Scenes, LineFluxIsTheSameAtEveryWavelength) {
+    const orbsim::FilterBank& bank = orbsim::FilterBank::nominal();
+    for (const auto& [fwhm, margin, tolerance] : {std::tuple<double, double, double>{0.1, 0, 0.01}, {1, 3, 0.03}, {3, 9, 0.03}}) {
+        double lo = 1e300, hi = 0;
+        for (double nm = 340 + margin; nm <= 1100 - margin + 1e-9; nm += (760 - 2 * margin) / 97) {
+            const Means m = orbsim::scene_mean(scene({"line", "--nm", std::to_string(nm), "--fwhm", std::to_string(fwhm)}), 1);
+            double out = 0, response = 0;
+            for (std::size_t i = 0; i < kFilters; i++) {
+                out += m[i] - kDarkLevel;
+                response += bank.at(i, nm);
+            }
+            lo = std::min(lo, out / response), hi = std::max(hi, out / response);
+        }
+        SCOPED_TRACE(fwhm);
+        EXPECT_LT(hi / lo - 1, tolerance);
+    }
+}
+
+// A line between two filters lights both, in proportion to how close it is;
+// a wider line lights more filters less; brightness scales it.
+TEST(Scenes, LineFallsBetweenFiltersAndWidensAsSet) {
+    const std::size_t i = 300;
+    const double a = orbsim::filter_centre_nm(i), b = orbsim::filter_centre_nm(i + 1);
+    double before = 1e9;
+    for (double f : {0.0, 0.25, 0.5, 0.75, 1.0}) {
+        const Means m = orbsim::scene_mean(scene({"line", "--nm", std::to_string(a + f * (b - a)), "0.1"}), 20);
+        const double ratio = (m[i] - kDarkLevel) / (m[i + 1] - kDarkLevel);
+        EXPECT_LT(ratio, before) << f;  // the light moves from filter i to i + 1
+        before = ratio;
+    }
+    const Means narrow = orbsim::scene_mean(scene({"line", "--nm", "600", "--fwhm", "0.1", "0.1"}), 20);
+    const Means wide = orbsim::scene_mean(scene({"line", "--nm", "600", "--fwhm", "30", "0.1"}), 20);
+    EXPECT_LT(wide[filter_at(600)] - kDarkLevel, 0.7 * (narrow[filter_at(600)] - kDarkLevel));
+    EXPECT_GT(wide[filter_at(625)] - kDarkLevel, 3 * (narrow[filter_at(625)] - kDarkLevel));
+    const Means dimmer = orbsim::scene_mean(scene({"line", "--nm", "600", "--fwhm", "0.1", "0.05"}), 20);
+    EXPECT_NEAR(dimmer[filter_at(600)] - kDarkLevel, 0.5 * (narrow[filter_at(600)] - kDarkLevel), 1e-6);
+}
+
+// At brightness 1 a line exposes fast (sim/README.md, "The monochromator"):
+// the brightest filter saturates after about kLineSaturationMs where the
+// sensor responds best, and no sooner anywhere.
+TEST(Scenes, LineBrightnessKeepsSweepExposuresShort) {
+    double fastest = 1e9;
+    for (double nm = 340; nm <= 1100; nm += 5) {
+        const Means m = orbsim::scene_mean(scene({"line", "--nm", std::to_string(nm)}), 1);
+        const double rate = (*std::max_element(m.begin(), m.end()) - kDarkLevel) / orbsim::exposure_ms(1);
+        fastest = std::min(fastest, (orbsim::kMaxSample - kDarkLevel) / rate);
+    }
+    EXPECT_NEAR(fastest, orbsim::kLineSaturationMs, 0.05 * orbsim::kLineSaturationMs);
+}
+
+struct SpectrumFile : testing::Test {
+    std::string path = testing::TempDir() + "orb_spectrum_" + std::to_string(::getpid()) + ".csv";
+    void write(const std::string& text) {
+        std::ofstream(path) << text;
+    }
+    ~SpectrumFile() override { std::remove(path.c_str()); }
+};
+
+// A spectrum from a file is a light like any other: linear between its
+// points, nothing outside them, scaled to saturate at shutter speed 900.
+TEST_F(SpectrumFile, ReadsAnyAscendingGridAndScalesLikeTheOtherScenes) {
+    write("# a lamp\nwavelength_nm,value\n\n500,0\n500.5,2 # the peak\n501.25,0\r\n");
+    const orbsim::Scene s = scene({"file", path, "0.5"});
+    ASSERT_EQ(s.lights.size(), 1u);
+    EXPECT_EQ(s.lights[0].samples, (std::vector<std::pair<double, double>>{{500, 0}, {500.5, 2}, {501.25, 0}}));
+    EXPECT_EQ(s.lights[0].brightness, 0.5);
+    const Means full = orbsim::scene_mean(scene({"file", path}), orbsim::kSaturatingShutter);
+    EXPECT_NEAR(*std::max_element(full.begin(), full.end()), orbsim::kMaxSample, 1e-6);
+    EXPECT_NEAR(orbsim::filter_centre_nm(brightest(full)), 500.6, 1.0);
+    // Nothing outside its points: a spectrum that covers only the red leaves the blue dark.
+    write("700,1\n1100,1\n");
+    const Means red = orbsim::scene_mean(scene({"file", path}), 600);
+    EXPECT_LT(signal(red, 450), 0.01 * signal(red, 800));
+    // The points of a named light, written out, are that light.
+    std::string text;
+    const orbsim::Spectrum halogen = orbsim::scene_spectrum(scene({"halogen"}));
+    for (std::size_t k = 0; k < orbsim::kGridPoints; k++) {
+        char row[64];
+        std::snprintf(row, sizeof row, "%g,%.9g\n", orbsim::grid_nm(k), halogen.continuum[k]);
+        text += row;
+    }
+    write(text);
+    const Means from_file = orbsim::scene_mean(scene({"file", path}), 600), named = orbsim::scene_mean(scene({"halogen"}), 600);
+    for (std::size_t i = 25; i < kFilters; i += 50) EXPECT_NEAR(from_file[i], named[i], 0.01 * named[i]) << i;
+}
+
+TEST_F(SpectrumFile, RefusesABadFileNamingTheLineAndWhy) {
+    const std::vector<std::pair<std::string, std::string>> bad = {
+        {"500,1\n501,one\n", " line 2: value 'one' is not a number"},
+        {"nm,value\n5OO,1\n", " line 2: wavelength '5OO' is not a number"},
+        {"500,1\n600,2\n550,3\n", " line 3: wavelength 550 nm is not above the one before (600 nm)"},
+        {"500,1\n500,2\n", " line 2: wavelength 500 nm is not above"},
+        {"500,1\n600,-0.5\n", " line 2: value -0.5 is negative"},
+        {"330,1\n600,1\n", " line 1: wavelength 330 nm is outside 340 to 1100 nm"},
+        {"500,1\n1100.5,1\n", " line 2: wavelength 1100.5 nm is outside"},
+        {"500,1,2\n", " line 1: want 'wavelength_nm,value'"},
+        {"500 1\n", " line 1: want 'wavelength_nm,value'"},
+        {"# nothing\n\n", ": no rows of data"},
+        {"nm,value\n500,1\n", ": one row of data is no spectrum"},
+    };
+    for (const auto& [text, why] : bad) {
+        SCOPED_TRACE(text);
+        write(text);
+        orbsim::Scene s = scene({"sun"});
+        std::string reason;
+        EXPECT_FALSE(orbsim::parse_scene({"file", path}, &s, &reason));
+        EXPECT_EQ(reason.rfind(path + why, 0), 0u) << reason;
+        EXPECT_EQ(reason.find('\n'), std::string::npos);
+        EXPECT_EQ(s.lights.at(0).name, "sun");  // the scene in place stays
+    }
+    std::string reason;
+    orbsim::Scene s;
+    EXPECT_FALSE(orbsim::parse_scene({"file", path + ".missing"}, &s, &reason));
+    EXPECT_EQ(reason, path + ".missing: cannot read it (No such file or directory)");
+    EXPECT_FALSE(orbsim::parse_scene({"file", testing::TempDir()}, &s, &reason));
+    EXPECT_EQ(reason.rfind(testing::TempDir() + ": cannot read it", 0), 0u) << reason;
+}
+
+// Two lights at once add up, each with its own brightness and options.
+TEST(Scenes, TwoLightsAddUp) {
+    const Means lamp = orbsim::scene_mean(scene({"halogen", "0.5"}), 300);
+    const Means laser = orbsim::scene_mean(scene({"laser", "--nm", "532", "0.2"}), 300);
+    const Means both = orbsim::scene_mean(scene({"halogen", "0.5", "+", "laser", "--nm", "532", "0.2"}), 300);
+    for (std::size_t i = 0; i < kFilters; i += 7)
+        ASSERT_NEAR(both[i] - kDarkLevel, (lamp[i] - kDarkLevel) + (laser[i] - kDarkLevel), 1e-6) << i;
+    // Two lines 3 nm apart: two peaks with a dip between them.
+    const auto pair = scene({"line", "--nm", "600", "--fwhm", "0.5", "0.2", "+", "line", "--nm", "603", "--fwhm", "0.5", "0.2"});
+    ASSERT_EQ(pair.lights.size(), 2u);
+    const orbsim::Spectrum light = orbsim::scene_spectrum(pair);
+    EXPECT_GT(light.continuum[260], 5 * light.continuum[261]);  // 600 nm, and the dip at 601 and 602
+    EXPECT_GT(light.continuum[263], 5 * light.continuum[262]);
+    EXPECT_NEAR(light.continuum[260] * 600, light.continuum[263] * 603, 1e-6 * light.continuum[260] * 600);
+    // Frames of the sum draw one noise for the whole.
+    EXPECT_EQ(draw(scene({"halogen", "+", "dark"}), 4, 300, 2), draw(scene({"halogen"}), 4, 300, 2));
 }
 
 }  // namespace

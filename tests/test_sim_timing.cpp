@@ -93,6 +93,34 @@ TEST(SimTiming, ShutterChangeTakesEffectFromTheNextFrameScheduled) {
     EXPECT_EQ(p.shutters, (std::vector<uint16_t>{835, 835, 1}));
 }
 
+// A new light (a scene command) throws the exposure under way away: the
+// next frame is exposed wholly under the new light, an exposure and its bus
+// time after the change, and the frames after it keep the sensor's pace.
+TEST(SimTiming, ANewLightRestartsTheExposureUnderWay) {
+    Paced p(300);
+    ASSERT_TRUE(p.take_on_time());
+    const auto change = p.due() - orbsim::exposure_time(300) / 3;  // two thirds into the next exposure
+    std::vector<uint32_t> after;
+    p.m.set_frame_generator([&](const orbsim::FrameInfo& f, std::array<uint16_t, orbsim::kFilters>& v) {
+        after.push_back(f.number);
+        v.fill(1);
+    }, change);
+    EXPECT_EQ(p.due(), change + orbsim::exposure_time(300) + kBus);
+    ASSERT_TRUE(p.take_on_time());
+    const auto next = p.due();
+    ASSERT_TRUE(p.take_on_time());
+    EXPECT_EQ(p.due() - next, orbsim::exposure_time(300));
+    EXPECT_EQ(p.shutters.size(), 1u);  // the old light made the first frame only
+    EXPECT_EQ(after, (std::vector<uint32_t>{2, 3}));
+    // In fast timing nothing is exposed ahead: the next frame asked for is the new light's.
+    Paced fast(300, orbsim::Timing::Fast);
+    ASSERT_TRUE(fast.frame_at(fast.t0));
+    fast.m.set_frame_generator([&](const orbsim::FrameInfo&, std::array<uint16_t, orbsim::kFilters>& v) { v.fill(2); },
+                               fast.t0);
+    EXPECT_TRUE(fast.frame_at(fast.t0));
+    EXPECT_EQ(fast.shutters.size(), 1u);
+}
+
 TEST(SimTiming, LateHostGetsOneFrameAtOnceAndNoBurst) {
     Paced p(1);
     const auto late = p.due() + 100ms;

@@ -1,4 +1,4 @@
-#include "bench_script.h"
+#include "control_script.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,5 +1,5 @@
 #!/bin/sh
-# A host streams from the bench while another shell, through the control
+# A host streams from the emulator while another shell, through the control
 # socket, hangs the sensor's firmware, clears it, unplugs the sensor and
 # plugs it back in; the host sees each step and carries on.
 set -eu

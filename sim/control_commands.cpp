@@ -1,4 +1,4 @@
-#include "bench_control.h"
+#include "control_commands.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -57,9 +57,35 @@ std::vector<std::string> split_words(const std::string& line) {
     return words;
 }
 
-BenchControl::BenchControl(Testbed& testbed, uint64_t seed) : testbed_(testbed), seed_(seed) {}
+ControlCommands::ControlCommands(Testbed& testbed, uint64_t seed, bool nominal_units)
+    : testbed_(testbed), seed_(seed), nominal_units_(nominal_units) {
+    prepare_scenes();
+    for (std::size_t i = 0; i < testbed_.size(); i++)
+        if (testbed_.sensor(i).kind() == SensorModel::Kind::Sensor) unit_of(i);
+}
 
-const char* BenchControl::usage() {
+ControlCommands::Light& ControlCommands::light_of(std::size_t index) {
+    while (lights_.size() <= index) lights_.push_back(Light{nominal_units_, false, Scene{}});
+    return lights_[index];
+}
+
+const Unit& ControlCommands::unit_of(std::size_t index) {
+    return light_of(index).nominal ? Unit::nominal() : Unit::of(testbed_.sensor(index).identity());
+}
+
+void ControlCommands::show(std::size_t index, const Scene& scene) {
+    std::lock_guard<std::mutex> lock(mu_);
+    show_locked(index, scene);
+}
+
+void ControlCommands::show_locked(std::size_t index, const Scene& scene) {
+    Light& light = light_of(index);
+    light.scene = scene;
+    light.has_scene = true;
+    testbed_.sensor(index).set_frame_generator(scene_frames(scene, seed_ + index, unit_of(index)));
+}
+
+const char* ControlCommands::usage() {
     return "commands:\n"
            "  status                      one line per device\n"
            "  unplug N | replug N         take device N off the bus / bring it back at a new address\n"
@@ -67,24 +93,29 @@ const char* BenchControl::usage() {
            "                              refuse-open | short-frame BYTES [FRAME] | stall-bulk |\n"
            "                              trickle BYTES | hang\n"
            "  clear N                     end every fault of device N\n"
-           "  scene N NAME [BRIGHTNESS] [--nm WAVELENGTH] [--flicker HZ] [--depth D] [--drift SECONDS]\n"
-           "                              NAME: dark, halogen, white-led, fluorescent, laser, sun\n"
+           "  scene N LIGHT [+ LIGHT]     what sensor N looks at; LIGHT is one of\n"
+           "                              NAME [BRIGHTNESS] [--flicker HZ] [--depth D] [--drift SECONDS]\n"
+           "                                NAME: dark, halogen, white-led, fluorescent, sun,\n"
+           "                                laser [--nm NM]\n"
+           "                              line --nm NM [--fwhm NM] [BRIGHTNESS]   a monochromator's band\n"
+           "                              file PATH [BRIGHTNESS]   CSV rows wavelength_nm,value\n"
+           "  units N nominal|own         sensor N's filters: the nominal model, or its own unit's\n"
            "  frames N light|counter|constant=V\n";
 }
 
-bool BenchControl::is_command(const std::string& verb) {
-    for (const char* v : {"status", "help", "unplug", "replug", "fault", "clear", "scene", "frames"})
+bool ControlCommands::is_command(const std::string& verb) {
+    for (const char* v : {"status", "help", "unplug", "replug", "fault", "clear", "scene", "frames", "units"})
         if (verb == v) return true;
     return false;
 }
 
-bool BenchControl::succeeded(const std::string& answer) {
+bool ControlCommands::succeeded(const std::string& answer) {
     std::string a = answer;
     while (!a.empty() && a.back() == '\n') a.pop_back();
     return a == "ok" || (a.size() > 3 && a.compare(a.size() - 3, 3, "\nok") == 0);
 }
 
-std::string BenchControl::run(const std::string& line) {
+std::string ControlCommands::run(const std::string& line) {
     const std::vector<std::string> words = split_words(line);
     std::lock_guard<std::mutex> lock(mu_);
     try {
@@ -94,7 +125,7 @@ std::string BenchControl::run(const std::string& line) {
     }
 }
 
-std::string BenchControl::run_locked(const std::vector<std::string>& words) {
+std::string ControlCommands::run_locked(const std::vector<std::string>& words) {
     if (words.empty()) throw Refusal("empty command");
     const std::string& verb = words[0];
     if (verb == "status") {
@@ -108,7 +139,7 @@ std::string BenchControl::run_locked(const std::vector<std::string>& words) {
     const std::size_t count = testbed_.size();
     long index = 0;
     if (!parse_long(words[1], 0, static_cast<long>(count) - 1, &index))
-        throw Refusal("no device '" + words[1] + "': the bench has " + std::to_string(count) +
+        throw Refusal("no device '" + words[1] + "': the emulator has " + std::to_string(count) +
                       (count == 1 ? " device" : " devices") + (count ? ", 0 to " + std::to_string(count - 1) : ""));
     Sensor& sensor = testbed_.sensor(static_cast<std::size_t>(index));
     const std::vector<std::string> rest(words.begin() + 2, words.end());
@@ -130,7 +161,7 @@ std::string BenchControl::run_locked(const std::vector<std::string>& words) {
     return light_source(sensor, static_cast<std::size_t>(index), words);
 }
 
-std::string BenchControl::fault(Sensor& sensor, const std::vector<std::string>& words) {
+std::string ControlCommands::fault(Sensor& sensor, const std::vector<std::string>& words) {
     if (words.empty())
         throw Refusal("fault needs a kind: stall, no-reply, wrong-echo, refuse-claim, refuse-open, short-frame, "
                       "stall-bulk, trickle or hang");
@@ -164,33 +195,42 @@ std::string BenchControl::fault(Sensor& sensor, const std::vector<std::string>& 
     return "ok";
 }
 
-std::string BenchControl::light_source(Sensor& sensor, std::size_t index, const std::vector<std::string>& words) {
+std::string ControlCommands::light_source(Sensor& sensor, std::size_t index, const std::vector<std::string>& words) {
     if (sensor.kind() == SensorModel::Kind::LedModule)
         throw Refusal("device " + words[1] + " is an LED module: it sends no frames");
     const std::vector<std::string> rest(words.begin() + 2, words.end());
+    Light& light = light_of(index);
     if (words[0] == "frames") {
         FrameGenerator generator;
         if (rest.size() != 1 || !parse_frames(rest[0], &generator))
             throw Refusal("usage: frames N light|counter|constant=V (V from 0 to 4095)");
         sensor.set_frame_generator(std::move(generator));
+        light.has_scene = false;
         return "ok";
     }
-    SceneSettings scene;
+    if (words[0] == "units") {
+        if (rest.size() != 1 || (rest[0] != "nominal" && rest[0] != "own")) throw Refusal("usage: units N nominal|own");
+        light.nominal = rest[0] == "nominal";
+        if (light.has_scene) show_locked(index, light.scene);
+        return "ok";
+    }
+    Scene scene;
     std::string why;
     if (!parse_scene(rest, &scene, &why)) throw Refusal(why);
-    sensor.set_frame_generator(scene_frames(scene, seed_ + index));
+    show_locked(index, scene);
     return "ok";
 }
 
-std::string BenchControl::status() {
+std::string ControlCommands::status() {
     std::string out;
     for (std::size_t i = 0; i < testbed_.size(); i++) {
         Sensor& s = testbed_.sensor(i);
-        char line[160];
-        std::snprintf(line, sizeof line, "%zu %03d/%03d %s plugged=%s streaming=%s shutter=%u frames=%llu\n", i,
-                      s.bus(), s.address(), s.kind() == SensorModel::Kind::LedModule ? "led" : "sensor",
-                      testbed_.plugged(s) ? "yes" : "no", s.streaming() ? "yes" : "no", s.shutter(),
-                      static_cast<unsigned long long>(s.frames_sent()));
+        const bool led = s.kind() == SensorModel::Kind::LedModule;
+        char line[192];
+        std::snprintf(line, sizeof line, "%zu %03d/%03d %s plugged=%s streaming=%s shutter=%u frames=%llu unit=%s\n",
+                      i, s.bus(), s.address(), led ? "led" : "sensor", testbed_.plugged(s) ? "yes" : "no",
+                      s.streaming() ? "yes" : "no", s.shutter(), static_cast<unsigned long long>(s.frames_sent()),
+                      led ? "none" : unit_of(i).name().c_str());
         out += line;
     }
     return out;

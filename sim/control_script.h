@@ -1,7 +1,7 @@
-#ifndef ORB_SIM_BENCH_SCRIPT_H
-#define ORB_SIM_BENCH_SCRIPT_H
+#ifndef ORB_SIM_CONTROL_SCRIPT_H
+#define ORB_SIM_CONTROL_SCRIPT_H
 
-// Timed bench commands, so that a demo or a test replays exactly:
+// Timed control commands, so that a demo or a test replays exactly:
 //
 //   # comment
 //   at 2.5s unplug 0
