@@ -155,7 +155,7 @@ def python_unplug(table):
         rounds = f"{r['iterations']:g}"
         out += [f"| `unplug 0` sent while streaming → SensorLostError | {rounds} | **{fmt(r['unplug_to_lost_ms'])}** "
                 f"({fmt(r['unplug_to_lost_min_ms'])}–{fmt(r['unplug_to_lost_max_ms'])}) |",
-                f"| of it, until the bench answered `ok` | {rounds} | {fmt(r['unplug_answer_ms'])} |",
+                f"| of it, until the emulator answered `ok` | {rounds} | {fmt(r['unplug_answer_ms'])} |",
                 f"| `replug 0` sent → first frame of Sensor.read() ({r['reads_until_frame']:g} call at most) | {rounds} "
                 f"| **{fmt(r['replug_to_frame_ms'], 0)}** ({fmt(r['replug_to_frame_min_ms'], 0)}–"
                 f"{fmt(r['replug_to_frame_max_ms'], 0)}) |"]
