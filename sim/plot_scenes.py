@@ -175,7 +175,7 @@ def sweep_figure(tool, out):
     centres = np.arange(340, 1101, 20.0)
     colours = plt.cm.turbo(np.linspace(0.05, 0.95, len(centres)))
     for nm, c in zip(centres, colours):
-        rows = dump(tool, "--unit", unit, "--shutter", shutter, "line", "--nm", nm, "--fwhm", "1")
+        rows = dump(tool, "--unit", unit, "--shutter", shutter, "line", "--nm", nm, "--fwhm", "1", "1")
         out_ax.plot(column(rows, "centre_nm"), column(rows, "mean"), lw=0.8, color=c)
     out_ax.set_xlim(330, 1110)
     out_ax.set_ylabel("DN (mean)")
@@ -188,7 +188,7 @@ def sweep_figure(tool, out):
     grid = np.arange(340, 1101, 2.0)
     rate = []
     for nm in grid:
-        rows = dump(tool, "--shutter", 1, "line", "--nm", nm, "--fwhm", "1")
+        rows = dump(tool, "--shutter", 1, "line", "--nm", nm, "--fwhm", "1", "1")
         rate.append((column(rows, "mean") - dark).max() / exposure_ms(tool, 1))
     rate = np.array(rate)
     pace_ax.semilogy(grid, (3500 - dark.max()) / rate, color="#1f3f73")
@@ -207,7 +207,7 @@ def sweep_figure(tool, out):
     summed = np.sum([column(curves, f"f{i}") for i in range(1024)], axis=0)
     ratios = []
     for nm in grid:
-        rows = dump(tool, "--shutter", 1, "line", "--nm", nm, "--fwhm", "0.1")
+        rows = dump(tool, "--shutter", 1, "line", "--nm", nm, "--fwhm", "0.1", "1")
         ratios.append((column(rows, "mean") - dark).sum() / np.interp(nm, curve_nm, summed))
     ratios = np.array(ratios)
     flat_ax.plot(grid, ratios / ratios.mean(), color="#1f3f73")

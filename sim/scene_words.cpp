@@ -93,6 +93,7 @@ bool parse_light(const std::vector<std::string>& words, SceneSettings* out, std:
         s.*(option->field) = v;
     }
     if (s.name == "line" && !have_nm) return fail("'line' needs --nm, the line's centre");
+    if (s.name == "line" && !have_brightness) s.brightness = kLineDefaultBrightness;
     *out = std::move(s);
     return true;
 }

@@ -33,6 +33,11 @@ inline constexpr uint16_t kSaturatingShutter = 900;
 // after this long at the wavelength where the sensor responds best, so that
 // a sweep's exposures stay short (sim/README.md, "The monochromator").
 inline constexpr double kLineSaturationMs = 1.0;
+// A line with no brightness word is as dim as a monochromator's exit slit:
+// its brightest filter stays below saturation up to a mid shutter speed
+// (1500, 137 ms) everywhere in the range, and saturates after about 150 ms
+// at best. A sweep asks for brightness 1 to keep its exposures short.
+inline constexpr double kLineDefaultBrightness = kLineSaturationMs / 150;
 // A line's width: from 0.1 nm (narrower makes no difference to any filter) to
 // far wider than one.
 inline constexpr double kMinLineFwhmNm = 0.1;

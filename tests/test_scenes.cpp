@@ -358,15 +358,23 @@ TEST(Scenes, LineFallsBetweenFiltersAndWidensAsSet) {
 
 // At brightness 1 a line exposes fast (sim/README.md, "The monochromator"):
 // the brightest filter saturates after about kLineSaturationMs where the
-// sensor responds best, and no sooner anywhere.
-TEST(Scenes, LineBrightnessKeepsSweepExposuresShort) {
-    double fastest = 1e9;
+// sensor responds best, and no sooner anywhere. With no brightness word it is
+// a dim monochromator: below saturation at shutter speed 1500 everywhere.
+TEST(Scenes, LineBrightnessKeepsSweepExposuresShortAndTheDefaultLineDim) {
+    double fastest = 1e9, fastest_default = 1e9;
     for (double nm = 340; nm <= 1100; nm += 5) {
-        const Means m = orbsim::scene_mean(scene({"line", "--nm", std::to_string(nm)}), 1);
-        const double rate = (*std::max_element(m.begin(), m.end()) - kDarkLevel) / orbsim::exposure_ms(1);
-        fastest = std::min(fastest, (orbsim::kMaxSample - kDarkLevel) / rate);
+        for (const bool given : {true, false}) {
+            std::vector<std::string> words = {"line", "--nm", std::to_string(nm)};
+            if (given) words.push_back("1");
+            const Means m = orbsim::scene_mean(scene(words), 1);
+            const double rate = (*std::max_element(m.begin(), m.end()) - kDarkLevel) / orbsim::exposure_ms(1);
+            double& f = given ? fastest : fastest_default;
+            f = std::min(f, (orbsim::kMaxSample - kDarkLevel) / rate);
+        }
     }
     EXPECT_NEAR(fastest, orbsim::kLineSaturationMs, 0.05 * orbsim::kLineSaturationMs);
+    EXPECT_GT(fastest_default, orbsim::exposure_ms(1500));
+    EXPECT_LT(fastest_default, orbsim::exposure_ms(3000));
 }
 
 struct SpectrumFile : testing::Test {
