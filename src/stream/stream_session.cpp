@@ -2,9 +2,8 @@
 
 #include "stream_session.h"
 
-#include <time.h>
-
 #include "frame_tap.h"
+#include "frame_watch.h"
 #include "link_seam.h"
 #include "presence.h"
 #include "sensor_requests.h"
@@ -27,12 +26,6 @@ Session* sessions() {
     return table;
 }
 
-uint64_t monotonic_ns() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
-}
-
 void take(Session& s, const libusb_transfer* t, uint64_t now_ns) {
     std::lock_guard<std::mutex> guard(s.lock);
     // Stopped (or restarted for another handle) since the tap looked.
@@ -52,6 +45,7 @@ void on_frame_transfer(const libusb_transfer* t) {
         return;
     }
     const uint64_t now_ns = monotonic_ns();
+    watch_completion(t, now_ns);
     for (int i = 0; i < kMaxStreams; i++)
         if (t->dev_handle != nullptr && table[i].handle.load(std::memory_order_acquire) == t->dev_handle) {
             take(table[i], t, now_ns);
