@@ -24,13 +24,25 @@ struct Watched {
     std::atomic<uint64_t> short_frames{0};
     std::atomic<uint64_t> dropped_short{0};
     std::atomic<uint64_t> last_ns{0};
-    std::atomic<bool> stalled{false};
 };
 
 // As long as the process: the tap may run after the host's last call.
 Watched* table() {
     static Watched* entries = new Watched[kMaxStreams];
     return entries;
+}
+
+// Handles whose frame transfer stalled, watched or not: a stall can end the
+// frame path before the host's first call on the sensor.
+std::atomic<libusb_device_handle*> stalled_handles[kMaxStreams];
+
+void remember_stall(libusb_device_handle* handle) {
+    for (auto& slot : stalled_handles) {
+        libusb_device_handle* empty = nullptr;
+        if (slot.load(std::memory_order_acquire) == handle ||
+            slot.compare_exchange_strong(empty, handle, std::memory_order_acq_rel))
+            return;
+    }
 }
 
 std::atomic<bool> shot_open{false};
@@ -70,6 +82,7 @@ void watch_completion(const libusb_transfer* t, uint64_t now_ns) {
         if (!whole && n >= 1 && n <= shot_last.load(std::memory_order_relaxed))
             shot_short.fetch_add(1, std::memory_order_acq_rel);
     }
+    if (t->status == LIBUSB_TRANSFER_STALL) remember_stall(t->dev_handle);
     Watched* w = table();
     for (int i = 0; i < kMaxStreams; i++) {
         if (t->dev_handle == nullptr || w[i].handle.load(std::memory_order_acquire) != t->dev_handle) continue;
@@ -77,8 +90,6 @@ void watch_completion(const libusb_transfer* t, uint64_t now_ns) {
             w[i].completed.fetch_add(1, std::memory_order_relaxed);
             if (!whole) w[i].short_frames.fetch_add(1, std::memory_order_relaxed);
             w[i].last_ns.store(now_ns, std::memory_order_relaxed);
-        } else if (t->status == LIBUSB_TRANSFER_STALL) {
-            w[i].stalled.store(true, std::memory_order_release);
         }
     }
 }
@@ -100,7 +111,6 @@ void watch_index(int index, libusb_device_handle* handle) {
     w.completed = 0;
     w.short_frames = 0;
     w.dropped_short = 0;
-    w.stalled = false;
     w.last_ns = monotonic_ns();
     w.handle.store(handle, std::memory_order_release);
 }
@@ -116,10 +126,8 @@ void activity_of(int index, orb_frame_activity& out, uint64_t now_ns) {
 }
 
 bool stalled(libusb_device_handle* handle) {
-    const Watched* w = table();
-    for (int i = 0; i < kMaxStreams; i++)
-        if (handle != nullptr && w[i].handle.load(std::memory_order_acquire) == handle)
-            return w[i].stalled.load(std::memory_order_acquire);
+    for (const auto& slot : stalled_handles)
+        if (handle != nullptr && slot.load(std::memory_order_acquire) == handle) return true;
     return false;
 }
 

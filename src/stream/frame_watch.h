@@ -24,7 +24,8 @@ void watch_completion(const libusb_transfer* t, uint64_t now_ns);
 void watch_index(int index, libusb_device_handle* handle);
 // The record of `index`; its handle must be watched already.
 void activity_of(int index, orb_frame_activity& out, uint64_t now_ns);
-// Whether a completion of `handle` ended the frame path with a stall.
+// Whether a completion of `handle` ended the frame path with a stall (seen
+// from the process's start: the tap is installed then).
 bool stalled(libusb_device_handle* handle);
 
 // A single shot's window: from before the link is armed until its frames

@@ -5,7 +5,6 @@
 #include "frame_watch.h"
 #include "link_seam.h"
 #include "orb_stream.h"
-#include "stream_session.h"
 
 namespace orbstream {
 
@@ -39,10 +38,9 @@ int usable(int index, libusb_device_handle** handle) {
     if (index < 0 || index >= kMaxStreams) return ORB_STREAM_ERR_INVALID;
     *handle = link::handle_at(index);
     if (*handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
-    // From the first call on a sensor, the tap counts its completions and
-    // sees a stall, whoever acquires.
+    // From the first call on a sensor, the tap counts its completions,
+    // whoever acquires.
     watch_index(index, *handle);
-    install_tap();
     if (link::ended()) return loss_result(*handle);
     return ORB_STREAM_OK;
 }
