@@ -34,7 +34,9 @@ enum orb_stream_result {
     ORB_STREAM_ERR_USB = -108,           /* the sensor refused a request (a stall, or another transfer error) */
     ORB_STREAM_ERR_VERIFY = -109,        /* a register did not read back what was written, twice */
     ORB_STREAM_ERR_NO_MEMORY = -110,     /* no memory for the ring */
-    ORB_STREAM_ERR_UNSUPPORTED = -111    /* the single shot with the frame moving average on */
+    ORB_STREAM_ERR_UNSUPPORTED = -111,   /* the single shot with the frame moving average on */
+    ORB_STREAM_ERR_SHORT_FRAME = -112,   /* frames came short, and whole ones did not replace them in time */
+    ORB_STREAM_ERR_STALLED = -113        /* the frame endpoint stalled (the sensor is on the bus); the event loop has ended */
 };
 
 #define ORB_STREAM_FILTERS 1024
@@ -115,8 +117,34 @@ ORB_EXPORT int orb_stream_set_onboard_average(int index, int count, int timeout_
 
 /* duGetFilterData for one index, with a time-out: the same requests,
  * pauses and average of `averages` frames written to output (1024
- * doubles). Refused while a stream runs. */
+ * doubles). Refused while a stream runs. An average never holds a frame
+ * that came short: when one may be among its frames, they are all dropped
+ * and taken again while the time-out allows (the short ones are counted in
+ * orb_frame_activity's dropped_short), else the result is
+ * ORB_STREAM_ERR_SHORT_FRAME. A start request the sensor refused, and no
+ * frame after it, gives ORB_STREAM_ERR_USB rather than a time-out. */
 ORB_EXPORT int orb_single_shot(int index, double* output, int averages, int timeout_ms);
+
+/* What the frame path of a sensor has done, whoever drove it: a stream, a
+ * single shot, or duGetFilterData and the calls built on it (the
+ * auto-exposure search), which have no time-out. A host running one of
+ * those watches idle_ms against patience_ms to tell a slow call from a
+ * stuck one. Counting starts with the first call of this layer on the
+ * index. Answers OK, or why the frame path cannot deliver any more
+ * (ORB_STREAM_ERR_LOST, _STALLED, _ENDED, _NOT_CONNECTED), with the
+ * record filled in either way when the index has a sensor. */
+typedef struct orb_frame_activity {
+    uint64_t completed;      /* frame transfers completed since counting started */
+    uint64_t short_frames;   /* of them, those that came short */
+    uint64_t dropped_short;  /* short frames the single shot dropped from its averages */
+    uint32_t idle_ms;        /* since the last completion, or since counting started */
+    /* The longest a working sensor goes without a completion while the
+     * library acquires at the shutter speed it uses now: its pauses around
+     * a trial of the auto-exposure search, the frames, and a margin. */
+    uint32_t patience_ms;
+} orb_frame_activity;
+
+ORB_EXPORT int orb_frame_activity_get(int index, orb_frame_activity* activity);
 
 /* 1 when the sensor at index is still on the bus; ORB_STREAM_ERR_LOST when
  * it has left, ORB_STREAM_ERR_NOT_CONNECTED when nothing was opened there.

@@ -78,6 +78,9 @@ except SensorTimeoutError:
 ctl("clear", "0")
 s.read()
 ctl("fault", "0", "hang")
+# After a read's time-out the next call connects afresh (its frame transfer
+# may be held for good), which a silent sensor makes wait the connect's
+# bound: 2.5 s for one sensor.
 for call in (lambda: s.read(timeout=1.0), lambda: setattr(s, "shutter_speed", 40),
              lambda: next(iter(s.stream(timeout=1.0)))):
     t = time.monotonic()
@@ -85,7 +88,7 @@ for call in (lambda: s.read(timeout=1.0), lambda: setattr(s, "shutter_speed", 40
         call()
         raise SystemExit("a silent sensor answered")
     except SensorTimeoutError:
-        assert took(t) < 2.5, took(t)
+        assert took(t) < 3.5, took(t)
 ctl("clear", "0")
 print("read", len(s.read().values))
 """)

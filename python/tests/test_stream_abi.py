@@ -9,14 +9,14 @@ import subprocess
 
 import pytest
 
-from orb_sensor._process.stream_abi import (FRAME_DTYPE, SETTINGS_DTYPE, STATS_DTYPE, STREAM_FILTERS,
-                                            STREAM_MAX_RING, STREAM_SATURATED, StreamResult)
+from orb_sensor._process.stream_abi import (ACTIVITY_DTYPE, FRAME_DTYPE, SETTINGS_DTYPE, STATS_DTYPE,
+                                            STREAM_FILTERS, STREAM_MAX_RING, STREAM_SATURATED, StreamResult)
 
 from conftest import REPO
 
 HEADER = os.path.join(REPO, "include", "orb_stream.h")
 STRUCTS = {"orb_stream_settings": SETTINGS_DTYPE, "orb_stream_frame": FRAME_DTYPE,
-           "orb_stream_stats": STATS_DTYPE}
+           "orb_stream_stats": STATS_DTYPE, "orb_frame_activity": ACTIVITY_DTYPE}
 
 
 def _c_name(python_name):

@@ -297,8 +297,29 @@ with devices({"SensorIndex": 0}, {"SensorID": "C1234-7-21-33-1"}) as context:
 """)
     text = "\n".join(out)
     assert "Sensor C1234-7-21-33-1 is not on the bus: plug the sensor back in" in text
-    assert "Sensor C1234-7-20-33-1 does not answer: unplug it and plug it back in" in text
-    assert "ORB_SensorTimeout|Sensor C1234-7-20-33-1 does not answer" in text
+    assert "Sensor C1234-7-20-33-1 is on the bus but not answering" in text
+    assert "replug it only if it stays silent" in text
+    assert "ORB_SensorTimeout|Sensor C1234-7-20-33-1 is on the bus but not answering" in text
+
+
+def test_a_streaming_sensor_that_stops_answering_or_stalls_streams_again_once_cleared(run_python):
+    out = run(run_python, 1, """
+with one_device(SensorIndex=0) as proxy:
+    wait_state(proxy, ON, 20)
+    proxy.Start()
+    wait_state(proxy, RUNNING, 10)
+    for fault, words in ((["trickle", "64"], "is on the bus but not answering"),
+                         (["stall-bulk"], "its frame endpoint stalled")):
+        ctl("fault", "0", *fault)
+        print(fault[0], "fault after %.1f" % wait_state(proxy, FAULT, 5))
+        status = proxy.status()
+        assert words in status and "plug the sensor back in" not in status, status
+        ctl("clear", "0")
+        print(fault[0], "running after %.1f" % wait_state(proxy, RUNNING, 3.5))
+    proxy.Stop()
+""")
+    print("\n".join(out))  # the times measured, for pytest -s
+    assert [line.split()[0] for line in out if "after" in line] == ["trickle", "trickle", "stall-bulk", "stall-bulk"]
 
 
 def test_orb_tango_serves_the_devices_of_a_file_database(run_python, tmp_path):

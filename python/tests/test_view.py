@@ -262,6 +262,24 @@ def test_unplug_shows_lost_at_once_and_replug_brings_frames_back(view, page):
     assert driver.execute_script("return window.notReloaded") is True
 
 
+def test_a_silent_or_stalled_sensor_is_named_and_frames_come_back_once_cleared(view, page):
+    v = view("--sensors", "1")
+    driver = page(v.url)
+    wait_for(lambda: frame_number(driver), 15, "a first frame")
+    for fault, words in ((["trickle", "64"], "not answering"), (["stall-bulk"], "endpoint stalled")):
+        t = time.monotonic()
+        v.ctl("fault", "0", *fault)
+        wait_for(lambda: words in text(driver, "state"), 5, words)
+        assert "lost" not in text(driver, "state")
+        shown = time.monotonic() - t
+        t = time.monotonic()
+        v.ctl("clear", "0")
+        wait_for(lambda: "streaming" in text(driver, "state"), 3.5, f"streaming after {fault[0]}")
+        number = wait_for(lambda: frame_number(driver), 3, "a frame")
+        wait_for(lambda: frame_number(driver) > number, 3, "the frame number advancing")
+        print(f"{fault[0]}: shown after {shown:.1f} s, frames again after {time.monotonic() - t:.1f} s")
+
+
 def test_freeze_save_and_record(view, page, tmp_path):
     v = view("--sensors", "1")
     driver = page(v.url)

@@ -4,6 +4,7 @@
 
 #include "orb_stream.h"
 
+#include "frame_watch.h"
 #include "presence.h"
 #include "settings_change.h"
 #include "single_shot.h"
@@ -72,6 +73,11 @@ extern "C" int orb_single_shot(int index, double* output, int averages, int time
     return single_shot(index, output, averages, timeout_ms);
 }
 
+extern "C" int orb_frame_activity_get(int index, orb_frame_activity* activity) {
+    if (!valid_index(index) || activity == nullptr) return ORB_STREAM_ERR_INVALID;
+    return frame_activity(index, *activity);
+}
+
 extern "C" int orb_sensor_present(int index) {
     // Any index at all: one never opened answers NOT_CONNECTED.
     if (index < 0) return ORB_STREAM_ERR_INVALID;
@@ -92,6 +98,8 @@ extern "C" const char* orb_stream_result_text(int result) {
     case ORB_STREAM_ERR_VERIFY: return "setting did not read back";
     case ORB_STREAM_ERR_NO_MEMORY: return "out of memory";
     case ORB_STREAM_ERR_UNSUPPORTED: return "not supported with the frame moving average";
+    case ORB_STREAM_ERR_SHORT_FRAME: return "frames came short and were not replaced in time";
+    case ORB_STREAM_ERR_STALLED: return "frame endpoint stalled";
     default: return "unknown result";
     }
 }

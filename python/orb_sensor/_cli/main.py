@@ -1,7 +1,7 @@
 """orb-sensor: the spectral sensor on the command line.
 
 Exit status: 0 done, 1 no sensor (or no LED module), 2 bad use, 3 a failure
-of the library, 4 the sensor was lost or did not answer in time.
+of the library, 4 the sensor was lost, did not answer in time or refused a request.
 """
 
 import argparse
@@ -11,7 +11,8 @@ import sys
 
 from .. import __version__
 from ..checks import INT_MAX
-from ..errors import NoSensorError, OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorTimeoutError
+from ..errors import (NoSensorError, OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorRefusedError,
+                      SensorTimeoutError)
 from ..facts import ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, SHUTTER_SPEED_LIMITS
 from ..led import MAX_CHANNELS, MAX_INTENSITY, NoLedModuleError
 from . import arguments, doctor, emulation
@@ -136,7 +137,7 @@ def _run(args, progress):
         return EXIT_NO_SENSOR
     except NoLedModuleError as e:
         return _fail(progress, f"led: {e}\n" + NO_DEVICE_HELP.rstrip("\n"), EXIT_NO_SENSOR)
-    except (SensorLostError, SensorTimeoutError) as e:
+    except (SensorLostError, SensorTimeoutError, SensorRefusedError) as e:
         return _fail(progress, str(e), EXIT_LOST)
     except (OrbValueError, OrbTypeError) as e:
         return _fail(progress, str(e), EXIT_USAGE)

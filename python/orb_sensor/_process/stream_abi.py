@@ -1,5 +1,5 @@
 """What orb_stream.h defines, for Python: the result codes of the stream
-calls, and the settings, frame and counter records as numpy dtypes. Defined
+calls, and the settings, frame, counter and activity records as numpy dtypes. Defined
 here only; tests/test_stream_abi.py holds them against the header."""
 
 import enum
@@ -24,6 +24,8 @@ class StreamResult(enum.IntEnum):
     ERR_VERIFY = -109
     ERR_NO_MEMORY = -110
     ERR_UNSUPPORTED = -111
+    ERR_SHORT_FRAME = -112
+    ERR_STALLED = -113
 
 
 # ORB_STREAM_FILTERS and ORB_STREAM_SATURATED are the package's own facts.
@@ -40,3 +42,5 @@ FRAME_DTYPE = np.dtype([("sequence", "<u8"), ("timestamp_ns", "<u8"), ("lost_bef
 STATS_DTYPE = np.dtype([("completed", "<u8"), ("delivered", "<u8"), ("lost", "<u8"),
                         ("short_frames", "<u8"), ("stale", "<u8"), ("queued", "<u4"),
                         ("capacity", "<u4"), ("max_queued", "<u4")], align=True)
+ACTIVITY_DTYPE = np.dtype([("completed", "<u8"), ("short_frames", "<u8"), ("dropped_short", "<u8"),
+                           ("idle_ms", "<u4"), ("patience_ms", "<u4")], align=True)

@@ -250,7 +250,7 @@ class OrbSensor(Device):
             self._access.check()
             frame = self._latest.after(self._latest.count, wait)
             if frame is None:
-                failures.throw(failures.SILENT, f"no frame from the stream within {wait:g} s: "
+                failures.throw(failures.SILENT, f"no frame from the stream within {wait:.1f} s: "
                                f"{self.dev_status()}", "OrbSensor.Acquire")
         else:
             # A stream just stopped may still hold the sensor.

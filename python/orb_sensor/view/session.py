@@ -4,9 +4,10 @@ The thread iterates the sensor's Stream and hands each Frame to the pages
 and to the recording; the Stream numbers, averages (as the page asks) and
 counts what is lost. What needs the sensor alone, auto-exposure and a dark
 frame, runs in the same thread while the Stream is stopped; it goes on
-afterwards with the next number. When the sensor is lost the thread says
-so and tries again every half second: once it is plugged back in, frames
-come again by themselves.
+afterwards with the next number. When the sensor is lost (left the bus),
+not answering or its frame endpoint stalled, the thread says which and
+tries again every half second: once it is back or the fault is cleared,
+frames come again by themselves.
 """
 
 import concurrent.futures
@@ -15,13 +16,15 @@ import queue
 import threading
 import time
 
-from ..errors import OrbError, SensorLostError, SensorTimeoutError
+from ..errors import OrbError, SensorLostError, SensorStalledError, SensorTimeoutError
 from ..facts import exposure_ms
 from ..sensor import Sensor
 from .fanout import Fanout
 from .recorder import Recorder
 
 RETRY_S = 0.5
+# States the thread tries again from, each a fault the page names.
+FAULT_STATES = ("lost", "not answering", "endpoint stalled", "failed")
 # The frame rate is counted over at least this long.
 RATE_WINDOW_S = 1.0
 
@@ -74,13 +77,17 @@ class Session:
             self._run_jobs()
             try:
                 self._stream()
-            except (SensorLostError, SensorTimeoutError) as e:
+            except SensorLostError as e:
                 self._set_state("lost", str(e))
+            except SensorStalledError as e:
+                self._set_state("endpoint stalled", str(e))
+            except SensorTimeoutError as e:
+                self._set_state("not answering", str(e))
             except OrbError as e:
                 self._set_state("failed", str(e))
             except Exception as e:  # a fault of the view's own: shown, and tried again
                 self._set_state("failed", f"internal error: {type(e).__name__}: {e}")
-            if self.state in ("lost", "failed"):
+            if self.state in FAULT_STATES:
                 self._interrupt.wait(RETRY_S)
 
     def _stream(self):

@@ -90,7 +90,7 @@ function show(id, text) {
 export function showStatus(next) {
   status = next;
   const state = $("state");
-  state.className = `state ${next.state}`;
+  state.className = `state ${next.state.replace(/ /g, "-")}`;
   state.textContent = next.state + (next.message ? `: ${next.message}` : "");
   $("sensor-id").textContent = next.sensor_id;
   $("frame-rate").textContent = next.frame_rate.toFixed(1);
