@@ -70,6 +70,7 @@ typedef struct orb_calibration_data {
     int wavelength_count;          /* N, at least 8 */
     const double* wavelength_nm;   /* [N], strictly ascending */
     const double* response;        /* [1024][N]: dark-subtracted counts per ms per unit of source power */
+    const double* response_error;  /* [1024][N]: the standard error of each response value, same unit */
     const double* noise;           /* [1024]: standard deviation of one dark frame, counts */
     const double* step_exposure_ms; /* [N]: the exposure used at each step */
     int dark_count;                /* E, at least 1 */

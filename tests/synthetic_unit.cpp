@@ -45,7 +45,7 @@ void Unit::calibrate(const std::string& path, double first_nm, double last_nm, d
     std::vector<double> nm, exposure;
     for (double x = first_nm; x <= last_nm + 1e-9; x += step_nm) nm.push_back(x);
     const size_t n = nm.size();
-    std::vector<double> measured(ORB_SPECTRUM_FILTERS * n);
+    std::vector<double> measured(ORB_SPECTRUM_FILTERS * n), error(ORB_SPECTRUM_FILTERS * n);
     // Exposures on a ladder of 1.25x, each with its own dark shared by the
     // steps that use it.
     std::vector<double> dark_exposure;
@@ -68,6 +68,8 @@ void Unit::calibrate(const std::string& path, double first_nm, double last_nm, d
             const double counts = t * response(i, nm[j]);
             const double sigma = std::sqrt(noise(i) * noise(i) + counts * kCountsPerElectron) / std::sqrt(frames);
             const double raw = dark_level(i) + counts + draw(sigma);
+            error[static_cast<size_t>(i) * n + j] =
+                std::sqrt(sigma * sigma + std::pow(noise(i), 2) / dark_frames) / t;
             measured[static_cast<size_t>(i) * n + j] = (raw - darks[e][static_cast<size_t>(i)]) / t;
         }
     }
@@ -79,6 +81,7 @@ void Unit::calibrate(const std::string& path, double first_nm, double last_nm, d
     data.wavelength_count = static_cast<int>(n);
     data.wavelength_nm = nm.data();
     data.response = measured.data();
+    data.response_error = error.data();
     data.noise = noise_.data();
     data.step_exposure_ms = exposure.data();
     data.dark_count = static_cast<int>(dark_exposure.size());

@@ -11,11 +11,12 @@ namespace orbspectrum {
 
 namespace {
 
-// A filter whose strongest response is below this fraction of the typical
-// filter's is dead (a broken pixel, or one behind a defect); one whose dark
-// noise is this many times the typical filter's is hot. Either would only add
-// noise to every wavelength it weighs in.
-constexpr double kDeadResponseFraction = 0.02;
+// A filter whose response is nowhere this many standard errors above zero is
+// dead (a broken pixel, or one behind a defect); one whose dark noise is this
+// many times the typical filter's is hot. Either would only add noise to
+// every wavelength it weighs in. A filter that is merely weak (at the ends of
+// the range, where silicon is nearly blind) is kept: it is all there is there.
+constexpr double kDeadSignificance = 8.0;
 constexpr double kHotNoiseFactor = 10.0;
 
 [[noreturn]] void damaged(const std::string& path, const std::string& what) {
@@ -41,6 +42,11 @@ void Calibration::validate_and_flag(const std::string& path) {
         damaged(path, "the response is " + std::to_string(response.rows()) + " x " + std::to_string(response.cols()) +
                           ", not 1024 x " + std::to_string(n));
     if (!response.allFinite()) damaged(path, "the response holds values that are not numbers");
+    if (response_error.rows() != kFilters || response_error.cols() != n)
+        damaged(path, "the response error is " + std::to_string(response_error.rows()) + " x " +
+                          std::to_string(response_error.cols()) + ", not 1024 x " + std::to_string(n));
+    if (!response_error.allFinite() || response_error.minCoeff() < 0)
+        damaged(path, "the response error holds negative values or not numbers");
     if (noise.size() != kFilters) damaged(path, "the noise has " + std::to_string(noise.size()) + " values, not 1024");
     if (!noise.allFinite() || noise.minCoeff() < 0) damaged(path, "the noise holds negative values or not numbers");
     if (static_cast<Eigen::Index>(step_exposure_ms.size()) != n)
@@ -52,12 +58,14 @@ void Calibration::validate_and_flag(const std::string& path) {
                           std::to_string(dark_exposure_ms.size()) + " exposures");
     if (!dark.allFinite()) damaged(path, "the darks hold values that are not numbers");
 
-    std::vector<double> peak(kFilters), sigma(noise.data(), noise.data() + kFilters);
-    for (int i = 0; i < kFilters; ++i) peak[i] = response.row(i).cwiseAbs().maxCoeff();
-    const double typical_peak = median(peak), typical_noise = median(sigma);
+    const double typical_noise = median(std::vector<double>(noise.data(), noise.data() + kFilters));
     unusable.assign(kFilters, false);
-    for (int i = 0; i < kFilters; ++i)
-        unusable[i] = peak[i] < kDeadResponseFraction * typical_peak || noise[i] > kHotNoiseFactor * typical_noise;
+    for (int i = 0; i < kFilters; ++i) {
+        double significance = 0;
+        for (Eigen::Index j = 0; j < n; ++j)
+            significance = std::max(significance, response(i, j) / std::max(response_error(i, j), 1e-300));
+        unusable[static_cast<size_t>(i)] = significance < kDeadSignificance || noise[i] > kHotNoiseFactor * typical_noise;
+    }
 }
 
 }  // namespace orbspectrum

@@ -18,6 +18,7 @@ struct Calibration {
     std::string sensor_id, created, software_version, source, source_power;
     std::vector<double> wavelength_nm;           // N, ascending
     Eigen::MatrixXd response;                     // 1024 x N, counts per ms per unit power
+    Eigen::MatrixXd response_error;               // 1024 x N, its standard error
     Eigen::VectorXd noise;                        // 1024, counts
     std::vector<double> step_exposure_ms;         // N
     std::vector<double> dark_exposure_ms;         // E

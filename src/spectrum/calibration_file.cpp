@@ -227,6 +227,8 @@ Calibration read_calibration(const std::string& path, const std::string& expecte
     std::vector<double> v = in.dataset("response", 2, dims);
     if (dims[1] != n) in.damaged("the response has " + std::to_string(dims[1]) + " wavelengths, not " + std::to_string(n));
     c.response = row_major(v, dims[0], dims[1]);
+    v = in.dataset("response_error", 2, dims);
+    c.response_error = row_major(v, dims[0], dims[1]);
     v = in.dataset("noise", 1, dims);
     c.noise = Eigen::Map<Eigen::VectorXd>(v.data(), static_cast<Eigen::Index>(v.size()));
     c.step_exposure_ms = in.dataset("step_exposure_ms", 1, dims);
@@ -251,7 +253,7 @@ Calibration read_calibration(const std::string& path, const std::string& expecte
 }
 
 void write_calibration(const std::string& path, const orb_calibration_data& d) {
-    if (d.sensor_id == nullptr || d.wavelength_nm == nullptr || d.response == nullptr || d.noise == nullptr ||
+    if (d.sensor_id == nullptr || d.wavelength_nm == nullptr || d.response == nullptr || d.response_error == nullptr || d.noise == nullptr ||
         d.step_exposure_ms == nullptr || d.dark_exposure_ms == nullptr || d.dark == nullptr ||
         d.wavelength_count < 1 || d.dark_count < 1)
         throw EngineError(ORB_SPECTRUM_ERR_INVALID, "the calibration to write has a null array or no samples");
@@ -260,6 +262,8 @@ void write_calibration(const std::string& path, const orb_calibration_data& d) {
     c.wavelength_nm.assign(d.wavelength_nm, d.wavelength_nm + n);
     c.response = Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>(
         d.response, kFilters, d.wavelength_count);
+    c.response_error = Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>(
+        d.response_error, kFilters, d.wavelength_count);
     c.noise = Eigen::Map<const Eigen::VectorXd>(d.noise, kFilters);
     c.step_exposure_ms.assign(d.step_exposure_ms, d.step_exposure_ms + n);
     c.dark_exposure_ms.assign(d.dark_exposure_ms, d.dark_exposure_ms + e);
@@ -286,6 +290,7 @@ void write_calibration(const std::string& path, const orb_calibration_data& d) {
         out.text(root, "software_version", d.software_version ? d.software_version : ORB_SOFTWARE_VERSION);
         out.dataset("wavelength_nm", d.wavelength_nm, {n});
         out.dataset("response", d.response, {static_cast<hsize_t>(kFilters), n});
+        out.dataset("response_error", d.response_error, {static_cast<hsize_t>(kFilters), n});
         out.dataset("noise", d.noise, {static_cast<hsize_t>(kFilters)});
         out.dataset("step_exposure_ms", d.step_exposure_ms, {n});
         out.dataset("dark_exposure_ms", d.dark_exposure_ms, {e});

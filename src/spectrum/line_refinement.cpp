@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
 #include "spectral_peaks.h"
 
@@ -21,12 +20,19 @@ namespace orbspectrum {
 
 namespace {
 
-constexpr double kWindowHalfNm = 15.0;     // wider than the broadest filter with its side lobes
+constexpr double kWindowHalfNm = 40.0;     // wider than the broadest filter with its side lobes
+constexpr double kFineHalfNm = 12.0;
 constexpr double kFineStepNm = 0.1;
+constexpr double kCoarseStepNm = 1.0;
 constexpr double kPeakProminence = 0.05;   // of the fast result's highest value
+constexpr double kPeakSignificance = 5.0;  // times the fast result's noise
+constexpr size_t kMaxWindows = 8;
 constexpr double kLineShare = 0.01;        // of the strongest group's power: weaker groups stay as they are
-constexpr double kMaxLineSpreadNm = 1.5;   // a group spread wider than this (rms) is broad light, not a line
+constexpr double kMaxLineSpreadNm = 4.5;   // a group spread wider than this (rms) is broad light, not a line
 constexpr double kDip = 0.7;
+constexpr double kDoubleLineSpreadNm = 0.5; // a group spread wider than this is tried as two lines
+constexpr double kTwoLineGain = 0.25;      // two lines must leave at most this share of one line's residual
+constexpr double kSameLineNm = 0.3;
 constexpr double kPositionFreedomNm = 1.0;
 
 // The whitened responses of the filters used to a line at nm (Catmull-Rom
@@ -58,20 +64,52 @@ struct Window {
     double lo, hi;
 };
 
-std::vector<Window> windows_around_peaks(const std::vector<double>& nm, const Eigen::VectorXd& density) {
+// Merges overlapping windows (given in ascending order of lo).
+std::vector<Window> merged(std::vector<Window> w) {
     std::vector<Window> out;
-    const auto peaks = find_peaks(nm.data(), density.data(), static_cast<int>(nm.size()), kPeakProminence);
-    std::vector<double> at;
-    for (const auto& p : peaks) at.push_back(p.wavelength_nm);
-    std::sort(at.begin(), at.end());
-    for (double p : at) {
-        const Window w{std::max(nm.front(), p - kWindowHalfNm), std::min(nm.back(), p + kWindowHalfNm)};
-        if (!out.empty() && w.lo <= out.back().hi)
-            out.back().hi = w.hi;
+    for (const Window& v : w) {
+        if (!out.empty() && v.lo <= out.back().hi)
+            out.back().hi = std::max(out.back().hi, v.hi);
         else
-            out.push_back(w);
+            out.push_back(v);
     }
     return out;
+}
+
+bool inside(const std::vector<Window>& windows, double nm) {
+    return std::any_of(windows.begin(), windows.end(), [&](const Window& v) { return nm >= v.lo && nm <= v.hi; });
+}
+
+// Where the fast result is refitted: around the strongest kMaxWindows of its
+// peaks that stand out from its noise (judged by the spread of its negative
+// values: where there is no light a density swings about zero). The fine grid
+// covers kFineHalfNm to either side of a peak; out to kWindowHalfNm, where a
+// line's filters still answer through their side lobes, a 1 nm grid takes
+// the place of the fast result, whose ringing would otherwise stay.
+struct Region {
+    std::vector<Window> outer, inner;
+};
+
+Region refit_region(const std::vector<double>& nm, const Eigen::VectorXd& density) {
+    double swing = 0;
+    int negative = 0;
+    for (Eigen::Index j = 0; j < density.size(); ++j)
+        if (density[j] < 0) {
+            swing += density[j] * density[j];
+            ++negative;
+        }
+    swing = negative > 0 ? std::sqrt(swing / negative) : 0;
+    const auto peaks = find_peaks(nm.data(), density.data(), static_cast<int>(nm.size()), kPeakProminence);
+    std::vector<double> at;
+    for (const auto& p : peaks)
+        if (p.prominence > kPeakSignificance * swing && at.size() < kMaxWindows) at.push_back(p.wavelength_nm);
+    std::sort(at.begin(), at.end());
+    std::vector<Window> outer, inner;
+    for (double p : at) {
+        outer.push_back({std::max(nm.front(), p - kWindowHalfNm), std::min(nm.back(), p + kWindowHalfNm)});
+        inner.push_back({std::max(nm.front(), p - kFineHalfNm), std::min(nm.back(), p + kFineHalfNm)});
+    }
+    return {merged(outer), merged(inner)};
 }
 
 template <typename F>
@@ -211,6 +249,52 @@ std::vector<Group> line_groups(const Eigen::VectorXd& a, const std::vector<doubl
     return out;
 }
 
+struct LineFit {
+    std::vector<orb_spectrum_line> lines;
+    double residual = 0;
+};
+
+// Fits the groups as lines of free position and power (a split group as two,
+// started a spread to either side of its centroid), in wavelength order.
+LineFit fit_lines(const WeightedResponse& w, const Eigen::VectorXd& z, const std::vector<Group>& groups,
+                  const std::vector<bool>& split) {
+    std::vector<double> unit, seed, freedom;
+    for (size_t g = 0; g < groups.size(); ++g) {
+        const Group& group = groups[g];
+        if (split[g]) {
+            for (double side : {-1.0, 1.0}) {
+                unit.push_back(group.power / 2);
+                seed.push_back(group.centroid + side * group.spread);
+                freedom.push_back(group.spread);
+            }
+        } else {
+            unit.push_back(group.power);
+            seed.push_back(group.centroid);
+            freedom.push_back(kPositionFreedomNm);
+        }
+    }
+    const Eigen::Index n = static_cast<Eigen::Index>(unit.size());
+    Eigen::VectorXd x(2 * n), lo(2 * n), hi(2 * n);
+    for (Eigen::Index i = 0; i < n; ++i) {
+        const auto u = static_cast<size_t>(i);
+        x[i] = seed[u];
+        lo[i] = std::max(w.wavelength_nm.front(), seed[u] - freedom[u]);
+        hi[i] = std::min(w.wavelength_nm.back(), seed[u] + freedom[u]);
+        x[n + i] = 1;
+        lo[n + i] = 0;
+        hi[n + i] = 10;
+    }
+    LineFit fit;
+    const Lines objective{w, z, unit, 1.0 / std::max(z.squaredNorm(), 1e-300)};
+    if (n > 0) minimise(objective, x, lo, hi, 300);
+    Eigen::VectorXd grad;
+    fit.residual = n > 0 ? objective(x, grad) : 0.5;
+    for (Eigen::Index i = 0; i < n; ++i) fit.lines.push_back({x[i], x[n + i] * unit[static_cast<size_t>(i)]});
+    std::sort(fit.lines.begin(), fit.lines.end(),
+              [](const auto& p, const auto& q) { return p.wavelength_nm < q.wavelength_nm; });
+    return fit;
+}
+
 }  // namespace
 
 Refined refine_lines(const Reconstruction& r, const double* filters, const double* dark, double exposure_ms) {
@@ -223,19 +307,16 @@ Refined refine_lines(const Reconstruction& r, const double* filters, const doubl
         y[i] = w.inverse_sigma[i] * (filters[f] - dark[f]) / exposure_ms;
     }
 
-    const std::vector<Window> windows = windows_around_peaks(w.wavelength_nm, fast);
-    if (0) for (auto& v : windows) fprintf(stderr, "DBG window %.2f %.2f\n", v.lo, v.hi);
-    auto inside = [&](double nm) {
-        return std::any_of(windows.begin(), windows.end(), [&](const Window& v) { return nm >= v.lo && nm <= v.hi; });
-    };
+    const Region region = refit_region(w.wavelength_nm, fast);
     for (Eigen::Index j = 0; j < fast.size(); ++j)
-        if (inside(w.wavelength_nm[static_cast<size_t>(j)])) fast[j] = 0;
+        if (inside(region.outer, w.wavelength_nm[static_cast<size_t>(j)])) fast[j] = 0;
     const Eigen::VectorXd widths_cal = Eigen::Map<const Eigen::VectorXd>(w.width_nm.data(), fast.size());
     const Eigen::VectorXd z = y - w.response * fast.cwiseProduct(widths_cal);
 
     std::vector<double> fine;
-    for (const Window& v : windows)
-        for (double nm = v.lo; nm <= v.hi + 1e-9; nm += kFineStepNm) fine.push_back(nm);
+    for (const Window& v : region.outer)
+        for (double nm = v.lo; nm <= v.hi + 1e-9; nm += inside(region.inner, nm) ? kFineStepNm : kCoarseStepNm)
+            fine.push_back(nm);
     const Eigen::Index k = static_cast<Eigen::Index>(fine.size());
 
     Refined out;
@@ -263,7 +344,11 @@ Refined refine_lines(const Reconstruction& r, const double* filters, const doubl
     Eigen::VectorXd b(k);
     const Eigen::VectorXd before = r.apply_at_calibration(filters, dark, exposure_ms);
     for (Eigen::Index c = 0; c < k; ++c)
-        b[c] = std::max(0.0, interpolate(w.wavelength_nm, before, fine[static_cast<size_t>(c)])) * kFineStepNm * d[c];
+    {
+        const double nm = fine[static_cast<size_t>(c)];
+        const double step = inside(region.inner, nm) ? kFineStepNm : kCoarseStepNm;
+        b[c] = std::max(0.0, interpolate(w.wavelength_nm, before, nm)) * step * d[c];
+    }
     const Quadratic quadratic{gram_scaled, target, scale};
     // A line search that gives up early leaves a usable point; further runs
     // from it go on with a fresh curvature estimate.
@@ -271,7 +356,6 @@ Refined refine_lines(const Reconstruction& r, const double* filters, const doubl
         minimise(quadratic, b, Eigen::VectorXd::Zero(k), Eigen::VectorXd::Constant(k, INFINITY), 1000);
     const Eigen::VectorXd a = b.cwiseQuotient(d);
 
-    if (0) fprintf(stderr, "DBG k %ld amax %g amin %g sum %g\n", (long)k, a.maxCoeff(), a.minCoeff(), a.sum());
     // Groups of powers that each look like one line; the rest stays as it is.
     std::vector<Group> groups = line_groups(a, fine);
     double strongest = 0;
@@ -284,34 +368,40 @@ Refined refine_lines(const Reconstruction& r, const double* filters, const doubl
         for (size_t c = g.first; c <= g.last; ++c) rest[static_cast<Eigen::Index>(c)] = 0;
     }
 
-    // Each line's position and power, against what the rest leaves.
-    const Eigen::Index n = static_cast<Eigen::Index>(lines.size());
+    // Each line's position and power, against what the rest leaves. A group
+    // spread wider than one line is fitted as two as well, and kept as two
+    // when that explains the frame far better.
     const Eigen::VectorXd z_lines = z - basis * rest;
-    std::vector<double> unit;
-    Eigen::VectorXd x(2 * n), lo(2 * n), hi(2 * n);
-    for (Eigen::Index i = 0; i < n; ++i) {
-        const Group& g = lines[static_cast<size_t>(i)];
-        unit.push_back(g.power);
-        x[i] = g.centroid;
-        lo[i] = std::max(w.wavelength_nm.front(), g.centroid - kPositionFreedomNm);
-        hi[i] = std::min(w.wavelength_nm.back(), g.centroid + kPositionFreedomNm);
-        x[n + i] = 1;
-        lo[n + i] = 0;
-        hi[n + i] = 10;
+    std::vector<bool> split(lines.size(), false);
+    LineFit fit = fit_lines(w, z_lines, lines, split);
+    for (size_t g = 0; g < lines.size(); ++g) {
+        if (lines[g].spread <= kDoubleLineSpreadNm) continue;
+        split[g] = true;
+        LineFit two = fit_lines(w, z_lines, lines, split);
+        if (two.residual < kTwoLineGain * fit.residual)
+            fit = std::move(two);
+        else
+            split[g] = false;
     }
-    if (n > 0) {
-        const Lines objective{w, z_lines, unit, 1.0 / std::max(z_lines.squaredNorm(), 1e-300)};
-        minimise(objective, x, lo, hi, 300);
-    }
+    if (std::count(split.begin(), split.end(), true) > 0) fit = fit_lines(w, z_lines, lines, split);
 
     for (size_t c = 0; c < fine.size(); ++c)
         if (rest[static_cast<Eigen::Index>(c)] > 0)
             deposit(grid, grid_width, fine[c], rest[static_cast<Eigen::Index>(c)], out.density);
-    for (Eigen::Index i = 0; i < n; ++i) {
-        const orb_spectrum_line line{x[i], x[n + i] * unit[static_cast<size_t>(i)]};
-        deposit(grid, grid_width, line.wavelength_nm, line.power, out.density);
-        out.lines.push_back(line);
+    // Two seeds that met are one line.
+    for (const orb_spectrum_line& line : fit.lines) {
+        if (!(line.power > 0)) continue;
+        if (!out.lines.empty() && std::abs(out.lines.back().wavelength_nm - line.wavelength_nm) < kSameLineNm) {
+            orb_spectrum_line& last = out.lines.back();
+            const double power = last.power + line.power;
+            last.wavelength_nm = (last.wavelength_nm * last.power + line.wavelength_nm * line.power) / power;
+            last.power = power;
+        } else {
+            out.lines.push_back(line);
+        }
     }
+    for (const orb_spectrum_line& line : out.lines)
+        deposit(grid, grid_width, line.wavelength_nm, line.power, out.density);
     std::sort(out.lines.begin(), out.lines.end(), [](const auto& p, const auto& q) { return p.power > q.power; });
     return out;
 }

@@ -44,7 +44,6 @@ int guarded(char* message, int message_size, F&& f) {
         return ORB_SPECTRUM_ERR_NO_MEMORY;
     } catch (const std::exception& e) {
         put_text(message, message_size, std::string("the spectrum could not be computed: ") + e.what());
-        fprintf(stderr, "DBG %s\n", e.what());
         return ORB_SPECTRUM_ERR_COMPUTE;
     }
 }

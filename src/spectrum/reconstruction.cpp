@@ -95,26 +95,33 @@ Reconstruction::Reconstruction(const Calibration& cal, double grid, double stren
     if (m < 2) throw EngineError(ORB_SPECTRUM_ERR_COMPUTE, "the calibration leaves fewer than 2 usable filters");
     w.wavelength_nm = cal.wavelength_nm;
     w.width_nm = sample_widths(cal.wavelength_nm);
+    const Eigen::Map<const Eigen::VectorXd> width(w.width_nm.data(), n);
+
+    // The reference exposure t0 puts a flat spectrum's brightest filter at
+    // 70% of the ADC's range above the dark.
+    double peak = 0;
+    for (int f : w.filters) peak = std::max(peak, cal.response.row(f).dot(width));
+    if (!(peak > 0)) throw EngineError(ORB_SPECTRUM_ERR_COMPUTE, "the calibration's filters see no light");
+    const double t0 = kReferenceLevel * std::max(kFullScale - cal.dark.row(0).mean(), 1.0) / peak;
+
+    // Each filter's noise in that frame: its own (over the frames averaged)
+    // and what the calibration's errors put into a flat spectrum's counts.
+    // The second is why a filter measured noisily at calibration weighs less.
     w.inverse_sigma.resize(m);
     w.response.resize(m, n);
     const double frames = std::max(1, averages);
     for (Eigen::Index r = 0; r < m; ++r) {
         const int f = w.filters[static_cast<size_t>(r)];
-        w.inverse_sigma[r] = std::sqrt(frames) / std::max(cal.noise[f], kNoiseFloor);
+        const double own = std::pow(std::max(cal.noise[f], kNoiseFloor), 2) / frames;
+        const double model = t0 * t0 * cal.response_error.row(f).cwiseProduct(width.transpose()).squaredNorm();
+        w.inverse_sigma[r] = 1.0 / std::sqrt(own + model);
         w.response.row(r) = cal.response.row(f) * w.inverse_sigma[r];
     }
     w.slope = tangents(w.response, w.wavelength_nm);
 
     // The whitened system for a density S: counts at the reference exposure
     // over their noise, A = diag(1/sigma) R diag(width) t0.
-    Eigen::MatrixXd a = w.response * Eigen::Map<const Eigen::VectorXd>(w.width_nm.data(), n).asDiagonal();
-    // The reference exposure t0 puts a flat spectrum's brightest filter at
-    // 70% of the ADC's range above the dark.
-    Eigen::VectorXd counts_per_ms(m);
-    for (Eigen::Index r = 0; r < m; ++r) counts_per_ms[r] = a.row(r).sum() / w.inverse_sigma[r];
-    const double peak = counts_per_ms.maxCoeff();
-    if (!(peak > 0)) throw EngineError(ORB_SPECTRUM_ERR_COMPUTE, "the calibration's filters see no light");
-    const double t0 = kReferenceLevel * std::max(kFullScale - cal.dark.row(0).mean(), 1.0) / peak;
+    Eigen::MatrixXd a = w.response * width.asDiagonal();
     a *= t0;
     const Eigen::VectorXd flat = a.rowwise().sum();
 

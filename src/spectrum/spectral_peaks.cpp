@@ -64,7 +64,7 @@ std::vector<orb_spectrum_peak> find_peaks(const double* nm, const double* v, int
         }
         const double half = 0.5 * p.height;
         p.fwhm_nm = crossing(nm, v, count, i, +1, half) - crossing(nm, v, count, i, -1, half);
-        p.prominence = prominence;
+        p.prominence = p.height - std::max(left, right);
         peaks.push_back(p);
     }
     std::sort(peaks.begin(), peaks.end(), [](const auto& a, const auto& b) { return a.height > b.height; });
