@@ -308,6 +308,7 @@ Refined refine_lines(const Reconstruction& r, const double* filters, const doubl
     }
 
     const Region region = refit_region(w.wavelength_nm, fast);
+    const Eigen::VectorXd before = fast;
     for (Eigen::Index j = 0; j < fast.size(); ++j)
         if (inside(region.outer, w.wavelength_nm[static_cast<size_t>(j)])) fast[j] = 0;
     const Eigen::VectorXd widths_cal = Eigen::Map<const Eigen::VectorXd>(w.width_nm.data(), fast.size());
@@ -342,9 +343,7 @@ Refined refine_lines(const Reconstruction& r, const double* filters, const doubl
     const double scale = 1.0 / std::max(z.squaredNorm(), 1e-300);
     // Started from the fast result's own powers on the fine grid.
     Eigen::VectorXd b(k);
-    const Eigen::VectorXd before = r.apply_at_calibration(filters, dark, exposure_ms);
-    for (Eigen::Index c = 0; c < k; ++c)
-    {
+    for (Eigen::Index c = 0; c < k; ++c) {
         const double nm = fine[static_cast<size_t>(c)];
         const double step = inside(region.inner, nm) ? kFineStepNm : kCoarseStepNm;
         b[c] = std::max(0.0, interpolate(w.wavelength_nm, before, nm)) * step * d[c];
@@ -383,7 +382,6 @@ Refined refine_lines(const Reconstruction& r, const double* filters, const doubl
         else
             split[g] = false;
     }
-    if (std::count(split.begin(), split.end(), true) > 0) fit = fit_lines(w, z_lines, lines, split);
 
     for (size_t c = 0; c < fine.size(); ++c)
         if (rest[static_cast<Eigen::Index>(c)] > 0)
