@@ -162,7 +162,7 @@ typedef struct orb_spectrum_line {
 
 /* The non-negative refinement for line spectra (slower): the spectrum of
  * orb_spectrum_apply, then within windows around its peaks a non-negative fit
- * on a 0.1 nm grid and a fit of each line's position and power, which resolves
+ * on a 0.25 nm grid and a fit of each line's position and power, which resolves
  * lines closer than a filter's width. value receives the spectrum with the
  * windows refitted (lines drawn as densities on the output grid); lines
  * receives up to capacity lines, strongest first, and *count how many were

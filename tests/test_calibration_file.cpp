@@ -121,6 +121,15 @@ TEST_F(CalibrationFile, AnIncompleteOrDamagedFileIsRefusedNamingWhatIsWrong) {
              H5Dclose(d);
          },
          "a wavelength is not a number"},
+        {"repeated wavelength",
+         [](hid_t f) {
+             const hid_t d = H5Dopen2(f, "wavelength_nm", H5P_DEFAULT);
+             std::vector<double> nm(61);
+             for (size_t j = 0; j < nm.size(); ++j) nm[j] = 400 + 5.0 * static_cast<double>(j == 30 ? j - 1 : j);
+             H5Dwrite(d, H5T_NATIVE_DOUBLE, H5S_ALL, H5S_ALL, H5P_DEFAULT, nm.data());
+             H5Dclose(d);
+         },
+         "not strictly ascending at 545"},
     };
     for (const Case& c : cases) {
         const std::string path = written(std::string(c.what) + ".h5");

@@ -1,6 +1,6 @@
 // The non-negative refinement for line spectra. The fast result finds where
 // the lines are; within a window around each of its peaks the spectrum is
-// fitted again as non-negative powers on a 0.1 nm grid (which separates lines
+// fitted again as non-negative powers on a 0.25 nm grid (which separates lines
 // closer than a filter's width), and each group of powers that forms a line is
 // then fitted as one line of free position and power against the filters'
 // responses interpolated between the calibration's wavelengths, which places
@@ -22,7 +22,7 @@ namespace {
 
 constexpr double kWindowHalfNm = 40.0;     // wider than the broadest filter with its side lobes
 constexpr double kFineHalfNm = 12.0;
-constexpr double kFineStepNm = 0.1;
+constexpr double kFineStepNm = 0.25;
 constexpr double kCoarseStepNm = 1.0;
 constexpr double kPeakProminence = 0.05;   // of the fast result's highest value
 constexpr double kPeakSignificance = 5.0;  // times the fast result's noise
