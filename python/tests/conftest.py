@@ -51,8 +51,14 @@ def run_python():
 
 @pytest.fixture
 def orb_sensor(tmp_path):
-    """orb_sensor(*args): the tool's process, run from a scratch directory."""
-    def run(*args, stderr=subprocess.PIPE):
-        return _bounded([PYTHON, os.path.join(REPO, "tools", "orb-sensor"), *args], 300,
-                        env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=stderr, text=True)
+    """orb_sensor(*args): the tool's process, run from a scratch directory;
+    with emulate_scene, under one emulated sensor looking at that light
+    (args then without --emulate)."""
+    def run(*args, stderr=subprocess.PIPE, emulate_scene=None):
+        tool = [PYTHON, os.path.join(REPO, "tools", "orb-sensor")]
+        if emulate_scene is not None:
+            tool = [EMULATE, "--sensors", "1", "--scene", emulate_scene, "--", *tool]
+            args = tuple(a for a in args if a != "--emulate")
+        return _bounded([*tool, *args], 300, env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=stderr,
+                        text=True)
     return run

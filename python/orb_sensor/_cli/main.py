@@ -12,7 +12,8 @@ import sys
 from .. import __version__
 from ..checks import INT_MAX
 from ..errors import NoSensorError, OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorTimeoutError
-from ..facts import ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, SHUTTER_SPEED_LIMITS
+from ..facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, MAX_VALUE,
+                     SHUTTER_SPEED_LIMITS)
 from ..led import MAX_CHANNELS, MAX_INTENSITY, NoLedModuleError
 from . import arguments, doctor, emulation
 from .commands import COMMANDS, NO_DEVICE_HELP, no_sensor_message
@@ -38,6 +39,28 @@ def _limits(p):
                    help="frames averaged into each one written (default 1)")
 
 
+def _exposure_options(p):
+    how = p.add_mutually_exclusive_group()
+    how.add_argument("--shutter", type=arguments.whole(*SHUTTER_SPEED_LIMITS),
+                     help="shutter speed, {} to {}".format(*SHUTTER_SPEED_LIMITS))
+    how.add_argument("--exposure-ms", type=arguments.exposure_ms, metavar="MS",
+                     help="exposure in ms (the nearest shutter speed), {:.6g} to {:.6g}".format(*EXPOSURE_MS_LIMITS))
+    how.add_argument("--auto-exposure", action="store_true",
+                     help="search the shutter speed that puts the brightest filter at the target first")
+    p.add_argument("--target", type=arguments.whole(1, MAX_VALUE), metavar="DN",
+                   help="brightest filter aimed at by --auto-exposure (default 3276, 80%% of full scale)")
+    p.add_argument("--filters", type=arguments.filters, metavar="LIST",
+                   help="filters --auto-exposure looks at, e.g. 1-100,200 (default: all)")
+    p.add_argument("--gain", type=arguments.whole(*ADC_GAIN_LIMITS), help="ADC gain, 0 or 1")
+    p.add_argument("--adc-range", type=arguments.whole(*ADC_RANGE_LIMITS),
+                   help="ADC range index, {} to {}".format(*ADC_RANGE_LIMITS))
+
+
+def _per_ms(p):
+    p.add_argument("--per-ms", action="store_true",
+                   help="values in DN per ms of exposure, so that frames of different exposures compare")
+
+
 def parser():
     p = argparse.ArgumentParser(prog=PROG, description="Spectral sensor access.")
     p.add_argument("--version", action="version", version=f"{PROG} {__version__}")
@@ -52,17 +75,8 @@ def parser():
     _sensor_options(a)
     a.add_argument("-n", "--averages", type=arguments.whole(1, INT_MAX), default=1,
                    help="frames averaged (default 1)")
-    a.add_argument("--shutter", type=arguments.whole(*SHUTTER_SPEED_LIMITS),
-                   help="shutter speed, {} to {}".format(*SHUTTER_SPEED_LIMITS))
-    a.add_argument("--gain", type=arguments.whole(*ADC_GAIN_LIMITS), help="ADC gain, 0 or 1")
-    a.add_argument("--adc-range", type=arguments.whole(*ADC_RANGE_LIMITS),
-                   help="ADC range index, {} to {}".format(*ADC_RANGE_LIMITS))
-    a.add_argument("--auto-exposure", action="store_true",
-                   help="search the shutter speed that puts the peak just below saturation")
-    a.add_argument("--target", type=arguments.whole(1, MAX_VALUE), metavar="DN",
-                   help="peak aimed at by --auto-exposure")
-    a.add_argument("--filters", type=arguments.filters, metavar="LIST",
-                   help="filters --auto-exposure looks at, e.g. 1-100,200 (default: all)")
+    _exposure_options(a)
+    _per_ms(a)
     a.add_argument("--master-clock", type=arguments.whole(1, 1000), default=DEFAULT_MASTER_CLOCK_MHZ,
                    metavar="MHZ", help=f"master clock for the exposure time (default {DEFAULT_MASTER_CLOCK_MHZ})")
     a.add_argument("-o", "--output", metavar="FILE", help="write here instead of stdout (- is stdout)")
@@ -72,6 +86,8 @@ def parser():
     s = sub.add_parser("stream", help="every frame as the sensor makes it, to stdout or a file")
     _sensor_options(s)
     _limits(s)
+    _exposure_options(s)
+    _per_ms(s)
     form = s.add_mutually_exclusive_group()
     form.add_argument("--csv", action="store_const", dest="form", const="csv",
                       help="a row per frame, after a commented header (the default)")
@@ -82,6 +98,7 @@ def parser():
     r = sub.add_parser("record", help="record frames into an HDF5 file as they come")
     _sensor_options(r)
     _limits(r)
+    _exposure_options(r)
     r.add_argument("-o", "--output", required=True, metavar="FILE.h5", help="the HDF5 file to write")
 
     led = sub.add_parser(
