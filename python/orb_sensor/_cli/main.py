@@ -121,6 +121,14 @@ def parser():
     v.add_argument("--host", default="127.0.0.1", metavar="ADDR",
                    help="listen on ADDR (default 127.0.0.1); any other needs the printed token")
     v.add_argument("--open", action="store_true", help="open the page in the desktop's browser")
+    how = v.add_mutually_exclusive_group()
+    how.add_argument("--shutter", type=arguments.whole(*SHUTTER_SPEED_LIMITS),
+                     help="start at this shutter speed instead of an auto-exposure")
+    how.add_argument("--exposure-ms", type=arguments.exposure_ms, metavar="MS",
+                     help="start at this exposure instead of an auto-exposure")
+    how.add_argument("--auto-exposure", action="store_true", help="start with an auto-exposure (the default)")
+    v.add_argument("--target", type=arguments.whole(1, MAX_VALUE), metavar="DN",
+                   help="brightest filter aimed at by the auto-exposures (default 3276)")
     return p
 
 

@@ -62,6 +62,8 @@ class OrbSensor(Device):
         super().init_device()
         self._latest = LatestFrame()
         self._sent_state = None
+        # The last AutoExpose's outcome; off target, Status warns of it.
+        self._exposure = None
         self.set_change_event("FilterData", True, False)
         self.set_change_event("State", True, False)
         self._outbox = Outbox(self, self._send_state, self._send_frame)
@@ -90,7 +92,15 @@ class OrbSensor(Device):
         return self._health()[0]
 
     def dev_status(self):
-        return self._health()[1]
+        status = self._health()[1]
+        if self._exposure is not None and not self._exposure.ok:
+            status += "\n" + self._exposure.message()
+        return status
+
+    @attribute(dtype=str, doc="How the last AutoExpose ended: on target, too dim, too bright, light changed "
+                              "(empty before the first)")
+    def AutoExposureOutcome(self):
+        return "" if self._exposure is None else self._exposure.outcome
 
     def _send_state(self):
         state = self.dev_state()
@@ -260,26 +270,28 @@ class OrbSensor(Device):
             self._deliver(frame)
         return frame.values
 
-    @command(dtype_in=tango.DevLong, doc_in=f"The peak to reach, 1 to {MAX_VALUE} DN; 0: the library's own",
-             dtype_out=tango.DevLong, doc_out="The shutter speed found, now set. Takes up to "
+    @command(dtype_in=tango.DevLong, doc_in=f"The peak to reach, 1 to {MAX_VALUE} DN; 0: 3276, 80% of full scale",
+             dtype_out=tango.DevLong, doc_out="The shutter speed found, now set; AutoExposureOutcome says "
+                                              "how it ended (Status warns when off target). Takes up to "
                                               f"{AUTO_EXPOSE_TIMEOUT_S:g} s: raise the client's time-out")
     @_waits
     def AutoExpose(self, target):
         self._access.check()
         with self._streamer.paused(STREAM_CLOSE_S):
-            shutter, _ = self._access.call(lambda sensor: sensor.auto_expose(target=int(target) or None),
-                                         "searching the shutter speed", AUTO_EXPOSE_TIMEOUT_S + REPLY_MARGIN_S)
-        self._access.learn(shutter_speed=shutter)
-        return shutter
+            found = self._access.call(lambda sensor: sensor.auto_expose(target=int(target) or None),
+                                      "searching the shutter speed", AUTO_EXPOSE_TIMEOUT_S + REPLY_MARGIN_S)
+        self._exposure = found
+        self._access.learn(shutter_speed=found.shutter_speed)
+        return found.shutter_speed
 
-    @command(doc_in="Takes a dark frame (cover the sensor first) at the shortest exposure, "
+    @command(doc_in="Takes a dark frame (cover the sensor first) at the current exposure, "
                     f"{DARK_AVERAGES} averaged, for DarkCorrection; the shutter speed is kept")
     @_waits
     def TakeDark(self):
         self._access.check()
         with self._streamer.paused(STREAM_CLOSE_S):
             self._access.call(lambda sensor: sensor.dark(), "taking a dark frame",
-                            acquisition_timeout_s(DARK_AVERAGES, SHUTTER_SPEED_LIMITS[0]) + 2 * WAIT_S)
+                            acquisition_timeout_s(DARK_AVERAGES) + 2 * WAIT_S)
 
     @command(dtype_in=tango.DevVarLongArray, doc_in=led_command.USAGE, dtype_out=tango.DevLong,
              doc_out="The state word the LED module received: channel bits, intensity << 8")

@@ -44,8 +44,15 @@ async def _serve(app, args, token, session):
             why = os.strerror(e.errno) if e.errno else str(e)
             raise OrbValueError(f"cannot listen on {args.host} port {args.port}: {why}") from None
         # Every connect brings the sensor up at shutter speed 1 (0.1 ms), where
-        # little but the dark level shows: the view begins with an auto-exposure.
-        session.auto_expose(None).add_done_callback(_report_failure)
+        # little but the dark level shows: without an exposure asked for, the
+        # view begins with an auto-exposure.
+        session.target = args.target
+        if args.shutter is not None:
+            session.submit(lambda sensor: session.set_shutter_speed(args.shutter), "setting the shutter speed")
+        elif args.exposure_ms is not None:
+            session.submit(lambda sensor: session.set_exposure_ms(args.exposure_ms), "setting the exposure")
+        else:
+            session.auto_expose(args.target).add_done_callback(lambda f: _report_exposure(f, session))
         session.start()
         url = _url(args.host, runner.addresses[0][1], token)
         print(f"orb-sensor view of sensor {session.sensor.id}: {url}", flush=True)
@@ -63,9 +70,11 @@ async def _serve(app, args, token, session):
         await runner.cleanup()
 
 
-def _report_failure(future):
+def _report_exposure(future, session):
     if future.exception() is not None:
         sys.stderr.write(f"orb-sensor view: the first auto-exposure failed: {future.exception()}\n")
+    else:
+        sys.stderr.write(f"orb-sensor view: {session.exposure.message()}\n")
 
 
 def run(args, progress):

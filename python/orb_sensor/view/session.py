@@ -35,6 +35,10 @@ class Session:
         self.frozen = False
         self.state, self.message = "starting", ""
         self.settings = {}
+        # The last auto-exposure's AutoExposure: an off-target outcome stays
+        # on the page as a warning while the sensor streams.
+        self.exposure = None
+        self.target = None  # the auto-exposures' target; None: the layer's
         # The frame on the page, and whether the dark frame was subtracted
         # from it: one tuple, so that the two are read together.
         self.shown = None
@@ -90,7 +94,7 @@ class Session:
         try:
             for frame in stream:
                 if self.state != "streaming":
-                    self._set_state("streaming")
+                    self._set_state("streaming", self._exposure_warning())
                 self._latest_seq = frame.seq
                 self.recorder.write(frame)
                 if not self.frozen:
@@ -161,12 +165,16 @@ class Session:
         self.sensor.dark_correction = on
         self.fanout.status()
 
+    def _exposure_warning(self):
+        return "" if self.exposure is None or self.exposure.ok else self.exposure.message()
+
+    def _auto_expose(self, sensor, target):
+        self.exposure = sensor.auto_expose(target=target)
+        self._note(shutter_speed=self.exposure.shutter_speed)
+        return self.exposure.shutter_speed
+
     def auto_expose(self, target):
-        def job(sensor):
-            shutter, _ = sensor.auto_expose(target=target)
-            self._note(shutter_speed=shutter)
-            return shutter
-        return self.submit(job, "auto-exposure")
+        return self.submit(lambda sensor: self._auto_expose(sensor, target), "auto-exposure")
 
     def take_dark(self):
         return self.submit(lambda sensor: sensor.dark(), "taking a dark frame")
@@ -182,6 +190,9 @@ class Session:
             old.close()
             self.settings, self.shown = {}, None
             self._latest_seq, self._rate_mark = None, (time.monotonic(), None)
+            # A sensor the view switches to is exposed for its own light.
+            self._set_state("busy", f"auto-exposure of sensor {sensor_id}")
+            self._auto_expose(self.sensor, self.target)
             return sensor_id
         return self.submit(job, f"opening sensor {sensor_id}")
 
@@ -219,6 +230,8 @@ class Session:
             "frames": self.stream.delivered,
             "frame_number": None if self.current is None else int(self.current.seq),
             "lost": self.stream.lost, "frame_rate": round(self._rate, 1), "frozen": self.frozen,
+            "auto_exposure": None if self.exposure is None else {
+                "outcome": self.exposure.outcome, "message": self.exposure.message()},
             "dark": self.sensor.dark_frame is not None, "dark_correction": self.sensor.dark_correction,
             "recording": self.recorder.status(),
             "led": None if self.lights is None else self.lights.status(),
