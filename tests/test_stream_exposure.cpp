@@ -143,6 +143,16 @@ TEST(ExposureSearch, StepsDownHardFromSaturationAndEndsAtTheRoundBound) {
     EXPECT_TRUE(step.done);
     EXPECT_EQ(step.outcome, ORB_EXPOSURE_LIGHT_CHANGED);
 
+    // Too little signal to scale from: a large step up, never a leap to the
+    // longest; saturated above an unsaturated measurement: no crawl down.
+    orbstream::ExposureSearch faint(3000, 240, 6);
+    step = faint.next({1, 68, 65, false});
+    ASSERT_FALSE(step.done);
+    EXPECT_EQ(step.shutter_speed, 16);
+    step = faint.next({3000, 4095, 1579, true});
+    ASSERT_FALSE(step.done);
+    EXPECT_EQ(step.shutter_speed, 187);  // a sixteenth, not 2999
+
     // Off target at the round bound: never more rounds than that.
     orbstream::ExposureSearch two(3276, 262, 2);
     step = two.next({100, 1000, 60, false});

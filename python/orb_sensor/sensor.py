@@ -352,8 +352,10 @@ class Sensor:
     @property
     def dark_frame(self) -> Optional[np.ndarray]:
         """The dark frame of the current exposure, None when none was taken
-        at it."""
-        return self._darks.get(self._known_settings()["shutter_speed"])
+        at it. Asks the sensor nothing (a front end reads it for its status,
+        also while the sensor is away): None while its settings are unknown."""
+        known = self._supervisor.known(self._id)
+        return None if not known else self._darks.get(known["shutter_speed"])
 
     def dark_shutter_speeds(self) -> List[int]:
         """The shutter speeds a dark frame was taken at."""

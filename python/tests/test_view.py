@@ -215,8 +215,14 @@ def test_settings_on_the_page_reach_the_sensor_and_bad_ones_reach_nothing(view, 
     wait_for(lambda: json.loads(v.request("api/status")[1])["sensor_id"] == "C1234-7-21-33-1", 10,
              "the second sensor")
     wait_for(lambda: re.search(r"^1 .* streaming=yes", v.ctl("status"), re.M), 10, "the second streaming")
+    # Switched to, it is auto-exposed for its own light (not left at shutter speed 1).
+    status = wait_for(lambda: (lambda s: s["state"] == "streaming" and s["auto_exposure"] and s)(
+        json.loads(v.request("api/status")[1])), 10, "the second sensor's auto-exposure")
+    assert status["auto_exposure"]["outcome"] == "on target" and status["shutter_speed"] > 1, status
+    # The page shows the first sensor's number until the second's first frame.
     number = wait_for(lambda: frame_number(driver), 10, "its frames")
-    wait_for(lambda: frame_number(driver) > number, 5, "its frame number advancing")
+    number = wait_for(lambda: frame_number(driver) != number and frame_number(driver), 10, "its own frames")
+    wait_for(lambda: (frame_number(driver) or 0) > number, 5, "its frame number advancing")
 
 
 def test_auto_exposure_and_dark_pause_the_stream_and_it_goes_on(view, page):

@@ -21,9 +21,11 @@ constexpr int kSaturatedStepDown = 16;
 // Two predictions of the target's exposure further apart than this factor,
 // with a measurement between them, mean the light moved under the search.
 constexpr double kChangedLightFactor = 1.5;
-// Signal below this many DN above the black level is too little to scale
-// from: the longest exposure is tried instead.
-constexpr double kMinSignalDn = 4;
+// Signal below this many DN above the darkest filter is too little to scale
+// from (noise could pass for it): the exposure is raised by kNoSignalStepUp
+// instead, which reaches the longest from the shortest in three rounds.
+constexpr double kMinSignalDn = 8;
+constexpr int kNoSignalStepUp = 16;
 
 double ticks_of(int shutter) { return static_cast<double>(exposure_ticks(shutter)); }
 
@@ -49,7 +51,7 @@ double ExposureSearch::predict_ticks(const ExposureMeasurement& m) const {
     // One: the darkest filter stands for the black level (it is at most that
     // plus its own light).
     const double signal = m.level - m.floor;
-    if (signal < kMinSignalDn) return ticks_of(kMaxShutterSpeed);
+    if (signal < kMinSignalDn) return ticks_of(std::min(kMaxShutterSpeed, m.shutter_speed * kNoSignalStepUp));
     return ticks_of(m.shutter_speed) * (target_ - m.floor) / signal;
 }
 
@@ -63,10 +65,12 @@ ExposureStep ExposureSearch::next(const ExposureMeasurement& m) {
     int next_shutter;
     double prediction = 0;
     if (m.saturated) {
-        // An unsaturated measurement below this one bounds the step.
+        // With an unsaturated measurement below this one, halfway between the
+        // two on a log scale is enough of a step.
         next_shutter = std::max(kMinShutterSpeed, s / kSaturatedStepDown);
         if (previous_ && previous_->shutter_speed < s)
-            next_shutter = std::max(next_shutter, std::min(s - 1, shutter_for_ticks(predict_ticks(*previous_))));
+            next_shutter = std::max(next_shutter, std::min(s - 1, static_cast<int>(std::sqrt(
+                                                                   static_cast<double>(previous_->shutter_speed) * s))));
     } else {
         prediction = predict_ticks(m);
         next_shutter = shutter_for_ticks(prediction);

@@ -188,7 +188,7 @@ class Session:
             averages, old = self.stream.averages, self.stream
             self.stream = self.sensor.stream(averages=averages)
             old.close()
-            self.settings, self.shown = {}, None
+            self.settings, self.shown, self.exposure = {}, None, None
             self._latest_seq, self._rate_mark = None, (time.monotonic(), None)
             # A sensor the view switches to is exposed for its own light.
             self._set_state("busy", f"auto-exposure of sensor {sensor_id}")
