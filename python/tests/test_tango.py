@@ -112,6 +112,7 @@ with one_device(SensorID="C1234-7-20-33-1") as proxy:
     assert len(set(corrected)) == 1 and corrected[0] < 4.0 and (proxy.FilterData == corrected).all()
     proxy.DarkCorrection = False
     assert set(proxy.Acquire()) == {4.0}
+    proxy.ShutterSpeed = 1                  # chosen: Start does not auto-expose
     proxy.Start()
     proxy.TakeDark()                        # the stream pauses for it and goes on
     assert proxy.state() == RUNNING and proxy.Acquire()[0] >= 3.0
@@ -333,3 +334,33 @@ finally:
     print("exit", server.wait(20))
 """)
     assert out[-2:] == ["C1234-7-21-33-1 C1234-7-20-33-1 1024", "exit 0"]
+
+
+def test_the_first_start_exposes_the_sensor_and_an_off_target_outcome_is_in_the_status(run_python):
+    out = run(run_python, 1, """
+with one_device(SensorIndex=0) as proxy:
+    wait_state(proxy, ON, 20)
+    assert proxy.AutoExposureOutcome == "" and bench_shutter(0) == 1
+    proxy.set_timeout_millis(15000)
+    proxy.Start()                           # never a stream at shutter speed 1 by default
+    print(proxy.AutoExposureOutcome, proxy.ShutterSpeed == bench_shutter(0))
+    print(proxy.status().splitlines()[-1])
+    proxy.Stop()
+""", "--scene", "halogen 0.01")
+    assert out[0] == "too dim True"
+    assert out[1].startswith("auto-exposure warning: too dim even at the longest exposure: shutter speed 3000")
+
+
+def test_a_start_exposure_from_the_properties_or_the_client_comes_first(run_python):
+    out = run(run_python, 1, """
+with one_device(SensorIndex=0, ExposureTimeAtStart=20.0) as proxy:
+    wait_state(proxy, ON, 20)
+    proxy.Start()
+    print(proxy.ShutterSpeed, bench_shutter(0), repr(proxy.AutoExposureOutcome))
+    proxy.Stop()
+    proxy.ShutterSpeed = 40
+    proxy.Start()                           # a later Start keeps what the client chose
+    print(bench_shutter(0))
+    proxy.Stop()
+""")
+    assert out == ["219 219 ''", "40"]
