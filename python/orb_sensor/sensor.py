@@ -16,8 +16,8 @@ from . import checks
 from ._process import supervisor, usb_nodes
 from .errors import NoSensorError, OrbTypeError, OrbValueError, SensorLostError
 from .exposure import LIGHT_CHANGED, ON_TARGET, TOO_BRIGHT, TOO_DIM, AutoExposure, format_ms
-from .facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, MAX_VALUE,
-                    SHUTTER_SPEED_LIMITS, blank_time, exposure_ms, frame_period_s, shutter_speed_for)
+from .facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, LED_MODULE_ID,
+                    MAX_VALUE, SHUTTER_SPEED_LIMITS, blank_time, exposure_ms, frame_period_s, shutter_speed_for)
 from .frame import Frame, saturated_filters
 from .stream import Stream
 
@@ -73,7 +73,9 @@ class Sensor:
             id = checks.sensor_id(id)
         else:
             position = checks.integer("index", 0 if index is None else index, 0, 1023)
-        ids = self._supervisor.connected_ids()
+        if id == LED_MODULE_ID:
+            raise OrbValueError(f"{id} is the LED module, not a sensor")
+        ids = self.list()
         if not ids:
             raise NoSensorError()
         if id is None:
@@ -97,7 +99,14 @@ class Sensor:
 
     @staticmethod
     def list() -> List[str]:
-        """The IDs of the attached sensors, in index order; empty when none."""
+        """The IDs of the attached sensors, in index order; empty when none.
+        The LED module, which the library lists among them, is left out."""
+        return [i for i in supervisor.shared().connected_ids() if i != LED_MODULE_ID]
+
+    @staticmethod
+    def bus_ids() -> List[str]:
+        """The IDs of every device the library connected, the LED module's
+        (LED_MODULE_ID) included."""
         return supervisor.shared().connected_ids()
 
     # Hooks for a front end that keeps sensors for long (the Tango device):
@@ -156,7 +165,7 @@ class Sensor:
     @property
     def index(self) -> Optional[int]:
         """The sensor's index among the sensors connected now."""
-        ids = self._supervisor.ids
+        ids = [i for i in self._supervisor.ids if i != LED_MODULE_ID]
         return ids.index(self._id) if self._id in ids else None
 
     # Settings.

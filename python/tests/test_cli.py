@@ -4,10 +4,14 @@ import pty
 import re
 import select
 import struct
+import subprocess
 
 import pytest
 
+from orb_sensor._cli.emulation import MAX_SENSORS
 from orb_sensor._recording.text import CSV_COLUMNS
+
+from conftest import EMULATE
 
 
 @pytest.mark.parametrize("sensors", [1, 3])
@@ -131,3 +135,44 @@ def test_progress_shows_on_a_terminal_only(orb_sensor):
     assert b"acquiring 20 frame(s)" in shown
     piped = orb_sensor("--emulate", "acquire", "-n", "20", "--auto-exposure", "-o", "f.csv")
     assert b"\r" not in piped.stderr.encode() and "[" not in piped.stderr
+
+
+def test_the_led_module_is_no_sensor_and_led_says_when_there_is_none(orb_sensor):
+    # The library lists the module among the sensors; the tool never does.
+    with_led = ["--sensors", "1", "--led"]
+    listed = orb_sensor("list", emulate=with_led)
+    assert listed.returncode == 0 and listed.stdout == "0 C1234-7-20-33-1\n", listed
+    chosen = orb_sensor("acquire", "--sensor", "1", "--shutter", "1", emulate=with_led)
+    assert chosen.returncode == 2 and "index must be below 1: 1 sensor(s) attached" in chosen.stderr, chosen
+    by_id = orb_sensor("acquire", "--sensor", "A0-0-0-0-0", emulate=with_led)
+    assert by_id.returncode == 2 and "A0-0-0-0-0 is the LED module, not a sensor" in by_id.stderr, by_id
+
+    # Without a module the request would reach the sensor: refused, nothing sent.
+    result = orb_sensor("led", "--on", "1", emulate=["--sensors", "1"])
+    assert result.returncode == 1 and result.stdout == "", result
+    assert "no LED module on the bus" in result.stderr
+    # No option: the module's state cannot be read back, and nothing is switched off.
+    result = orb_sensor("--emulate", "0", "led")
+    assert result.returncode == 2 and "say what to set" in result.stderr, result
+
+
+def test_emulate_counts_have_one_limit_and_a_bad_one_says_what_a_count_is(orb_sensor):
+    help_text = subprocess.run([EMULATE, "--help"], capture_output=True, text=True, timeout=10)
+    assert f"at most {MAX_SENSORS}" in help_text.stdout + help_text.stderr
+    for bad in ("x", "-1", str(MAX_SENSORS + 1), "2.5"):
+        result = orb_sensor("--emulate", bad, "list")
+        assert result.returncode == 2, (bad, result)
+        assert f"the count of emulated sensors must be a whole number from 0 to {MAX_SENSORS}" in result.stderr
+
+
+def test_record_refuses_to_overwrite_unless_forced_and_hdf5_named_as_text(orb_sensor, tmp_path):
+    (tmp_path / "run.h5").write_bytes(b"kept")
+    result = orb_sensor("--emulate", "record", "-o", "run.h5", "--frames", "3", "--shutter", "1")
+    assert result.returncode == 2 and "run.h5 exists: give --force" in result.stderr
+    assert (tmp_path / "run.h5").read_bytes() == b"kept"
+    result = orb_sensor("--emulate", "record", "-o", "run.h5", "--frames", "3", "--shutter", "1", "--force")
+    assert result.returncode == 0, result.stderr
+    assert (tmp_path / "run.h5").read_bytes()[:8] == b"\x89HDF\r\n\x1a\n"
+    result = orb_sensor("--emulate", "record", "-o", "run.csv", "--frames", "3")
+    assert result.returncode == 2 and "record writes HDF5: name it .h5" in result.stderr
+    assert not (tmp_path / "run.csv").exists()

@@ -2,13 +2,15 @@
 exceptions into exit statuses."""
 
 import json
+import os
 import sys
 import time
 
 from .. import _recording as recording
 from .._process import usb_nodes
 from ..errors import NoSensorError, OrbValueError
-from ..led import CHANNEL_LABELS, LedModule
+from ..facts import LED_MODULE_ID
+from ..led import CHANNEL_LABELS, LedModule, NoLedModuleError
 from ..exposure import format_ms
 from ..facts import exposure_ms
 from ..sensor import ACQUISITION_MARGIN_S, Sensor, acquisition_timeout_s
@@ -175,9 +177,18 @@ def stream(args, progress):
     return 0
 
 
+# What record refuses to write HDF5 into: names a reader would take for text.
+TEXT_SUFFIXES = (".csv", ".json", ".ndjson", ".txt")
+
+
 def record(args, progress):
     if args.output == "-":
         raise OrbValueError("record: -o must name a file: HDF5 cannot go to standard output")
+    if os.path.splitext(args.output)[1].lower() in TEXT_SUFFIXES:
+        raise OrbValueError(f"record: {args.output} names a text file, but record writes HDF5: name it .h5, "
+                            "or write text with `orb-sensor stream -o FILE`")
+    if os.path.exists(args.output) and not args.force:
+        raise OrbValueError(f"record: {args.output} exists: give --force to overwrite it")
     check_output(args.output)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
@@ -197,14 +208,22 @@ def record(args, progress):
 
 
 def led(args, progress):
-    if args.off and (args.on or args.intensity):
+    if args.off and (args.on or args.intensity is not None):
         raise OrbValueError("led: --off takes no --on or --intensity")
+    if not (args.off or args.on or args.intensity is not None):
+        # The module cannot be read back: nothing to show, and nothing sent.
+        raise OrbValueError("led: say what to set: --on CH... [--intensity I], or --off "
+                            "(the module's state cannot be read back)")
+    progress.step("looking for the LED module")
+    if LED_MODULE_ID not in Sensor.bus_ids():
+        # The library's LED driver would take the first sensor instead.
+        raise NoLedModuleError("no LED module on the bus: the request would have gone to a sensor")
     progress.step("opening the LED module")
     with LedModule() as module:
-        word = module.set(args.on, args.intensity)
+        word = module.set(args.on, args.intensity or 0)
     progress.done()
     on = ", ".join(f"{ch} ({CHANNEL_LABELS[ch]})" for ch in sorted(set(args.on))) or "none"
-    print(f"LED state word 0x{word:04x}: channels on: {on}; intensity {args.intensity}")
+    print(f"LED state word 0x{word:04x}: channels on: {on}; intensity {args.intensity or 0}")
     return 0
 
 

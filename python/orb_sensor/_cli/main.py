@@ -64,8 +64,9 @@ def _per_ms(p):
 def parser():
     p = argparse.ArgumentParser(prog=PROG, description="Spectral sensor access.")
     p.add_argument("--version", action="version", version=f"{PROG} {__version__}")
-    p.add_argument("--emulate", nargs="?", type=arguments.whole(0, 64), const=1, metavar="N",
-                   help="run against N emulated sensors (default 1) through orb-emulate")
+    p.add_argument("--emulate", nargs="?", type=emulation.sensor_count, const=1, metavar="N",
+                   help=f"run against N emulated sensors (default 1, at most {emulation.MAX_SENSORS}) "
+                        "through orb-emulate")
     p.add_argument("--verbose", action="store_true", help="show the library's own lines on stderr")
     sub = p.add_subparsers(dest="command", required=True)
 
@@ -100,6 +101,7 @@ def parser():
     _limits(r)
     _exposure_options(r)
     r.add_argument("-o", "--output", required=True, metavar="FILE.h5", help="the HDF5 file to write")
+    r.add_argument("--force", action="store_true", help="overwrite FILE.h5 when it exists")
 
     led = sub.add_parser(
         "led", help="switch the LED module's channels and set their intensity",
@@ -108,7 +110,7 @@ def parser():
                     "USB IDs, so with a sensor enumerated first the sensor receives it.")
     led.add_argument("--on", type=arguments.whole(0, MAX_CHANNELS - 1), nargs="+", default=[], metavar="CH",
                      help=f"channels to switch on, 0 to {MAX_CHANNELS - 1}")
-    led.add_argument("--intensity", type=arguments.whole(0, MAX_INTENSITY), default=0, metavar="I",
+    led.add_argument("--intensity", type=arguments.whole(0, MAX_INTENSITY), default=None, metavar="I",
                      help=f"intensity, 0 to {MAX_INTENSITY} (default 0)")
     led.add_argument("--off", action="store_true", help="switch every channel off")
 
@@ -171,9 +173,12 @@ def _run(args, progress):
         return _fail(progress, "interrupted", EXIT_INTERRUPTED)
 
 
+COMMAND_NAMES = ("list", "acquire", "stream", "record", "led", "doctor", "view")
+
+
 def main(argv=None):
     argv = sys.argv[1:] if argv is None else argv
-    args = parser().parse_args(emulation.with_emulate_count(argv))
+    args = parser().parse_args(emulation.with_emulate_count(argv, COMMAND_NAMES))
     if args.emulate is not None and not os.environ.get(emulation.EMULATED_ENV):
         return emulation.reexec(args.emulate, led=args.command in ("led", "view"), argv=argv)
     if args.verbose:

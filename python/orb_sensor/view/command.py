@@ -11,7 +11,8 @@ from aiohttp import web
 from ..errors import NoSensorError, OrbValueError
 from ..sensor import Sensor
 from . import assets, security, server
-from .lights import LED_MODULE_ID, Lights
+from ..facts import LED_MODULE_ID
+from .lights import Lights
 from .session import Session
 
 # Pages still open when the view ends get this long to be told so.
@@ -85,14 +86,12 @@ def run(args, progress):
         return 3
     progress.step("connecting the sensors")
     ids = Sensor.list()
-    if not [i for i in ids if i != LED_MODULE_ID]:
+    if not ids:
         raise NoSensorError()
     sensor = Sensor(index=args.sensor) if isinstance(args.sensor, int) else Sensor(id=args.sensor)
-    if sensor.id == LED_MODULE_ID:
-        raise OrbValueError(f"--sensor {args.sensor} is the LED module, not a sensor")
-    session = Session(sensor, [i for i in ids if i != LED_MODULE_ID])
+    session = Session(sensor, ids)
     progress.step("looking for an LED module")
-    session.lights = Lights.find(ids)
+    session.lights = Lights.find(Sensor.bus_ids())
     token = security.new_token(args.host)
     app = server.application(session, token)
     progress.done()
