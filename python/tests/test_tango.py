@@ -243,6 +243,7 @@ with devices({"SensorID": "C1234-7-22-33-1"}, {"SensorIndex": 0}, {"SensorIndex"
     for proxy, event in zip(proxies, events):
         proxy.unsubscribe_event(event)
     assert all(len(c.values()) > 20 for c in counts), [len(c.values()) for c in counts]
+    number_before = proxies[0].FrameNumber
     ctl("unplug", "2")                      # the first device's sensor
     print("fault after", wait_state(proxies[0], FAULT, 2))
     print(proxies[0].status())
@@ -264,12 +265,15 @@ with devices({"SensorID": "C1234-7-22-33-1"}, {"SensorIndex": 0}, {"SensorIndex"
     time.sleep(1.5)
     proxies[0].unsubscribe_event(event)
     assert len(got.values()) > 5
+    # The numbers go on after the replug, never from 0 again.
+    print("numbers go on", proxies[0].FrameNumber > number_before, proxies[0].FrameNumber, number_before)
     for proxy in proxies:
         proxy.Stop()
 """)
     text = "\n".join(out)
     assert "plug the sensor back in" in text and "The device finds it again by itself" in text
     assert "ORB_SensorLost|Sensor C1234-7-22-33-1 is not on the bus" in text
+    assert "numbers go on True" in text, text
 
 
 def test_idle_sensors_unplugged_silent_or_plugged_in_after_the_start(run_python):

@@ -256,16 +256,28 @@ def test_unplug_shows_lost_at_once_and_replug_brings_frames_back(view, page):
     driver = page(v.url)
     wait_for(lambda: frame_number(driver), 15, "a first frame")
     driver.execute_script("window.notReloaded = true")
+    header = driver.find_element("tag name", "header").size["height"]
+    stale = 'return document.getElementById("plot").classList.contains("stale")'
+    assert driver.execute_script(stale) is False
     v.ctl("unplug", "0")
     wait_for(lambda: "lost" in text(driver, "state"), 2, "lost shown")
     kept = frame_number(driver)
     time.sleep(1)
     assert frame_number(driver) == kept and text(driver, "peak") != "–"
+    # The last curve stays, greyed; the long message does not grow the header.
+    assert driver.execute_script(stale) is True
+    assert driver.find_element("tag name", "header").size["height"] == header
     v.ctl("replug", "0")
     wait_for(lambda: "streaming" in text(driver, "state"), 15, "streaming again")
     number = wait_for(lambda: frame_number(driver), 5, "a frame after the replug")
     wait_for(lambda: frame_number(driver) > number, 5, "the frame number advancing")
+    assert driver.execute_script(stale) is False
     assert driver.execute_script("return window.notReloaded") is True
+
+    # A sensor that hangs is on the bus: it does not answer, it is not lost.
+    v.ctl("fault", "0", "hang")
+    wait_for(lambda: "not answering" in text(driver, "state"), 15, "not answering shown")
+    assert driver.execute_script(stale) is True
 
 
 def test_freeze_save_and_record(view, page, tmp_path):

@@ -78,13 +78,16 @@ class Session:
             self._run_jobs()
             try:
                 self._stream()
-            except (SensorLostError, SensorTimeoutError) as e:
+            except SensorLostError as e:
                 self._set_state("lost", str(e))
+            except SensorTimeoutError as e:
+                # On the bus but silent (a hung firmware): not "lost".
+                self._set_state("not answering", str(e))
             except OrbError as e:
                 self._set_state("failed", str(e))
             except Exception as e:  # a fault of the view's own: shown, and tried again
                 self._set_state("failed", f"internal error: {type(e).__name__}: {e}")
-            if self.state in ("lost", "failed"):
+            if self.state in ("lost", "not answering", "failed"):
                 self._interrupt.wait(RETRY_S)
 
     def _stream(self):
@@ -182,6 +185,8 @@ class Session:
     def switch(self, sensor_id):
         def job(_):
             self.recorder.stop()
+            # The label names the chosen sensor's recording, none yet.
+            self.recorder.forget()
             if sensor_id not in self._sensors:
                 self._sensors[sensor_id] = Sensor(id=sensor_id)
             self.sensor = self._sensors[sensor_id]

@@ -90,8 +90,11 @@ function show(id, text) {
 export function showStatus(next) {
   status = next;
   const state = $("state");
-  state.className = `state ${next.state}`;
-  state.textContent = next.state + (next.message ? `: ${next.message}` : "");
+  state.className = `state ${next.state.replace(/ /g, "-")}`;
+  state.textContent = next.state;
+  $("state-message").textContent = next.message;
+  $("state-message").hidden = !next.message;
+  $("plot").classList.toggle("stale", ["lost", "not answering", "failed"].includes(next.state));
   $("sensor-id").textContent = next.sensor_id;
   $("frame-rate").textContent = next.frame_rate.toFixed(1);
   $("lost-count").textContent = next.lost;
