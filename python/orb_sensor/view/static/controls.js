@@ -113,7 +113,9 @@ export function showStatus(next) {
   show("adc_gain", next.adc.gain);
   show("adc_range", next.adc.range);
   show("dark_correction", next.dark_correction);
-  $("dark_correction").disabled = !next.dark;
+  // On without a dark of this exposure (the exposure changed), the stream
+  // refuses its frames: switching it off must stay possible.
+  $("dark_correction").disabled = !next.dark && !next.dark_correction;
   $("freeze").textContent = next.frozen ? "Resume" : "Freeze";
 
   const recording = next.recording;
