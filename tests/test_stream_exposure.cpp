@@ -98,6 +98,15 @@ TEST_P(StreamExposureScene, EndsWithinItsBoundWithTheRightOutcome) {
 INSTANTIATE_TEST_SUITE_P(Lights, StreamExposureScene, testing::ValuesIn(kCases),
                          [](const testing::TestParamInfo<Case>& info) { return std::string(info.param.name); });
 
+TEST(StreamExposure, BelowTwoFlickerPeriodsTheBrighterOfTwoFramesIsMeasured) {
+    // Saturated at the shortest exposure: one round, of two frames (0.1 ms
+    // is far below two periods of 100 Hz).
+    const orb_exposure_result r = expose(scene({"sun", "1000"}), 1);
+    EXPECT_EQ(r.outcome, ORB_EXPOSURE_TOO_BRIGHT);
+    EXPECT_EQ(r.rounds, 1);
+    EXPECT_EQ(r.frames, 2);
+}
+
 TEST(StreamExposure, ChosenFiltersAndTargetAreHonouredOnARunningStream) {
     orbsim::Sensor& s = connected(scene({"halogen"}));
     s.set_timing(orbsim::Timing::Realistic);
