@@ -211,9 +211,14 @@ def test_settings_on_the_page_reach_the_sensor_and_bad_ones_reach_nothing(view, 
                                                                              "C1234-7-21-33-1"]
     driver.find_element("css selector", '#led-channels [data-channel="2"]').click()
     wait_for(lambda: json.loads(v.request("api/status")[1])["led"]["channels"] == [2], 5, "LED channel 2 on")
+    # A recording of the first sensor; its label goes with it.
+    driver.find_element("id", "record").click()
+    wait_for(lambda: re.search(r"orb-C1234-7-20-33-1-.*\.h5: [1-9]\d* frames", text(driver, "recording")), 5,
+             "the first sensor's recording")
     selector.find_elements("tag name", "option")[1].click()
     wait_for(lambda: json.loads(v.request("api/status")[1])["sensor_id"] == "C1234-7-21-33-1", 10,
              "the second sensor")
+    wait_for(lambda: text(driver, "recording") == "", 5, "no recording label of the first sensor")
     wait_for(lambda: re.search(r"^1 .* streaming=yes", v.ctl("status"), re.M), 10, "the second streaming")
     # Switched to, it is auto-exposed for its own light (not left at shutter speed 1).
     status = wait_for(lambda: (lambda s: s["state"] == "streaming" and s["auto_exposure"] and s)(
@@ -238,6 +243,13 @@ def test_auto_exposure_and_dark_pause_the_stream_and_it_goes_on(view, page):
              and int(text(driver, "saturated-count")) == 0, 30, "auto-exposure done")
     peak = int(text(driver, "peak"))
     assert 2000 < peak < 4095, peak
+    # "To the data": the axis spans the data with a little room, not from 0
+    # to a round number (the frames drawn and fetched differ by their noise).
+    low, high = driver.execute_script("return window.orbView.range()")
+    values = json.loads(v.request("api/frame.json")[1])["filter_data"]
+    span = max(values) - min(values)
+    assert min(values) - 0.1 * span <= low < min(values), (low, min(values))
+    assert max(values) < high <= max(values) + 0.1 * span, (high, max(values))
 
     # The lamp's dimmest filters read mostly the sensor's offset, which the
     # dark frame takes away.

@@ -52,6 +52,10 @@ export function makePlot(element) {
       toSaturation = on;
       plot.setData(plot.data);
     },
+    // The DN axis as drawn: [bottom, top].
+    range() {
+      return [plot.scales.y.min, plot.scales.y.max];
+    },
     // Draws a frame; returns its peak.
     draw(values, saturated) {
       low = Infinity;
