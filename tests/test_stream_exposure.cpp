@@ -71,6 +71,7 @@ const Case kCases[] = {
     // From the longest, the first frames alone take their 274 ms each.
     {"HalogenFromTheLongest", {"halogen"}, 3000, ORB_EXPOSURE_ON_TARGET, 650, 790, 3014, 3538, 1500},
     {"LaserLine", {"laser", "--nm", "532"}, 1, ORB_EXPOSURE_ON_TARGET, 1, 3000, 3014, 3538, 500},
+    {"Laser650FromTheLongest", {"laser"}, 3000, ORB_EXPOSURE_ON_TARGET, 1, 3000, 3014, 3538, 1500},
     {"TwoLines3nmApart", {"laser", "--nm", "532", "+", "laser", "--nm", "535", "0.5"}, 400, ORB_EXPOSURE_ON_TARGET,
      1, 3000, 3014, 3538, 1000},
     {"Fluorescent100HzFlicker", {"fluorescent", "--flicker", "100"}, 5, ORB_EXPOSURE_ON_TARGET, 1, 3000, 3014, 3538,

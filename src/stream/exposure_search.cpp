@@ -68,9 +68,10 @@ ExposureStep ExposureSearch::next(const ExposureMeasurement& m) {
         // With an unsaturated measurement below this one, halfway between the
         // two on a log scale is enough of a step.
         next_shutter = std::max(kMinShutterSpeed, s / kSaturatedStepDown);
-        if (previous_ && previous_->shutter_speed < s)
-            next_shutter = std::max(next_shutter, std::min(s - 1, static_cast<int>(std::sqrt(
-                                                                   static_cast<double>(previous_->shutter_speed) * s))));
+        if (previous_ && previous_->shutter_speed < s) {
+            const double halfway = std::sqrt(static_cast<double>(previous_->shutter_speed) * s);
+            next_shutter = std::max(next_shutter, std::min(s - 1, static_cast<int>(halfway)));
+        }
     } else {
         prediction = predict_ticks(m);
         next_shutter = shutter_for_ticks(prediction);
