@@ -151,6 +151,52 @@ ORB_EXPORT int orb_frame_activity_get(int index, orb_frame_activity* activity);
  * Asks the bus's device list, not the sensor: no request is sent. */
 ORB_EXPORT int orb_sensor_present(int index);
 
+/* Auto-exposure on a stream: searches the shutter speed (1 to 3000) that
+ * puts the brightest of the chosen filters at `target` DN within
+ * `tolerance` DN, and leaves the sensor at it. It changes the shutter speed
+ * and takes only frames exposed with it; it works on the running stream
+ * (taking its frames from it) or, when none runs, on a stream of its own
+ * that it stops at the end. Bounded in rounds (ORB_EXPOSURE_MAX_ROUNDS) and
+ * in time (timeout_ms): it ends with an outcome, never a hang.
+ *
+ * filters: numbers 1..1024, filter_count of them; NULL and 0 for all.
+ * target: 1..4095, 0 for ORB_EXPOSURE_DEFAULT_TARGET; tolerance: 1..4095,
+ * 0 for ORB_EXPOSURE_DEFAULT_TOLERANCE_PERCENT of the target.
+ * Returns ORB_STREAM_OK with *result filled whenever a frame was measured,
+ * whatever the outcome; ORB_STREAM_ERR_TIMEOUT when the sensor sent no
+ * frame within a read's bound (ORB_EXPOSURE_READ_BOUND_MS, or what was left
+ * of timeout_ms); the stream's results otherwise.
+ *
+ * Beside duGetOptimalShutterSpeed, which keeps its own search. */
+
+enum orb_exposure_outcome {
+    ORB_EXPOSURE_ON_TARGET = 0,     /* within the tolerance, or as near as the shutter's steps allow */
+    ORB_EXPOSURE_TOO_DIM = 1,       /* below the target at the longest exposure: `level` says how far */
+    ORB_EXPOSURE_TOO_BRIGHT = 2,    /* saturated at the shortest exposure */
+    ORB_EXPOSURE_LIGHT_CHANGED = 3  /* the light did not hold still: the bound was reached off target */
+};
+
+#define ORB_EXPOSURE_DEFAULT_TARGET 3276 /* 80 % of full scale */
+#define ORB_EXPOSURE_DEFAULT_TOLERANCE_PERCENT 8
+#define ORB_EXPOSURE_MAX_ROUNDS 6
+#define ORB_EXPOSURE_READ_BOUND_MS 3000
+
+typedef struct orb_exposure_result {
+    int outcome;       /* enum orb_exposure_outcome */
+    int shutter_speed; /* chosen and set */
+    int level;         /* the brightest chosen filter at that shutter speed, DN */
+    int target;        /* the target and tolerance used */
+    int tolerance;
+    int rounds;        /* shutter speeds measured, the final one included */
+    int frames;        /* frames measured (fresh ones; those passed over after a change not counted) */
+    int elapsed_ms;
+} orb_exposure_result;
+
+ORB_EXPORT int orb_stream_auto_expose(int index, const int* filters, int filter_count, int target, int tolerance,
+                                      int timeout_ms, orb_exposure_result* result);
+/* A short English text for an outcome. */
+ORB_EXPORT const char* orb_exposure_outcome_text(int outcome);
+
 /* A short English text for a result of these calls. */
 ORB_EXPORT const char* orb_stream_result_text(int result);
 

@@ -202,9 +202,8 @@ class Stream:
         self._grouper.restart(stopped=False)
         self._start()
 
-    def _dark(self) -> Optional[np.ndarray]:
-        sensor = self._sensor
-        return sensor.dark_frame if sensor.dark_correction else None
+    def _dark(self, shutter_speed: int) -> Optional[np.ndarray]:
+        return self._sensor.dark_for(shutter_speed)
 
     # Ending it.
 

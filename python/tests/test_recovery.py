@@ -89,6 +89,13 @@ for call in (lambda: s.read(timeout=1.0), lambda: setattr(s, "shutter_speed", 40
         raise SystemExit("a silent sensor answered")
     except SensorTimeoutError:
         assert took(t) < 3.5, took(t)
+# The auto-exposure says so within a read's bound (3 s), not a minute.
+t = time.monotonic()
+try:
+    s.auto_expose()
+    raise SystemExit("a silent sensor was auto-exposed")
+except SensorTimeoutError:
+    assert took(t) < 5, took(t)
 ctl("clear", "0")
 print("read", len(s.read().values))
 """)

@@ -112,6 +112,7 @@ with one_device(SensorID="C1234-7-20-33-1") as proxy:
     assert len(set(corrected)) == 1 and corrected[0] < 4.0 and (proxy.FilterData == corrected).all()
     proxy.DarkCorrection = False
     assert set(proxy.Acquire()) == {4.0}
+    proxy.ShutterSpeed = 1                  # chosen: Start does not auto-expose
     proxy.Start()
     proxy.TakeDark()                        # the stream pauses for it and goes on
     assert proxy.state() == RUNNING and proxy.Acquire()[0] >= 3.0
@@ -242,6 +243,7 @@ with devices({"SensorID": "C1234-7-22-33-1"}, {"SensorIndex": 0}, {"SensorIndex"
     for proxy, event in zip(proxies, events):
         proxy.unsubscribe_event(event)
     assert all(len(c.values()) > 20 for c in counts), [len(c.values()) for c in counts]
+    number_before = proxies[0].FrameNumber
     ctl("unplug", "2")                      # the first device's sensor
     print("fault after", wait_state(proxies[0], FAULT, 2))
     print(proxies[0].status())
@@ -263,12 +265,15 @@ with devices({"SensorID": "C1234-7-22-33-1"}, {"SensorIndex": 0}, {"SensorIndex"
     time.sleep(1.5)
     proxies[0].unsubscribe_event(event)
     assert len(got.values()) > 5
+    # The numbers go on after the replug, never from 0 again.
+    print("numbers go on", proxies[0].FrameNumber > number_before, proxies[0].FrameNumber, number_before)
     for proxy in proxies:
         proxy.Stop()
 """)
     text = "\n".join(out)
     assert "plug the sensor back in" in text and "The device finds it again by itself" in text
     assert "ORB_SensorLost|Sensor C1234-7-22-33-1 is not on the bus" in text
+    assert "numbers go on True" in text, text
 
 
 def test_idle_sensors_unplugged_silent_or_plugged_in_after_the_start(run_python):
@@ -354,3 +359,33 @@ finally:
     print("exit", server.wait(20))
 """)
     assert out[-2:] == ["C1234-7-21-33-1 C1234-7-20-33-1 1024", "exit 0"]
+
+
+def test_the_first_start_exposes_the_sensor_and_an_off_target_outcome_is_in_the_status(run_python):
+    out = run(run_python, 1, """
+with one_device(SensorIndex=0) as proxy:
+    wait_state(proxy, ON, 20)
+    assert proxy.AutoExposureOutcome == "" and bench_shutter(0) == 1
+    proxy.set_timeout_millis(15000)
+    proxy.Start()                           # never a stream at shutter speed 1 by default
+    print(proxy.AutoExposureOutcome, proxy.ShutterSpeed == bench_shutter(0))
+    print(proxy.status().splitlines()[-1])
+    proxy.Stop()
+""", "--scene", "halogen 0.01")
+    assert out[0] == "too dim True"
+    assert out[1].startswith("auto-exposure warning: too dim even at the longest exposure: shutter speed 3000")
+
+
+def test_a_start_exposure_from_the_properties_or_the_client_comes_first(run_python):
+    out = run(run_python, 1, """
+with one_device(SensorIndex=0, ExposureTimeAtStart=20.0) as proxy:
+    wait_state(proxy, ON, 20)
+    proxy.Start()
+    print(proxy.ShutterSpeed, bench_shutter(0), repr(proxy.AutoExposureOutcome))
+    proxy.Stop()
+    proxy.ShutterSpeed = 40
+    proxy.Start()                           # a later Start keeps what the client chose
+    print(bench_shutter(0))
+    proxy.Stop()
+""")
+    assert out == ["219 219 ''", "40"]

@@ -211,12 +211,23 @@ def test_settings_on_the_page_reach_the_sensor_and_bad_ones_reach_nothing(view, 
                                                                              "C1234-7-21-33-1"]
     driver.find_element("css selector", '#led-channels [data-channel="2"]').click()
     wait_for(lambda: json.loads(v.request("api/status")[1])["led"]["channels"] == [2], 5, "LED channel 2 on")
+    # A recording of the first sensor; its label goes with it.
+    driver.find_element("id", "record").click()
+    wait_for(lambda: re.search(r"orb-C1234-7-20-33-1-.*\.h5: [1-9]\d* frames", text(driver, "recording")), 5,
+             "the first sensor's recording")
     selector.find_elements("tag name", "option")[1].click()
     wait_for(lambda: json.loads(v.request("api/status")[1])["sensor_id"] == "C1234-7-21-33-1", 10,
              "the second sensor")
+    wait_for(lambda: text(driver, "recording") == "", 5, "no recording label of the first sensor")
     wait_for(lambda: re.search(r"^1 .* streaming=yes", v.ctl("status"), re.M), 10, "the second streaming")
+    # Switched to, it is auto-exposed for its own light (not left at shutter speed 1).
+    status = wait_for(lambda: (lambda s: s["state"] == "streaming" and s["auto_exposure"] and s)(
+        json.loads(v.request("api/status")[1])), 10, "the second sensor's auto-exposure")
+    assert status["auto_exposure"]["outcome"] == "on target" and status["shutter_speed"] > 1, status
+    # The page shows the first sensor's number until the second's first frame.
     number = wait_for(lambda: frame_number(driver), 10, "its frames")
-    wait_for(lambda: frame_number(driver) > number, 5, "its frame number advancing")
+    number = wait_for(lambda: frame_number(driver) != number and frame_number(driver), 10, "its own frames")
+    wait_for(lambda: (frame_number(driver) or 0) > number, 5, "its frame number advancing")
 
 
 def test_auto_exposure_and_dark_pause_the_stream_and_it_goes_on(view, page):
@@ -232,6 +243,13 @@ def test_auto_exposure_and_dark_pause_the_stream_and_it_goes_on(view, page):
              and int(text(driver, "saturated-count")) == 0, 30, "auto-exposure done")
     peak = int(text(driver, "peak"))
     assert 2000 < peak < 4095, peak
+    # "To the data": the axis spans the data with a little room, not from 0
+    # to a round number (the frames drawn and fetched differ by their noise).
+    low, high = driver.execute_script("return window.orbView.range()")
+    values = json.loads(v.request("api/frame.json")[1])["filter_data"]
+    span = max(values) - min(values)
+    assert min(values) - 0.1 * span <= low < min(values), (low, min(values))
+    assert max(values) < high <= max(values) + 0.1 * span, (high, max(values))
 
     # The lamp's dimmest filters read mostly the sensor's offset, which the
     # dark frame takes away.
@@ -250,16 +268,28 @@ def test_unplug_shows_lost_at_once_and_replug_brings_frames_back(view, page):
     driver = page(v.url)
     wait_for(lambda: frame_number(driver), 15, "a first frame")
     driver.execute_script("window.notReloaded = true")
+    header = driver.find_element("tag name", "header").size["height"]
+    stale = 'return document.getElementById("plot").classList.contains("stale")'
+    assert driver.execute_script(stale) is False
     v.ctl("unplug", "0")
     wait_for(lambda: "lost" in text(driver, "state"), 2, "lost shown")
     kept = frame_number(driver)
     time.sleep(1)
     assert frame_number(driver) == kept and text(driver, "peak") != "–"
+    # The last curve stays, greyed; the long message does not grow the header.
+    assert driver.execute_script(stale) is True
+    assert driver.find_element("tag name", "header").size["height"] == header
     v.ctl("replug", "0")
     wait_for(lambda: "streaming" in text(driver, "state"), 15, "streaming again")
     number = wait_for(lambda: frame_number(driver), 5, "a frame after the replug")
     wait_for(lambda: frame_number(driver) > number, 5, "the frame number advancing")
+    assert driver.execute_script(stale) is False
     assert driver.execute_script("return window.notReloaded") is True
+
+    # A sensor that hangs is on the bus: it does not answer, it is not lost.
+    v.ctl("fault", "0", "hang")
+    wait_for(lambda: "not answering" in text(driver, "state"), 15, "not answering shown")
+    assert driver.execute_script(stale) is True
 
 
 def test_a_silent_or_stalled_sensor_is_named_and_frames_come_back_once_cleared(view, page):

@@ -71,7 +71,7 @@ grep -qx 'status 1' <<<"$out" || { echo "a refused sensor was opened: $out"; exi
 # writers of the latter, whose symbols
 # carry their signatures.
 syms=$(nm -D --defined-only "$libdir/liborb_device.so" | awk '{print $3}')
-for plain in orb_stream_start orb_stream_read orb_stream_stop orb_single_shot orb_sensor_present \
+for plain in orb_stream_start orb_stream_read orb_stream_stop orb_single_shot orb_sensor_present orb_stream_auto_expose \
              usb_init usb_control_msg usb_bulk_read usb_interrupt_read usb_open usb_find_busses; do
   grep -qx "$plain" <<<"$syms" || { echo "missing C symbol $plain"; exit 1; }
 done

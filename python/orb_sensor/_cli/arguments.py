@@ -33,6 +33,19 @@ def seconds(text):
     return value
 
 
+def exposure_ms(text):
+    """An exposure in milliseconds the sensor can make."""
+    from ..facts import EXPOSURE_MS_LIMITS
+    try:
+        value = float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"{text!r} is not a number of milliseconds") from None
+    low, high = EXPOSURE_MS_LIMITS
+    if not math.isfinite(value) or not low <= value <= high:
+        raise argparse.ArgumentTypeError(f"must be between {low:.6g} and {high:.6g} ms, not {text}")
+    return value
+
+
 def sensor(text):
     """An index (0 upward) or an ID text."""
     if text.isascii() and text.isdigit():

@@ -25,9 +25,10 @@ import time
 
 import numpy as np
 
-from ..facts import NUM_FILTERS, SHUTTER_SPEED_LIMITS
+from ..facts import NUM_FILTERS
 from . import library, wire_format
-from .stream_abi import ACTIVITY_DTYPE, FRAME_DTYPE, SETTINGS_DTYPE, STATS_DTYPE, StreamResult
+from .stream_abi import (ACTIVITY_DTYPE, EXPOSURE_RESULT_DTYPE, FRAME_DTYPE, SETTINGS_DTYPE, STATS_DTYPE,
+                         ExposureOutcome, StreamResult)
 
 OK = StreamResult.OK
 # Frames sent in one message: those that come within BATCH_WINDOW_S of the
@@ -164,28 +165,19 @@ class RequestServer:
         return out
 
     def op_auto_expose(self, index, filters, target, timeout_ms):
-        """The library's search; it has no time-out of its own: the
-        supervisor watches the sensor's frames while it runs (op_activity)
-        and its deadline bounds it."""
-        self._present(index)
-        # Counting starts before the search, so that a sensor silent from
-        # its first trial shows as one.
-        self.op_activity(index)
-        lib = self._lib
+        """The stream layer's search, bounded by its own time-out; on a
+        stream of its own (the package's stream is stopped first)."""
+        if index in self._pumps:
+            raise Failure("value", "stop the stream before an auto-exposure")
         array = (ctypes.c_int * len(filters))(*filters) if filters else None
-        with self._du_lock:
-            if lib.duActivateSensorWithIndex(index) < 0:
-                raise Failure("library", f"sensor {index} could not be made current")
-            if target is None:
-                found = lib.duGetOptimalShutterSpeed(array, len(filters))
-            else:
-                found = lib.duGetOptimalShutterSpeed2(array, len(filters), target)
-        self._present(index)
-        if found < 1:
-            raise Failure("library", f"the auto-exposure search failed ({found})")
-        # The search leaves the register set but not the library's record of
-        # it; setting it again brings both in line.
-        return self.op_set_shutter(index, min(max(found, SHUTTER_SPEED_LIMITS[0]), SHUTTER_SPEED_LIMITS[1]), timeout_ms)
+        out = np.zeros(1, EXPOSURE_RESULT_DTYPE)
+        r = self._lib.orb_stream_auto_expose(index, array, len(filters), target or 0, 0, timeout_ms,
+                                             out.ctypes.data)
+        if r != OK:
+            raise _stream_failure(self._lib, r, "auto-exposure")
+        result = {name: int(out[name][0]) for name in out.dtype.names}
+        result["outcome"] = ExposureOutcome(result["outcome"]).name
+        return result
 
     def op_stream_start(self, index, stream_id, ring_frames, timeout_ms):
         r = self._lib.orb_stream_start(index, ring_frames, timeout_ms)

@@ -38,6 +38,10 @@ class Session:
         self.frozen = False
         self.state, self.message = "starting", ""
         self.settings = {}
+        # The last auto-exposure's AutoExposure: an off-target outcome stays
+        # on the page as a warning while the sensor streams.
+        self.exposure = None
+        self.target = None  # the auto-exposures' target; None: the layer's
         # The frame on the page, and whether the dark frame was subtracted
         # from it: one tuple, so that the two are read together.
         self.shown = None
@@ -82,6 +86,7 @@ class Session:
             except SensorStalledError as e:
                 self._set_state("endpoint stalled", str(e))
             except SensorTimeoutError as e:
+                # On the bus but silent (a hung firmware): not "lost".
                 self._set_state("not answering", str(e))
             except OrbError as e:
                 self._set_state("failed", str(e))
@@ -97,7 +102,7 @@ class Session:
         try:
             for frame in stream:
                 if self.state != "streaming":
-                    self._set_state("streaming")
+                    self._set_state("streaming", self._exposure_warning())
                 self._latest_seq = frame.seq
                 self.recorder.write(frame)
                 if not self.frozen:
@@ -168,12 +173,16 @@ class Session:
         self.sensor.dark_correction = on
         self.fanout.status()
 
+    def _exposure_warning(self):
+        return "" if self.exposure is None or self.exposure.ok else self.exposure.message()
+
+    def _auto_expose(self, sensor, target):
+        self.exposure = sensor.auto_expose(target=target)
+        self._note(shutter_speed=self.exposure.shutter_speed)
+        return self.exposure.shutter_speed
+
     def auto_expose(self, target):
-        def job(sensor):
-            shutter, _ = sensor.auto_expose(target=target)
-            self._note(shutter_speed=shutter)
-            return shutter
-        return self.submit(job, "auto-exposure")
+        return self.submit(lambda sensor: self._auto_expose(sensor, target), "auto-exposure")
 
     def take_dark(self):
         return self.submit(lambda sensor: sensor.dark(), "taking a dark frame")
@@ -181,14 +190,19 @@ class Session:
     def switch(self, sensor_id):
         def job(_):
             self.recorder.stop()
+            # The label names the chosen sensor's recording, none yet.
+            self.recorder.forget()
             if sensor_id not in self._sensors:
                 self._sensors[sensor_id] = Sensor(id=sensor_id)
             self.sensor = self._sensors[sensor_id]
             averages, old = self.stream.averages, self.stream
             self.stream = self.sensor.stream(averages=averages)
             old.close()
-            self.settings, self.shown = {}, None
+            self.settings, self.shown, self.exposure = {}, None, None
             self._latest_seq, self._rate_mark = None, (time.monotonic(), None)
+            # A sensor the view switches to is exposed for its own light.
+            self._set_state("busy", f"auto-exposure of sensor {sensor_id}")
+            self._auto_expose(self.sensor, self.target)
             return sensor_id
         return self.submit(job, f"opening sensor {sensor_id}")
 
@@ -226,6 +240,8 @@ class Session:
             "frames": self.stream.delivered,
             "frame_number": None if self.current is None else int(self.current.seq),
             "lost": self.stream.lost, "frame_rate": round(self._rate, 1), "frozen": self.frozen,
+            "auto_exposure": None if self.exposure is None else {
+                "outcome": self.exposure.outcome, "message": self.exposure.message()},
             "dark": self.sensor.dark_frame is not None, "dark_correction": self.sensor.dark_correction,
             "recording": self.recorder.status(),
             "led": None if self.lights is None else self.lights.status(),
