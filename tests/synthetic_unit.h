@@ -4,7 +4,7 @@
 // A sensor unit defined here and nowhere else: 1024 Gaussian filters of 6 to
 // 18 nm with side lobes on a silicon-like response, a dark pattern, read and
 // shot noise, three dead filters and a hot one. A swept-line calibration is
-// "measured" from it the way a bench makes one (frames averaged, darks shared
+// "measured" from it the way a lab makes one (frames averaged, darks shared
 // by the steps of one exposure), and frames of any spectrum are drawn from it.
 
 #include <functional>

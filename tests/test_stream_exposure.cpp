@@ -92,7 +92,7 @@ TEST_P(StreamExposureScene, EndsWithinItsBoundWithTheRightOutcome) {
     EXPECT_GE(r.level, c.level_low);
     EXPECT_LE(r.level, c.level_high);
     EXPECT_LE(r.elapsed_ms, c.max_ms + slack_ms());
-    // The worst the bench shows: eight frames measured beyond the final one.
+    // The worst the emulator shows: eight frames measured beyond the final one.
     EXPECT_LE(r.frames, 10);
 }
 

@@ -14,9 +14,9 @@ from conftest import EMULATE, PYTHON, REPO, _env
 TOOL = os.path.join(REPO, "tools", "orb-sensor")
 
 
-def bench(tmp_path, script, sensors=1):
-    """Runs a shell script under one bench; $T is the tool, ctl the
-    bench's control."""
+def under_emulator(tmp_path, script, sensors=1):
+    """Runs a shell script under one emulator; $T is the tool, ctl the
+    emulator's control channel."""
     # Job control, so that a job put in the background still takes Ctrl-C;
     # `recording F` waits until F holds frames, however long connecting takes.
     prelude = (f'set -m; T="{PYTHON} {TOOL}"; ctl() {{ "{EMULATE}" ctl "$@" >/dev/null; }}\n'
@@ -63,7 +63,7 @@ def test_record_holds_every_frame_and_a_closed_pipe_is_quiet(orb_sensor, tmp_pat
 
 
 def test_unplug_mid_record_leaves_a_file_with_every_frame_before_it(tmp_path):
-    result = bench(tmp_path, r"""
+    result = under_emulator(tmp_path, r"""
 $T record -o cut.h5 2>err.txt & pid=$!
 recording cut.h5; ctl unplug 0; start=$EPOCHREALTIME
 wait $pid; echo "status $?"; awk "BEGIN { print \"after\", $EPOCHREALTIME - $start }"
@@ -84,7 +84,7 @@ cat err.txt
 
 
 def test_ctrl_c_stops_a_recording_and_a_silent_sensor_times_out(tmp_path):
-    result = bench(tmp_path, r"""
+    result = under_emulator(tmp_path, r"""
 $T record -o run.h5 2>err.txt & pid=$!
 recording run.h5; kill -INT $pid; start=$EPOCHREALTIME
 wait $pid; echo "status $?"; awk "BEGIN { print \"after\", $EPOCHREALTIME - $start }"

@@ -1,4 +1,4 @@
-"""Bench faults as a user of the package meets them: an average never holds
+"""Emulated faults as a user of the package meets them: an average never holds
 a short frame, a sensor on the bus that stops answering or stalls is named
 so within a read's bound (auto_expose too), and the same process gets
 frames again within 3 s once the fault is lifted, with no replug. Each

@@ -1,4 +1,4 @@
-"""The package against faults of the bench: every call ends within its
+"""The package against faults of the emulated sensor: every call ends within its
 time-out, and the same Sensor works again after a replug. Each scenario
 runs in a process of its own under orb-emulate, driven through its
 control socket."""
@@ -187,7 +187,7 @@ assert s.settings() == before
     assert message in out
 
 
-def test_every_bench_fault_ends_in_a_clear_error_in_time_and_a_replug_recovers(run_python):
+def test_every_emulated_fault_ends_in_a_clear_error_in_time_and_a_replug_recovers(run_python):
     out = run(run_python, 1, """
 from orb_sensor import OrbError
 s = Sensor()

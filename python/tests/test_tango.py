@@ -1,4 +1,4 @@
-"""The Tango device server against the bench: each scenario runs its
+"""The Tango device server against the emulated sensor: each scenario runs its
 server (Tango's test contexts, no database, the server in a process of
 its own) and its client in a child process under orb-emulate.
 
@@ -24,7 +24,7 @@ def ctl(*words):
     out = subprocess.run([os.environ["ORB_EMULATE"], "ctl", *words], capture_output=True, text=True, timeout=10)
     assert out.stdout.strip().endswith("ok"), out.stdout
     return out.stdout
-def bench_shutter(n):
+def emulated_shutter(n):
     return int(ctl("status").splitlines()[n].split("shutter=")[1].split()[0])
 def wait_state(proxy, state, within):
     t = time.monotonic()
@@ -72,10 +72,10 @@ with one_device(SensorIndex=0) as proxy:
     assert proxy.SensorID == "C1234-7-20-33-1"
     assert proxy.FrameNumber == -1 and proxy.FramesLost == 0 and proxy.FilterData is None
     proxy.ShutterSpeed = 120
-    assert (proxy.ShutterSpeed, bench_shutter(0)) == (120, 120)
+    assert (proxy.ShutterSpeed, emulated_shutter(0)) == (120, 120)
     assert abs(proxy.ExposureTime - exposure_ms(120)) < 1e-9
     proxy.ExposureTime = exposure_ms(700) + 0.01     # the nearest shutter speed
-    assert (proxy.ShutterSpeed, bench_shutter(0)) == (700, 700)
+    assert (proxy.ShutterSpeed, emulated_shutter(0)) == (700, 700)
     proxy.AdcGain, proxy.AdcRange, proxy.Averages = 0, 90, 7
     assert (proxy.AdcGain, proxy.AdcRange, proxy.Averages) == (0, 90, 7)
     assert proxy.DarkCorrection is False
@@ -83,7 +83,7 @@ with one_device(SensorIndex=0) as proxy:
     for name, value in [("ShutterSpeed", 3001), ("ShutterSpeed", 0), ("ExposureTime", 0.05),
                         ("ExposureTime", 300.0), ("Averages", 0), ("AdcGain", 2), ("AdcRange", 256)]:
         print(*refused(lambda: proxy.write_attribute(name, value)), sep="|")
-    assert (proxy.ShutterSpeed, bench_shutter(0), proxy.AdcRange, proxy.Averages) == (700, 700, 90, 7)
+    assert (proxy.ShutterSpeed, emulated_shutter(0), proxy.AdcRange, proxy.Averages) == (700, 700, 90, 7)
 """, "--frames", "counter")
     lines = out
     assert lines[0] == "ORB_BadValue|DarkCorrection needs a dark frame: cover the sensor and run TakeDark first"
@@ -123,7 +123,7 @@ with one_device(SensorID="C1234-7-20-33-1") as proxy:
     ctl("frames", "0", "light")
     proxy.set_timeout_millis(70000)
     shutter = proxy.AutoExpose(3000)
-    assert proxy.ShutterSpeed == shutter == bench_shutter(0), (shutter, proxy.ShutterSpeed)
+    assert proxy.ShutterSpeed == shutter == emulated_shutter(0), (shutter, proxy.ShutterSpeed)
     proxy.Averages = 1
     print("peak", max(proxy.Acquire()))
     assert proxy.SetLed([0, 2, 100]) == state_word([0, 2], 100)
@@ -236,7 +236,7 @@ with devices({"SensorID": "C1234-7-22-33-1"}, {"SensorIndex": 0}, {"SensorIndex"
     for proxy, shutter in zip(proxies, (300, 100, 200)):
         proxy.ShutterSpeed = shutter
         proxy.Start()
-    assert [bench_shutter(n) for n in range(3)] == [100, 200, 300]
+    assert [emulated_shutter(n) for n in range(3)] == [100, 200, 300]
     counts = [Values() for _ in proxies]
     events = [p.subscribe_event("FilterData", tango.EventType.CHANGE_EVENT, c) for p, c in zip(proxies, counts)]
     time.sleep(2)
@@ -259,7 +259,7 @@ with devices({"SensorID": "C1234-7-22-33-1"}, {"SensorIndex": 0}, {"SensorIndex"
     assert [p.state() for p in proxies[1:]] == [RUNNING, RUNNING]
     ctl("replug", "2")
     print("running after", wait_state(proxies[0], RUNNING, 10))
-    assert bench_shutter(2) == 300          # put back after the replug
+    assert emulated_shutter(2) == 300          # put back after the replug
     got = Values()
     event = proxies[0].subscribe_event("FilterData", tango.EventType.CHANGE_EVENT, got)
     time.sleep(1.5)
@@ -365,10 +365,10 @@ def test_the_first_start_exposes_the_sensor_and_an_off_target_outcome_is_in_the_
     out = run(run_python, 1, """
 with one_device(SensorIndex=0) as proxy:
     wait_state(proxy, ON, 20)
-    assert proxy.AutoExposureOutcome == "" and bench_shutter(0) == 1
+    assert proxy.AutoExposureOutcome == "" and emulated_shutter(0) == 1
     proxy.set_timeout_millis(15000)
     proxy.Start()                           # never a stream at shutter speed 1 by default
-    print(proxy.AutoExposureOutcome, proxy.ShutterSpeed == bench_shutter(0))
+    print(proxy.AutoExposureOutcome, proxy.ShutterSpeed == emulated_shutter(0))
     print(proxy.status().splitlines()[-1])
     proxy.Stop()
 """, "--scene", "halogen 0.01")
@@ -381,11 +381,11 @@ def test_a_start_exposure_from_the_properties_or_the_client_comes_first(run_pyth
 with one_device(SensorIndex=0, ExposureTimeAtStart=20.0) as proxy:
     wait_state(proxy, ON, 20)
     proxy.Start()
-    print(proxy.ShutterSpeed, bench_shutter(0), repr(proxy.AutoExposureOutcome))
+    print(proxy.ShutterSpeed, emulated_shutter(0), repr(proxy.AutoExposureOutcome))
     proxy.Stop()
     proxy.ShutterSpeed = 40
     proxy.Start()                           # a later Start keeps what the client chose
-    print(bench_shutter(0))
+    print(emulated_shutter(0))
     proxy.Stop()
 """)
     assert out == ["219 219 ''", "40"]

@@ -1,6 +1,6 @@
-"""orb-sensor view in headless Chromium against the bench: each test runs
+"""orb-sensor view in headless Chromium against the emulated sensor: each test runs
 its own `orb-emulate ... -- orb-sensor view --port 0`, reads the address
-it prints, drives the page and the bench's control socket, and leaves a
+it prints, drives the page and the emulator's control socket, and leaves a
 screenshot beside the view's log in its tmp directory."""
 
 import http.client
@@ -49,13 +49,13 @@ def wait_for(condition, seconds, what):
 
 
 class View:
-    """A bench with the view in it, and its control socket."""
+    """An emulator with the view in it, and its control socket."""
 
-    def __init__(self, tmp_path, name, bench=(), view=()):
+    def __init__(self, tmp_path, name, emulator=(), view=()):
         self.socket = str(tmp_path / f"{name}.sock")
         self.log = open(tmp_path / f"{name}.log", "w")
         self.process = subprocess.Popen(
-            [EMULATE, *bench, "--control", self.socket, "--", PYTHON, TOOL, "view", "--port", "0", *view],
+            [EMULATE, *emulator, "--control", self.socket, "--", PYTHON, TOOL, "view", "--port", "0", *view],
             env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=self.log)
         line, deadline = b"", time.monotonic() + START_S
         while not line.endswith(b"\n"):
@@ -112,8 +112,8 @@ def view(tmp_path):
     _browser_parts()
     views = []
 
-    def start(*bench, view=()):
-        views.append(View(tmp_path, f"view{len(views)}", bench, view))
+    def start(*emulator, view=()):
+        views.append(View(tmp_path, f"view{len(views)}", emulator, view))
         return views[-1]
     yield start
     for v in views:
@@ -193,7 +193,7 @@ def test_settings_on_the_page_reach_the_sensor_and_bad_ones_reach_nothing(view, 
     driver = page(v.url)
     wait_for(lambda: frame_number(driver), 15, "a first frame")
     enter(driver, "shutter_speed", 321)
-    wait_for(lambda: v.shutter() == 321, 5, "shutter=321 in the bench")
+    wait_for(lambda: v.shutter() == 321, 5, "shutter=321 in the emulator")
     enter(driver, "exposure_ms", 20)
     nearest = round((20 * 10000 - 160) / 912)          # (s x 912 + 160) ticks of 10 MHz
     wait_for(lambda: v.shutter() == nearest, 5, "the shutter speed nearest 20 ms")
