@@ -174,6 +174,9 @@ def spectrum(table):
     for name, r in find(table, "SpectrumOperatorBuild"):
         out.append(f"| operator build (GCV included), {name.split('/')[1].replace('_', ' ')} | "
                    f"| **{fmt(r['real_time'], 0)} ms** | |")
+    for name, r in find(table, "Colorimetry"):
+        out.append(f"| colorimetry (XYZ, CCT and Duv, CRI), {name.split('/')[1].replace('_', ' ')} | "
+                   f"| **{fmt(r['real_time'], 1)} µs** | {fmt(1e6 / r['real_time'], 0)} |")
     return out
 
 
