@@ -204,9 +204,10 @@ for fault in faults:
             call()
         except OrbError as e:
             assert str(e), (fault, name)
-        # The longest bound: a read's 3 s and the second a request is
-        # given beyond it.
-        assert took(t) < 4.5, (fault, name, took(t))
+        # The longest bound: a read's 3 s, the second a request is given
+        # beyond it, and the fresh worker a failed read leaves behind; a
+        # user is told within 5 s.
+        assert took(t) < 5.0, (fault, name, took(t))
     ctl("unplug", "0")
     ctl("replug", "0")
     ctl("clear", "0")
