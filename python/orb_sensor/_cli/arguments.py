@@ -7,6 +7,7 @@ import math
 
 from .. import checks
 from ..errors import OrbError
+from ..facts import EXPOSURE_MS_LIMITS
 
 
 def whole(low, high):
@@ -35,7 +36,6 @@ def seconds(text):
 
 def exposure_ms(text):
     """An exposure in milliseconds the sensor can make."""
-    from ..facts import EXPOSURE_MS_LIMITS
     try:
         value = float(text)
     except ValueError:
