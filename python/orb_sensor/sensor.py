@@ -345,6 +345,9 @@ class Sensor:
         if step is not None:
             step = checks.number("step", step, 0.5, 10.0)
         given_dark = None if dark is None else self._check_dark(dark)
+        if given_dark is not None and self._dark_correction:
+            raise OrbValueError("dark= is given but dark_correction is on, which subtracts dark()'s own: "
+                                "switch it off to subtract this one")
         operator, source = self._spectra.operator(calibration, step, averages)
         with self._lock:
             shutter = self._known_settings()["shutter_speed"]
