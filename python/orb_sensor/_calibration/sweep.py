@@ -24,6 +24,10 @@ MAX_ROUNDS = 12
 # A frame is taken to show the light set only if its exposure began after
 # the source answered; this covers the rest of a frame on the bus then.
 SETTLE_S = FASTEST_FRAME_S + 0.0005
+# The longest wait for one frame (--timeout replaces it): the longest
+# exposure's frames come every 0.27 s, and a busy machine holds a stream
+# back for seconds now and then.
+FRAME_TIMEOUT_S = 10.0
 # The first step starts here (the line's brightest filter near 70% after
 # about a millisecond at the emulator's default brightness).
 FIRST_EXPOSURE_MS = 0.5
@@ -67,13 +71,14 @@ class Sweep:
     gets a line of progress now and then."""
 
     def __init__(self, sensor: Sensor, source, plan: Plan, report: Callable[[str], None],
-                 pause_stream: bool = False) -> None:
+                 pause_stream: bool = False, frame_timeout: Optional[float] = None) -> None:
         self._sensor = sensor
         self._source = source
         self._plan = plan
         self._report = report
         # A source that waits on the user: the sensor need not stream meanwhile.
         self._pause_stream = pause_stream
+        self._frame_timeout = frame_timeout or FRAME_TIMEOUT_S
         self._ladder = Ladder()
         self._stream = None
         self._frames: Optional[Iterator[Frame]] = None
@@ -83,7 +88,7 @@ class Sweep:
 
     def run(self) -> Measured:
         self._started = time.monotonic()
-        self._stream = self._sensor.stream(averages=1)
+        self._stream = self._sensor.stream(averages=1, timeout=self._frame_timeout)
         self._frames = iter(self._stream)
         try:
             rung = self._ladder.nearest(FIRST_EXPOSURE_MS)

@@ -26,7 +26,7 @@ MIN_WAVELENGTHS = 8
 # every step of its exposure, so its own noise enters all of them alike
 # (docs/spectra.md, "Making a calibration", has the measurement).
 DEFAULT_FRAMES = 16
-DEFAULT_DARK_FRAMES = 256
+DEFAULT_DARK_FRAMES = 1024
 
 
 def add_parser(sub, sensor_options):
@@ -134,7 +134,8 @@ def run(args, progress):
             plan = Plan(wavelengths, args.frames, args.dark_frames, power * source.power)
             try:
                 measured = Sweep(sensor, source, plan, progress.step,
-                                 pause_stream=isinstance(source, sources.ManualSource)).run()
+                                 pause_stream=isinstance(source, sources.ManualSource),
+                                 frame_timeout=args.timeout).run()
             except (SweepError, sources.SourceError) as e:
                 raise OrbValueError(f"calibrate: {e}") from None
         finally:
