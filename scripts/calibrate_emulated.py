@@ -11,7 +11,7 @@ the build tree's src/ as it does an installed tree's share directory.
         --library build/src/liborb_device.so.1 --into DIR [--units N]
 
 Files already there are kept; with every unit's file there (the list in
-DIR/emulated-units.txt) nothing is started."""
+DIR/emulated-units.txt, a line "ID FILE" per unit) nothing is started."""
 
 import argparse
 import os
@@ -46,11 +46,11 @@ def main():
     manifest = os.path.join(args.into, MANIFEST)
     try:
         with open(manifest) as f:
-            ids = f.read().split()
+            listed = [line.split() for line in f if line.strip()]
     except OSError:
-        ids = []
-    if len(ids) >= args.units and all(os.path.exists(os.path.join(args.into, file_name(i)))
-                                      for i in ids[:args.units]):
+        listed = []
+    if len(listed) >= args.units and all(os.path.exists(os.path.join(args.into, name))
+                                         for _, name in listed[:args.units]):
         return 0
     ids = [line.split()[1] for line in under_emulator(args, args.units, ["list"]).stdout.splitlines()]
     for index, sensor_id in enumerate(ids):
@@ -65,7 +65,7 @@ def main():
             under_emulator(args, args.units, ["calibrate", "--sensor", str(index), "-o", made])
             os.replace(made, target)
     with open(manifest + ".new", "w") as f:
-        f.write("\n".join(ids) + "\n")
+        f.write("".join(f"{i} {file_name(i)}\n" for i in ids))
     os.replace(manifest + ".new", manifest)
     return 0
 
