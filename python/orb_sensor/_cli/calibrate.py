@@ -153,9 +153,10 @@ def run(args, progress):
     progress.done()
     levels = 100 * np.array(measured.levels) / MAX_VALUE
     exposures = measured.dark_exposure_ms
+    used = (f"1 exposure, {format_ms(exposures[0])} ms" if exposures.size == 1 else
+            f"{exposures.size} exposures from {format_ms(exposures[0])} to {format_ms(exposures[-1])} ms")
     print(f"Wrote {path}: the calibration of {sensor.id}, {wavelengths.size} wavelengths from "
-          f"{wavelengths[0]:g} to {wavelengths[-1]:g} nm in {measured.seconds:.1f} s; "
-          f"{exposures.size} exposures from {format_ms(exposures[0])} to {format_ms(exposures[-1])} ms, "
+          f"{wavelengths[0]:g} to {wavelengths[-1]:g} nm in {measured.seconds:.1f} s; {used}, "
           f"brightest filter {levels.min():.0f} to {levels.max():.0f}% of full scale.")
     sys.stdout.flush()
     return 0
