@@ -2,8 +2,6 @@
 that load as the unit's, with the line where it was set; the command
 source is called at every wavelength; --source-power divides the response."""
 
-import os
-
 import h5py
 import numpy as np
 import pytest

@@ -11,7 +11,6 @@ from .. import __version__
 from .._calibration import source_power, sources
 from .._calibration.sweep import Plan, Sweep, SweepError
 from .._spectrum import calibration
-from ..checks import INT_MAX
 from ..errors import OrbValueError
 from ..exposure import format_ms
 from ..facts import MAX_VALUE
