@@ -119,4 +119,4 @@ def test_a_terminal_sees_the_step_the_wavelength_the_exposure_and_the_time_left(
         os.close(master)
     assert result.returncode == 0
     assert re.search(rb"step 21/21: 540 nm at 0\.\d+ ms, about \d+ s left", shown), shown[-400:]
-    assert re.search(rb"darks at 0\.\d+ ms \(1 of 1\), \d+ s left", shown), shown[-400:]
+    assert re.search(rb"darks at 0\.\d+ ms \(1 of \d+\), \d+ s left", shown), shown[-400:]
