@@ -32,7 +32,8 @@ def _brightest_peaks_at_the_line(path):
     for j in range(3, nm.size - 3):
         brightest = response[:, j].argmax()
         assert abs(nm[response[brightest].argmax()] - nm[j]) <= 4, (nm[j], brightest)
-        assert response[brightest, j] > 50 * error[brightest, j]
+        # A standard error, not the value: 4 frames' scatter varies by a factor of 3.
+        assert response[brightest, j] > 10 * error[brightest, j]
     return nm, response
 
 
