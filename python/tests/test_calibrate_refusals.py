@@ -29,6 +29,7 @@ from orb_sensor.facts import MAX_VALUE, exposure_ms
     (["--source-power", "falling.csv"], "--source-power: falling.csv line 3: wavelength 500 nm is not above the one before (600 nm)"),
     (["--source-power", "short.csv"], "--source-power: short.csv covers 400 to 600 nm, not the sweep's 340 to 1100 nm"),
     (["--source-power", "dark.csv"], "--source-power: dark.csv line 2: the power must be above 0, not 0"),
+    (["-o", "kept.h5"], "calibrate: kept.h5 exists: give --force to replace it"),
     (["-o", "no/such/dir/unit.h5"], "cannot write no/such/dir/unit.h5: directory no/such/dir does not exist"),
 ])
 def test_bad_arguments_are_refused_naming_them(orb_sensor, tmp_path, monkeypatch, args, said):
@@ -36,6 +37,7 @@ def test_bad_arguments_are_refused_naming_them(orb_sensor, tmp_path, monkeypatch
     (tmp_path / "falling.csv").write_text("400,1\n600,1\n500,1\n")
     (tmp_path / "short.csv").write_text("400,1\n600,1\n")
     (tmp_path / "dark.csv").write_text("400,1\n600,0\n")
+    (tmp_path / "kept.h5").write_bytes(b"kept")
     result = orb_sensor("calibrate", *args)
     assert result.returncode == 2 and said in result.stderr, result.stderr
     assert "Traceback" not in result.stderr and result.stdout == ""

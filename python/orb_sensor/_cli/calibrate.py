@@ -93,12 +93,10 @@ def default_path(sensor_id):
     return os.path.join(data, "orb-sensor", "calibrations", calibration.file_name(sensor_id))
 
 
-def _output(args, sensor_id):
-    path = args.output
-    if path is None:
-        path = default_path(sensor_id)
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-    if os.path.exists(path) and not args.force:
+def _writable(path, force):
+    """Refuses a path that cannot be written, or that holds a file unless
+    --force, before the sweep starts."""
+    if os.path.exists(path) and not force:
         raise OrbValueError(f"calibrate: {path} exists: give --force to replace it")
     check_output(path)
     return path
@@ -123,10 +121,14 @@ def run(args, progress):
     if args.source_power is not None:
         power = source_power.at(source_power.read(args.source_power), wavelengths, args.source_power)
     if args.output is not None:
-        check_output(args.output)
+        _writable(args.output, args.force)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
-        path = _output(args, sensor.id)
+        path = args.output
+        if path is None:
+            path = default_path(sensor.id)
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            _writable(path, args.force)
         settings = sensor.settings()
         source = _source(args, sensor, control, progress)
         try:
