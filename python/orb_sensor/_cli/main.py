@@ -17,8 +17,7 @@ from ..errors import (CalibrationError, NoSensorError, OrbError, OrbTypeError, O
 from ..facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, MAX_VALUE,
                      SHUTTER_SPEED_LIMITS)
 from ..led import MAX_CHANNELS, MAX_INTENSITY, NoLedModuleError
-from . import arguments, doctor, emulation
-from . import spectra
+from . import arguments, calibrate, doctor, emulation, spectra
 from .commands import COMMANDS, NO_DEVICE_HELP, no_sensor_message
 from .progress import Progress
 
@@ -158,6 +157,8 @@ def parser():
                      help=f"intensity, 0 to {MAX_INTENSITY} (default 0)")
     led.add_argument("--off", action="store_true", help="switch every channel off")
 
+    calibrate.add_parser(sub, _sensor_options)
+
     sub.add_parser("doctor", help="check what a sensor needs on this machine, and say what to fix")
 
     v = sub.add_parser("view", help="the live filter data in a browser, with the sensor's controls")
@@ -200,8 +201,8 @@ def _fail(progress, text, status):
 
 def _run(args, progress):
     try:
-        return {**COMMANDS, "view": _view, "spectrum": spectra.spectrum, "colour": spectra.colour,
-                "color": spectra.colour}[args.command](args, progress)
+        return {**COMMANDS, "view": _view, "calibrate": calibrate.run, "spectrum": spectra.spectrum,
+                "colour": spectra.colour, "color": spectra.colour}[args.command](args, progress)
     except NoSensorError as e:
         progress.done()
         sys.stderr.write(no_sensor_message(e))
@@ -218,7 +219,8 @@ def _run(args, progress):
         return _fail(progress, "interrupted", EXIT_INTERRUPTED)
 
 
-COMMAND_NAMES = ("list", "acquire", "stream", "record", "spectrum", "colour", "color", "led", "doctor", "view")
+COMMAND_NAMES = ("list", "acquire", "stream", "record", "calibrate", "spectrum", "colour", "color", "led", "doctor",
+                 "view")
 
 
 def main(argv=None):
