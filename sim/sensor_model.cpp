@@ -261,6 +261,11 @@ uint64_t SensorModel::frames_sent() const {
     return frames_sent_;
 }
 
+uint64_t SensorModel::slots_missed() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return slots_missed_;
+}
+
 void SensorModel::set_timing(Timing timing) {
     {
         std::lock_guard<std::mutex> lock(mu_);
@@ -298,7 +303,12 @@ void SensorModel::schedule_next_locked(Clock::time_point now, Clock::time_point 
     // pace, never a burst of the slots it missed.
     const std::chrono::nanoseconds interval = interval_locked(next_shutter_);
     const Clock::time_point owed_from = std::max(next_due_, last_sent_);
-    next_due_ = host_ready - owed_from > interval ? now + interval : next_due_ + interval;
+    const auto late = host_ready - owed_from;
+    // The slots passed while the host had no transfer waiting, to the
+    // nearest whole slot, as a host reckons them from the gap between the
+    // frames it received.
+    if (late > interval) slots_missed_ += static_cast<uint64_t>((late + interval / 2) / interval);
+    next_due_ = late > interval ? now + interval : next_due_ + interval;
     last_sent_ = now;
 }
 

@@ -2,11 +2,14 @@
 
 #include "stream_session.h"
 
+#include <stddef.h>
 #include <time.h>
 
+#include "frame_pace.h"
 #include "frame_tap.h"
 #include "link_seam.h"
 #include "presence.h"
+#include "second_transfer.h"
 #include "sensor_requests.h"
 #include "../efm32com/orb_frame_samples.h"
 #include "../efm32com/orb_stm_commands.h"
@@ -17,6 +20,9 @@ std::atomic<FrameTap> g_frame_tap{nullptr};
 
 static_assert(ORB_STREAM_FILTERS == orbframe::kSamples && ORB_STREAM_SATURATED == orbframe::kSampleMax,
               "a stream's frame is the sensor's frame");
+static_assert(offsetof(orb_stream_frame, missed_before) + sizeof(uint32_t) == sizeof(orb_stream_frame) &&
+                  offsetof(orb_stream_stats, missed) + sizeof(uint32_t) == sizeof(orb_stream_stats),
+              "the missed counts sit in what was the records' tail padding");
 
 namespace {
 
@@ -27,16 +33,13 @@ Session* sessions() {
     return table;
 }
 
-uint64_t monotonic_ns() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
-}
-
 void take(Session& s, const libusb_transfer* t, uint64_t now_ns) {
     std::lock_guard<std::mutex> guard(s.lock);
     // Stopped (or restarted for another handle) since the tap looked.
     if (!s.active || s.handle.load(std::memory_order_relaxed) != t->dev_handle) return;
+    // A du... acquisition takes frames from the link's transfer: the
+    // stream's second one stops sharing them.
+    if (link::collecting_frames()) let_second_lapse_locked(s);
     take_locked(s, t, now_ns);
 }
 
@@ -84,6 +87,12 @@ int failed(int result, libusb_device_handle* handle) {
 
 }  // namespace
 
+uint64_t monotonic_ns() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
 void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& settings,
                          libusb_device_handle* handle) {
     s.ring = std::move(ring);
@@ -95,7 +104,9 @@ void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& 
     s.settings = settings;
     s.stats = orb_stream_stats{};
     s.stats.capacity = s.ring.capacity();
-    s.lost_since = s.stale_since = 0;
+    s.lost_since = s.stale_since = s.missed_since = 0;
+    s.interval_ns = frame_interval_ns(settings.shutter_speed);
+    s.last_frame_ns = 0;
     s.handle.store(handle, std::memory_order_release);
 }
 
@@ -106,11 +117,20 @@ void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns) {
         s.arrived.notify_all();
         return;
     }
+    const uint64_t previous_ns = s.last_frame_ns;
+    s.last_frame_ns = now_ns;
     if (s.skip_at_start > 0) {
         s.skip_at_start--;
         return;
     }
     orb_stream_stats& st = s.stats;
+    // Around a change the pace is the old one or the new one: those frames
+    // are discarded anyway, and their gaps are not reckoned.
+    if (previous_ns != 0 && !s.changing && s.stale_pending == 0) {
+        const uint32_t missed = frames_missed_in(now_ns - previous_ns, s.interval_ns);
+        st.missed += missed;
+        s.missed_since += missed;
+    }
     const uint64_t sequence = st.completed++;
     if (s.changing || s.stale_pending > 0) {
         if (!s.changing) s.stale_pending--;
@@ -136,10 +156,11 @@ void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns) {
     f.timestamp_ns = now_ns;
     f.lost_before = s.lost_since;
     f.stale_before = s.stale_since;
+    f.missed_before = s.missed_since;
     f.settings = s.settings;
     f.saturated = orbframe::unpack_to_u16(t->buffer, f.values, ORB_STREAM_SATURATED);
     s.ring.push();
-    s.lost_since = s.stale_since = 0;
+    s.lost_since = s.stale_since = s.missed_since = 0;
     if (s.ring.size() > st.max_queued) st.max_queued = s.ring.size();
     s.arrived.notify_one();
 }
@@ -159,6 +180,7 @@ void begin_change_locked(Session& s) {
     while (!s.ring.empty()) {
         s.lost_since += s.ring.front().lost_before;
         s.stale_since += s.ring.front().stale_before + 1;
+        s.missed_since += s.ring.front().missed_before;
         s.stats.stale++;
         s.ring.pop();
     }
@@ -166,6 +188,7 @@ void begin_change_locked(Session& s) {
 
 void end_change_locked(Session& s) {
     s.changing = false;
+    s.interval_ns = frame_interval_ns(s.settings.shutter_speed);
     s.stale_pending = kFramesInFlight;
 }
 
@@ -213,6 +236,12 @@ int start_stream(int index, uint32_t ring_frames, int timeout_ms) {
         s.ring.release();
         return failed(r, handle);
     }
+    {
+        // Frames from now on have a transfer waiting while the other one is
+        // reaped and resubmitted.
+        std::lock_guard<std::mutex> guard(s.lock);
+        submit_second_locked(s, handle);
+    }
     // What continuous acquisition leaves behind: a later single shot of
     // the link then takes frames of this stream instead of restarting it.
     link::mark_streaming(true);
@@ -244,18 +273,25 @@ int stop_stream(int index, int timeout_ms) {
         s.stats.queued = s.ring.size();
         s.ring.release();
         failure = s.failure;
+        // Whatever it takes from now on is the sensor's last frames.
+        let_second_lapse_locked(s);
     }
-    libusb_device_handle* handle = link::handle_at(index);
-    if (handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
-    if (failure || link::ended()) return loss_result(handle);
-    // Three stops, as the link stops a stream: the controller can miss one
-    // while it is busy with a frame.
     const Deadline deadline = Deadline::in_ms(timeout_ms);
+    libusb_device_handle* handle = link::handle_at(index);
+    if (handle == nullptr || failure || link::ended()) {
+        retire_second(s, deadline);
+        return handle == nullptr ? ORB_STREAM_ERR_NOT_CONNECTED : loss_result(handle);
+    }
+    // Three stops, as the link stops a stream: the controller can miss one
+    // while it is busy with a frame. The second transfer goes after them, not
+    // before: cancelled while the sensor fills it, it would leave the rest of
+    // that frame to the link's transfer.
     int r = stream_request(handle, kCmdStreamStop, deadline);
     for (int i = 0; i < 2 && r == ORB_STREAM_OK; i++) {
         r = rest(kStreamGapMs, deadline);
         if (r == ORB_STREAM_OK) r = stream_request(handle, kCmdStreamStop, deadline);
     }
+    retire_second(s, deadline);
     if (r == ORB_STREAM_OK) link::mark_streaming(false);
     return failed(r, handle);
 }

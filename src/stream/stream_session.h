@@ -40,6 +40,16 @@ struct Session {
     orb_stream_stats stats{};
     uint32_t lost_since = 0;   // since the last frame queued
     uint32_t stale_since = 0;
+    uint32_t missed_since = 0;
+    uint64_t interval_ns = 0;    // the sensor's pace at the stream's settings
+    uint64_t last_frame_ns = 0;  // the previous completion, 0 before the first
+
+    // The stream's own frame transfer beside the link's (second_transfer.h):
+    // allocated at the first stream and kept for the life of the process.
+    libusb_transfer* second = nullptr;
+    bool second_in_flight = false;
+    bool second_retiring = false;  // not submitted again once it completes
+    std::condition_variable second_idle;
 };
 
 // The streams as the C entry points (orb_stream.cpp) drive them, their
@@ -52,6 +62,7 @@ int current_settings(int index, orb_stream_settings& settings, int timeout_ms);
 int stream_stats(int index, orb_stream_stats& stats);
 
 Session& session_at(int index);  // index checked by the caller
+uint64_t monotonic_ns();
 void install_tap();
 
 // Under the lock: the session takes frames of `handle` into `ring` from now
@@ -61,7 +72,8 @@ void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& 
 
 // What the tap does with one completion of the session's sensor, under
 // the session's lock: frames are numbered, passed over, discarded as stale,
-// counted lost or queued with their time and settings.
+// counted lost or queued with their time and settings, and the time since
+// the previous one tells how many the host missed.
 void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns);
 // Under the lock: the oldest queued frame into `out`, if there is one.
 bool pop_locked(Session& s, orb_stream_frame& out);
