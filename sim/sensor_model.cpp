@@ -263,7 +263,7 @@ uint64_t SensorModel::frames_sent() const {
 
 uint64_t SensorModel::slots_missed() const {
     std::lock_guard<std::mutex> lock(mu_);
-    return slots_missed_;
+    return static_cast<uint64_t>(slots_late_);
 }
 
 void SensorModel::set_timing(Timing timing) {
@@ -304,10 +304,9 @@ void SensorModel::schedule_next_locked(Clock::time_point now, Clock::time_point 
     const std::chrono::nanoseconds interval = interval_locked(next_shutter_);
     const Clock::time_point owed_from = std::max(next_due_, last_sent_);
     const auto late = host_ready - owed_from;
-    // The slots passed while the host had no transfer waiting, to the
-    // nearest whole slot, as a host reckons them from the gap between the
-    // frames it received.
-    if (late > interval) slots_missed_ += static_cast<uint64_t>((late + interval / 2) / interval);
+    // The time the host kept the sensor from its pace, in slots: a fresh
+    // schedule starts that much after the old one would have gone on.
+    if (late > interval) slots_late_ += std::chrono::duration<double>(late) / interval;
     next_due_ = late > interval ? now + interval : next_due_ + interval;
     last_sent_ = now;
 }

@@ -112,9 +112,12 @@ TEST(StreamTransfers, FramesTakenWhileNoTransferWaitedAreCountedMissed) {
     const uint64_t slots = s.slots_missed() - slots_before;
     const uint64_t missed = st.missed - missed_before;
     // 150 ms is 89 slots, two of them filled before the transfers ran out.
+    // A slow host (a sanitizer, valgrind, a loaded machine) misses a few more
+    // on its own, each reckoned to a whole slot by either side.
     EXPECT_GT(slots, 60u);
-    EXPECT_GE(missed + 2, slots);
-    EXPECT_LE(missed, slots + 2);
+    const uint64_t margin = std::max<uint64_t>(2, slots / 20);
+    EXPECT_GE(missed + margin, slots);
+    EXPECT_LE(missed, slots + margin);
     EXPECT_EQ(missed_read, missed);
     EXPECT_EQ(st.lost, 0u);
     EXPECT_ANSWERS_WITHIN(1000, ORB_STREAM_OK, orb_stream_stop(0, 1000));

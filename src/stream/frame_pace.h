@@ -23,14 +23,47 @@ constexpr uint64_t frame_interval_ns(int shutter_speed) {
     return std::max<uint64_t>(kFrameBusTimeNs, ticks > 0 ? static_cast<uint64_t>(ticks) * kNsPerMasterTick : 0);
 }
 
-// Frames the sensor took between two that arrived `gap_ns` apart. The host
-// sees a frame when it reaps it, up to half an interval early or late; a gap
-// counts as the whole number of intervals nearest to it, and one of those
-// is the frame that arrived.
-constexpr uint32_t frames_missed_in(uint64_t gap_ns, uint64_t interval_ns) {
-    const uint64_t intervals = (gap_ns + interval_ns / 2) / interval_ns;
-    return intervals > 1 ? static_cast<uint32_t>(std::min<uint64_t>(intervals - 1, UINT32_MAX)) : 0;
-}
+// The most frames that can wait, taken but not yet seen by the host: one in
+// each transfer (the link's and the stream's second), and the one the sensor
+// holds for a transfer until its next frame is due.
+constexpr int64_t kFramesWaiting = 3;
+
+// Frames the sensor took that never arrived, reckoned from its pace: since
+// the first frame, one slot passes per interval, and a slot without a frame
+// received is a frame missed. The host sees a frame when its callback runs:
+// a host that is away for a while sees the frames its transfers took late,
+// all at once when it comes back, so up to kFramesWaiting slots behind are
+// not yet counted; beyond that no transfer was waiting and the frame is
+// gone. A count, once told, stands; frames that come faster than the pace
+// by more than that (a sensor whose clock runs a little fast) move the
+// reckoning instead of ever taking one back.
+class MissedFrames {
+public:
+    void restart() { started_ = false; }
+    // A frame arrived at `now_ns`: the frames missed that are known now.
+    uint32_t after_frame(uint64_t now_ns, uint64_t interval_ns) {
+        if (!started_) {
+            started_ = true;
+            from_ns_ = now_ns;
+            received_ = told_ = 0;
+            return 0;
+        }
+        received_++;
+        const uint64_t slots = (now_ns - from_ns_ + interval_ns / 2) / interval_ns;
+        const int64_t behind = static_cast<int64_t>(slots) - received_;
+        if (behind < told_ - kFramesWaiting) received_ -= told_ - kFramesWaiting - behind;
+        if (behind - kFramesWaiting <= told_) return 0;
+        const int64_t missed = behind - kFramesWaiting - told_;
+        told_ += missed;
+        return static_cast<uint32_t>(std::min<int64_t>(missed, UINT32_MAX));
+    }
+
+private:
+    bool started_ = false;
+    uint64_t from_ns_ = 0;  // the first frame's arrival: slot 0
+    int64_t received_ = 0;  // frames since
+    int64_t told_ = 0;      // missed frames counted since
+};
 
 }  // namespace orbstream
 

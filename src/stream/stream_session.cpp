@@ -5,7 +5,6 @@
 #include <stddef.h>
 #include <time.h>
 
-#include "frame_pace.h"
 #include "frame_tap.h"
 #include "link_seam.h"
 #include "presence.h"
@@ -106,7 +105,7 @@ void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& 
     s.stats.capacity = s.ring.capacity();
     s.lost_since = s.stale_since = s.missed_since = 0;
     s.interval_ns = frame_interval_ns(settings.shutter_speed);
-    s.last_frame_ns = 0;
+    s.missed_frames.restart();
     s.handle.store(handle, std::memory_order_release);
 }
 
@@ -117,21 +116,19 @@ void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns) {
         s.arrived.notify_all();
         return;
     }
-    const uint64_t previous_ns = s.last_frame_ns;
-    s.last_frame_ns = now_ns;
     if (s.skip_at_start > 0) {
         s.skip_at_start--;
         return;
     }
     orb_stream_stats& st = s.stats;
-    // Around a change the pace is the old one or the new one: those frames
-    // are discarded anyway, and their gaps are not reckoned.
-    if (previous_ns != 0 && !s.changing && s.stale_pending == 0) {
-        const uint32_t missed = frames_missed_in(now_ns - previous_ns, s.interval_ns);
+    const uint64_t sequence = st.completed++;
+    // Around a change the pace is the old one or the new one: the reckoning
+    // starts again after it.
+    if (!s.changing && s.stale_pending == 0) {
+        const uint32_t missed = s.missed_frames.after_frame(now_ns, s.interval_ns);
         st.missed += missed;
         s.missed_since += missed;
     }
-    const uint64_t sequence = st.completed++;
     if (s.changing || s.stale_pending > 0) {
         if (!s.changing) s.stale_pending--;
         st.stale++;
@@ -189,6 +186,7 @@ void begin_change_locked(Session& s) {
 void end_change_locked(Session& s) {
     s.changing = false;
     s.interval_ns = frame_interval_ns(s.settings.shutter_speed);
+    s.missed_frames.restart();
     s.stale_pending = kFramesInFlight;
 }
 

@@ -11,6 +11,7 @@
 
 #include <libusb.h>
 
+#include "frame_pace.h"
 #include "frame_ring.h"
 #include "orb_stream.h"
 #include "../efm32com/orb_stm_commands.h"
@@ -42,7 +43,7 @@ struct Session {
     uint32_t stale_since = 0;
     uint32_t missed_since = 0;
     uint64_t interval_ns = 0;    // the sensor's pace at the stream's settings
-    uint64_t last_frame_ns = 0;  // the previous completion, 0 before the first
+    MissedFrames missed_frames;  // from the sensor's pace
 
     // The stream's own frame transfer beside the link's (second_transfer.h):
     // allocated at the first stream and kept for the life of the process.
