@@ -70,9 +70,10 @@ typedef struct orb_stream_frame {
     uint16_t values[ORB_STREAM_FILTERS];
     /* Since the frame delivered before this one: frames the sensor took
      * while no transfer of the host was waiting for them, reckoned from the
-     * time between two frames and the interval the sensor keeps (its
-     * exposure, at least the bus's 32/19 ms). In what was the record's tail
-     * padding: its size is unchanged. */
+     * interval the sensor keeps (its exposure, at least the bus's 32/19 ms)
+     * and the frames that arrived; told once the host is more than three
+     * frames behind that pace (the frames that may still be on their way).
+     * In what was the record's tail padding: its size is unchanged. */
     uint32_t missed_before;
 } orb_stream_frame;
 
