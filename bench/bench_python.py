@@ -48,7 +48,7 @@ FRAMES_BEFORE_UNPLUG = 300
 def frames_sent():
     """The sensor's own count of the frames it has sent since the bench began."""
     line = next(l for l in bench("status") if l.startswith("0 "))
-    return int(line.rsplit("frames=", 1)[1])
+    return int(line.split("frames=", 1)[1].split()[0])
 
 
 def process_cpu_s(pid):

@@ -55,7 +55,7 @@ COUNTER_MODULO = 4096
 
 def frames_sent():
     """Each sensor's own count of the frames it has sent."""
-    return [int(line.rsplit("frames=", 1)[1]) for line in bench("status") if " sensor " in line]
+    return [int(line.split("frames=", 1)[1].split()[0]) for line in bench("status") if " sensor " in line]
 
 
 def cpu_s(pid):
