@@ -85,12 +85,13 @@ def stream(sensor, seconds):
     # The package names its worker process nowhere else.
     worker = supervisor.shared()._worker.process.pid
     emulator = launcher_pid()
-    delivered, lost, first = 0, 0, None
+    delivered, lost, missed, first = 0, 0, 0, None
     frames = sensor.stream()
     try:
         for frame in frames:
             delivered += 1
             lost += frame.lost
+            missed += frame.missed
             if first is None:
                 first = Snapshot(worker, emulator, frame.seq)
             elif time.monotonic() - first.time >= seconds:
@@ -105,7 +106,7 @@ def stream(sensor, seconds):
     sent = last.seq - first.seq
     row = {"seconds": wall, "delivered": delivered, "sent_by_seq": sent + 1,
            "delivered_per_sent": delivered / (sent + 1), "delivered_fps": after_first / wall,
-           "sensor_sent": last.sent - first.sent, "sensor_fps": (last.sent - first.sent) / wall, "lost": lost,
+           "sensor_sent": last.sent - first.sent, "sensor_fps": (last.sent - first.sent) / wall, "lost": lost, "missed": missed,
            "user_cpu_us_per_frame": (last.own - first.own) / after_first * 1e6,
            "consumer_cpu_us_per_frame": (last.consumer - first.consumer) / after_first * 1e6,
            "worker_cpu_us_per_frame": (last.worker - first.worker) / after_first * 1e6,
@@ -196,7 +197,7 @@ def unplug_and_replug(sensor, rounds):
 
 
 UNITS = {"seconds": "s", "delivered": "frames", "sent_by_seq": "frames", "sensor_sent": "frames",
-         "delivered_fps": "frames/s", "sensor_fps": "frames/s", "lost": "frames", "chain_cores": "cores",
+         "delivered_fps": "frames/s", "sensor_fps": "frames/s", "lost": "frames", "missed": "frames", "chain_cores": "cores",
          "frames_after_unplug": "frames", "reads_until_frame": "calls"}
 
 
