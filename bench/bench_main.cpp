@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
     register_entry_point_benchmarks();
     register_stream_benchmarks();
     register_colour_benchmarks();
+    register_spectrum_benchmarks();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     // The emulated bus stays up until exit: libusb's default context

@@ -11,6 +11,8 @@ void register_stream_benchmarks();
 void register_entry_point_benchmarks();
 // The colorimetry of one spectrum (orb_colour.h); no sensor involved.
 void register_colour_benchmarks();
+// The spectrum engine (orb_spectrum.h) against a synthetic calibration; no sensor.
+void register_spectrum_benchmarks();
 
 // The process the duConnect benchmark starts for each connect: it connects
 // one emulated sensor and prints what that cost. Returns the exit status.

@@ -162,6 +162,24 @@ def python_unplug(table):
     return out
 
 
+def spectrum(table):
+    out = ["| Spectrum engine (one core, synthetic unit) | Output samples | Per spectrum | Spectra per second |",
+           "|---|--:|--:|--:|"]
+    for name, r in find(table, "SpectrumFromFrame"):
+        out.append(f"| a spectrum from a frame, {name.split('/')[1].replace('_', ' ')} | {r['samples']:g} "
+                   f"| {fmt(r['real_time'], 1)} µs | **{fmt(r['spectra_per_s'], 0)}** |")
+    for name, r in find(table, "SpectrumRefinement"):
+        out.append(f"| line refinement, {name.split('/')[1].replace('_', ' ')} ({r['lines']:g} found) | "
+                   f"| **{fmt(r['real_time'], 1)} ms** | {fmt(1000 / r['real_time'], 0)} |")
+    for name, r in find(table, "SpectrumOperatorBuild"):
+        out.append(f"| operator build (GCV included), {name.split('/')[1].replace('_', ' ')} | "
+                   f"| **{fmt(r['real_time'], 0)} ms** | |")
+    for name, r in find(table, "Colorimetry"):
+        out.append(f"| colorimetry (XYZ, CCT and Duv, CRI), {name.split('/')[1].replace('_', ' ')} | "
+                   f"| **{fmt(r['real_time'], 1)} µs** | {fmt(1e6 / r['real_time'], 0)} |")
+    return out
+
+
 def machine(results, medians):
     ctx = results["context"]
     load = ", ".join(f"{x:.2f}" for x in ctx.get("load_avg", []))
@@ -198,7 +216,7 @@ def main():
     table, medians = rows(results)
     parts = [machine(results, medians)]
     for section in (entry_points, frame_path, continuous, streams, single_shot, auto_exposure, bus_pace,
-                    python_stream, python_reads, python_unplug):
+                    python_stream, python_reads, python_unplug, spectrum):
         lines = section(table)
         if len(lines) > 2:
             parts.append("\n".join(lines))

@@ -34,7 +34,9 @@ enum orb_stream_result {
     ORB_STREAM_ERR_USB = -108,           /* the sensor refused a request (a stall, or another transfer error) */
     ORB_STREAM_ERR_VERIFY = -109,        /* a register did not read back what was written, twice */
     ORB_STREAM_ERR_NO_MEMORY = -110,     /* no memory for the ring */
-    ORB_STREAM_ERR_UNSUPPORTED = -111    /* the single shot with the frame moving average on */
+    ORB_STREAM_ERR_UNSUPPORTED = -111,   /* the single shot with the frame moving average on */
+    ORB_STREAM_ERR_SHORT_FRAME = -112,   /* frames came short, and whole ones did not replace them in time */
+    ORB_STREAM_ERR_STALLED = -113        /* the frame endpoint stalled (the sensor is on the bus); the event loop has ended */
 };
 
 #define ORB_STREAM_FILTERS 1024
@@ -125,13 +127,85 @@ ORB_EXPORT int orb_stream_set_onboard_average(int index, int count, int timeout_
 
 /* duGetFilterData for one index, with a time-out: the same requests,
  * pauses and average of `averages` frames written to output (1024
- * doubles). Refused while a stream runs. */
+ * doubles). Refused while a stream runs. An average never holds a frame
+ * that came short: when one may be among its frames, they are all dropped
+ * and taken again while the time-out allows (the short ones are counted in
+ * orb_frame_activity's dropped_short), else the result is
+ * ORB_STREAM_ERR_SHORT_FRAME. A start request the sensor refused, and no
+ * frame after it, gives ORB_STREAM_ERR_USB rather than a time-out. */
 ORB_EXPORT int orb_single_shot(int index, double* output, int averages, int timeout_ms);
+
+/* What the frame path of a sensor has done, whoever drove it: a stream, a
+ * single shot, or duGetFilterData and the calls built on it (the
+ * auto-exposure search), which have no time-out. A host running one of
+ * those watches idle_ms against patience_ms to tell a slow call from a
+ * stuck one. Counting starts with the first call of this layer on the
+ * index. Answers OK, or why the frame path cannot deliver any more
+ * (ORB_STREAM_ERR_LOST, _STALLED, _ENDED, _NOT_CONNECTED), with the
+ * record filled in either way when the index has a sensor. */
+typedef struct orb_frame_activity {
+    uint64_t completed;      /* frame transfers completed since counting started */
+    uint64_t short_frames;   /* of them, those that came short */
+    uint64_t dropped_short;  /* short frames the single shot dropped from its averages */
+    uint32_t idle_ms;        /* since the last completion, or since counting started */
+    /* The longest a working sensor goes without a completion while the
+     * library acquires at the shutter speed it uses now: its pauses around
+     * a trial of the auto-exposure search, the frames, and a margin. */
+    uint32_t patience_ms;
+} orb_frame_activity;
+
+ORB_EXPORT int orb_frame_activity_get(int index, orb_frame_activity* activity);
 
 /* 1 when the sensor at index is still on the bus; ORB_STREAM_ERR_LOST when
  * it has left, ORB_STREAM_ERR_NOT_CONNECTED when nothing was opened there.
  * Asks the bus's device list, not the sensor: no request is sent. */
 ORB_EXPORT int orb_sensor_present(int index);
+
+/* Auto-exposure on a stream: searches the shutter speed (1 to 3000) that
+ * puts the brightest of the chosen filters at `target` DN within
+ * `tolerance` DN, and leaves the sensor at it. It changes the shutter speed
+ * and takes only frames exposed with it; it works on the running stream
+ * (taking its frames from it) or, when none runs, on a stream of its own
+ * that it stops at the end. Bounded in rounds (ORB_EXPOSURE_MAX_ROUNDS) and
+ * in time (timeout_ms): it ends with an outcome, never a hang.
+ *
+ * filters: numbers 1..1024, filter_count of them; NULL and 0 for all.
+ * target: 1..4095, 0 for ORB_EXPOSURE_DEFAULT_TARGET; tolerance: 1..4095,
+ * 0 for ORB_EXPOSURE_DEFAULT_TOLERANCE_PERCENT of the target.
+ * Returns ORB_STREAM_OK with *result filled whenever a frame was measured,
+ * whatever the outcome; ORB_STREAM_ERR_TIMEOUT when the sensor sent no
+ * frame within a read's bound (ORB_EXPOSURE_READ_BOUND_MS, or what was left
+ * of timeout_ms); the stream's results otherwise.
+ *
+ * Beside duGetOptimalShutterSpeed, which keeps its own search. */
+
+enum orb_exposure_outcome {
+    ORB_EXPOSURE_ON_TARGET = 0,     /* within the tolerance, or as near as the shutter's steps allow */
+    ORB_EXPOSURE_TOO_DIM = 1,       /* below the target at the longest exposure: `level` says how far */
+    ORB_EXPOSURE_TOO_BRIGHT = 2,    /* saturated at the shortest exposure */
+    ORB_EXPOSURE_LIGHT_CHANGED = 3  /* the light did not hold still: the bound was reached off target */
+};
+
+#define ORB_EXPOSURE_DEFAULT_TARGET 3276 /* 80 % of full scale */
+#define ORB_EXPOSURE_DEFAULT_TOLERANCE_PERCENT 8
+#define ORB_EXPOSURE_MAX_ROUNDS 6
+#define ORB_EXPOSURE_READ_BOUND_MS 3000
+
+typedef struct orb_exposure_result {
+    int outcome;       /* enum orb_exposure_outcome */
+    int shutter_speed; /* chosen and set */
+    int level;         /* the brightest chosen filter at that shutter speed, DN */
+    int target;        /* the target and tolerance used */
+    int tolerance;
+    int rounds;        /* shutter speeds measured, the final one included */
+    int frames;        /* frames measured (fresh ones; those passed over after a change not counted) */
+    int elapsed_ms;
+} orb_exposure_result;
+
+ORB_EXPORT int orb_stream_auto_expose(int index, const int* filters, int filter_count, int target, int tolerance,
+                                      int timeout_ms, orb_exposure_result* result);
+/* A short English text for an outcome. */
+ORB_EXPORT const char* orb_exposure_outcome_text(int outcome);
 
 /* A short English text for a result of these calls. */
 ORB_EXPORT const char* orb_stream_result_text(int result);

@@ -24,15 +24,15 @@ for d in /sys/bus/usb/devices/*; do
     plugged=1
   fi
 done
-bench=()
+emulator=()
 if [ "$plugged" = 0 ]; then
   echo "No sensor plugged in: using two emulated sensors looking at a halogen lamp."
-  bench=("$ORB_EMULATE" --sensors 2 --scene halogen --)
+  emulator=("$ORB_EMULATE" --sensors 2 --scene halogen --)
 fi
-sensor=("${bench[@]}" "$top/tools/orb-sensor")
+sensor=("${emulator[@]}" "$top/tools/orb-sensor")
 "${sensor[@]}" list
 "${sensor[@]}" acquire --auto-exposure -n 10 -o frame.csv --plot frame.png
-echo "Wrote $PWD/frame.csv (filter,value) and $PWD/frame.png."
+echo "Wrote $PWD/frame.csv (a row of 1024 values after the settings) and $PWD/frame.png."
 if [ "$plugged" = 0 ]; then
   echo "Live view in the browser: $top/tools/orb-sensor --emulate 1 view --open"
 else

@@ -145,11 +145,14 @@ TEST(StreamFaults, StalledFrameEndpointEndsTheStreamWithTheSensorStillThere) {
     });
     ASSERT_TRUE(outcome);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "bulk data transfer status 4?\n");
-    EXPECT_EQ(outcome->result, ORB_STREAM_ERR_ENDED);
+    EXPECT_EQ(outcome->result, ORB_STREAM_ERR_STALLED);
     EXPECT_LT(outcome->took.count(), 1100);
     EXPECT_EQ(orb_sensor_present(0), ORB_STREAM_OK);
-    EXPECT_ANSWERS_WITHIN(0, ORB_STREAM_ERR_ENDED, orb_stream_stop(0, 1000));
-    every_call_answers_at_once(ORB_STREAM_ERR_ENDED);
+    EXPECT_ANSWERS_WITHIN(0, ORB_STREAM_ERR_STALLED, orb_stream_stop(0, 1000));
+    every_call_answers_at_once(ORB_STREAM_ERR_STALLED);
+    orb_frame_activity a{};
+    EXPECT_EQ(orb_frame_activity_get(0, &a), ORB_STREAM_ERR_STALLED);
+    EXPECT_GT(a.completed, 0u);
     disconnect();
 }
 
@@ -161,6 +164,11 @@ TEST(StreamFaults, StartRequestThatStallsOrIsNeverAnswered) {
     s.no_reply(70);
     EXPECT_ANSWERS_WITHIN(300, ORB_STREAM_ERR_TIMEOUT, orb_stream_start(0, 0, 300));
     EXPECT_ANSWERS_WITHIN(300, ORB_STREAM_ERR_TIMEOUT, orb_single_shot(0, filters(), 1, 300));
+    // Refused, the single shot waits its time for frames that may still
+    // come, and then says it was refused.
+    s.clear_faults();
+    s.stall(70);
+    EXPECT_ANSWERS_WITHIN(300, ORB_STREAM_ERR_USB, orb_single_shot(0, filters(), 1, 300));
     // A sensor that answers nothing at all: the settings read times out.
     s.clear_faults();
     s.hang();
@@ -219,6 +227,73 @@ TEST(StreamFaults, ShortFrameIsCountedLostAndNeverDelivered) {
     EXPECT_EQ(st.short_frames, 1u);
     EXPECT_EQ(st.lost, 1u);
     EXPECT_EQ(orb_stream_stop(0, 1000), ORB_STREAM_OK);
+}
+
+// Counter frames: every filter of a frame holds its number, so an average
+// of whole frames is the same in every filter and one holding a short frame
+// (its tail unpacked as zeros) is not.
+TEST(StreamFaults, SingleShotDropsAShortFrameAndAveragesWholeOnesOnly) {
+    orbsim::Sensor& s = connected();
+    s.set_frame_period(5ms);
+    // Frames 1 and 2 of the single shot's stream are passed over; 5 is
+    // among the ten averaged.
+    s.short_frame(1000, 5);
+    auto outcome = within(5000ms, [] { return orb_single_shot(0, filters(), 10, 3000); });
+    ASSERT_TRUE(outcome);
+    ASSERT_EQ(outcome->result, ORB_STREAM_OK) << orb_stream_result_text(outcome->result);
+    const double* v = filters();
+    EXPECT_EQ(v[0], v[1023]);
+    EXPECT_EQ(v[499], v[500]);
+    // Ten consecutive frames after the two passed over.
+    EXPECT_EQ(v[0] - static_cast<int>(v[0]), 0.5);
+    orb_frame_activity a{};
+    ASSERT_EQ(orb_frame_activity_get(0, &a), ORB_STREAM_OK);
+    EXPECT_EQ(a.short_frames, 1u);
+    EXPECT_EQ(a.dropped_short, 1u);
+    EXPECT_LT(a.idle_ms, 1000u);
+    // The layer's next single shot is whole too, and drops nothing.
+    EXPECT_ANSWERS_WITHIN(2000, ORB_STREAM_OK, orb_single_shot(0, filters(), 4, 2000));
+    EXPECT_EQ(filters()[0], filters()[1023]);
+    ASSERT_EQ(orb_frame_activity_get(0, &a), ORB_STREAM_OK);
+    EXPECT_EQ(a.dropped_short, 1u);
+}
+
+TEST(StreamFaults, SingleShotWithNoTimeToReplaceAShortFrameSaysSo) {
+    orbsim::Sensor& s = connected();
+    // Frames 3 to 5 are due by about 0.6 s, their replacements (two passed
+    // over, three averaged) 0.5 s later: the time-out falls between.
+    s.set_frame_period(100ms);
+    s.short_frame(1000, 4);
+    EXPECT_ANSWERS_WITHIN(850, ORB_STREAM_ERR_SHORT_FRAME, orb_single_shot(0, filters(), 3, 850));
+    EXPECT_STREQ(orb_stream_result_text(ORB_STREAM_ERR_SHORT_FRAME),
+                 "frames came short and were not replaced in time");
+}
+
+TEST(StreamFaults, FrameActivityTellsASilentSensorFromAWorkingOne) {
+    orbsim::Sensor& s = connected();
+    s.set_frame_period(2ms);
+    orb_frame_activity a{};
+    EXPECT_EQ(orb_frame_activity_get(0, nullptr), ORB_STREAM_ERR_INVALID);
+    EXPECT_EQ(orb_frame_activity_get(1, &a), ORB_STREAM_ERR_NOT_CONNECTED);
+    ASSERT_EQ(orb_single_shot(0, filters(), 2, 1000), ORB_STREAM_OK);
+    ASSERT_EQ(orb_frame_activity_get(0, &a), ORB_STREAM_OK);
+    const uint64_t before = a.completed;
+    EXPECT_GE(before, 4u);
+    // At shutter speed 1 the library's pauses are short: a working sensor
+    // is heard from within about two seconds.
+    EXPECT_GT(a.patience_ms, 1000u);
+    EXPECT_LT(a.patience_ms, 2500u);
+    s.hang();
+    std::this_thread::sleep_for(300ms);
+    ASSERT_EQ(orb_frame_activity_get(0, &a), ORB_STREAM_OK);
+    EXPECT_EQ(a.completed, before);
+    EXPECT_GE(a.idle_ms, 250u);
+    // A longer exposure is given more patience.
+    s.clear_faults();
+    ASSERT_EQ(orb_stream_set_shutter_speed(0, 900, 2000), ORB_STREAM_OK);
+    orb_frame_activity longer{};
+    ASSERT_EQ(orb_frame_activity_get(0, &longer), ORB_STREAM_OK);
+    EXPECT_GT(longer.patience_ms, a.patience_ms + 2000);
 }
 
 // At the sensor's pace (594 frames/s, fewer on a loaded machine or under

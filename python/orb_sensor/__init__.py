@@ -20,7 +20,8 @@ and orb_sensor.tango are front ends built on this face alone.
 __version__ = "1.0.0"
 
 from .errors import (ERROR_CODE_NAMES, NoSensorError, OrbError, OrbTypeError,  # noqa: E402
-                     OrbValueError, SensorLostError, SensorTimeoutError)
+                     OrbValueError, SensorLostError, SensorRefusedError, SensorStalledError,
+                     SensorTimeoutError)
 from .facts import DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, NUM_FILTERS  # noqa: E402
 from .frame import Frame  # noqa: E402
 from .led import LedModule, NoLedModuleError  # noqa: E402
@@ -28,5 +29,6 @@ from .sensor import Sensor  # noqa: E402
 from .stream import Stream  # noqa: E402
 
 __all__ = ["Sensor", "Stream", "Frame", "OrbError", "NoSensorError", "SensorLostError", "SensorTimeoutError",
+           "SensorStalledError", "SensorRefusedError",
            "OrbValueError", "OrbTypeError", "ERROR_CODE_NAMES", "LedModule", "NoLedModuleError",
            "DEFAULT_MASTER_CLOCK_MHZ", "MAX_VALUE", "NUM_FILTERS", "__version__"]

@@ -72,8 +72,21 @@ class SensorLostError(OrbError):
 
 
 class SensorTimeoutError(OrbError):
-    """The sensor did not answer within the time-out. The next call starts
-    afresh; if the sensor stays silent, replug it."""
+    """The sensor is on the bus but not answering within the time-out. The
+    next call starts the library afresh (as a replug would) and gets frames
+    again once the sensor answers; replug it only if it stays silent."""
+
+
+class SensorStalledError(SensorTimeoutError):
+    """The sensor's frame endpoint stalled; the sensor is still on the bus.
+    The call was retried in a fresh library process once; the next call
+    tries again. Clear the stall (a power cycle of the sensor's firmware);
+    replug only if it persists."""
+
+
+class SensorRefusedError(OrbError):
+    """The sensor refused a request (it stalled it): it is on the bus and
+    answering, but said no. The next call asks again."""
 
 
 class OrbValueError(OrbError, ValueError):

@@ -10,6 +10,9 @@ NUM_FILTERS = 1024
 MAX_VALUE = 4095
 
 SHUTTER_SPEED_LIMITS: Tuple[int, int] = (1, 3000)
+# The LED module answers the identity request with zero bytes: the library
+# lists it among the sensors under this ID; it is no sensor.
+LED_MODULE_ID = "A0-0-0-0-0"
 ADC_GAIN_LIMITS: Tuple[int, int] = (0, 1)
 ADC_RANGE_LIMITS: Tuple[int, int] = (0, 255)
 # The sensor writes the blank time as the shutter speed plus this with

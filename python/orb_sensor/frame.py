@@ -48,6 +48,12 @@ class Frame:
         self.sensor_id = sensor_id
         self.dark_corrected = dark_corrected
 
+    def per_ms(self) -> "Frame":
+        """This frame with its values in DN per millisecond of exposure."""
+        out = Frame(self.values / self.exposure_ms, self.seq, self.timestamp, self.shutter_speed, self.adc,
+                    self.saturated, self.lost, self.averages, self.sensor_id, self.dark_corrected)
+        return out
+
     def metadata(self) -> Dict[str, Any]:
         """The frame's bookkeeping as plain Python values (for JSON and CSV)."""
         return {"seq": int(self.seq), "timestamp": float(self.timestamp),

@@ -15,8 +15,9 @@ import numpy as np
 from . import checks
 from ._process import supervisor, usb_nodes
 from .errors import NoSensorError, OrbTypeError, OrbValueError, SensorLostError
-from .facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, MAX_VALUE,
-                    SHUTTER_SPEED_LIMITS, blank_time, exposure_ms, frame_period_s, shutter_speed_for)
+from .exposure import LIGHT_CHANGED, ON_TARGET, TOO_BRIGHT, TOO_DIM, AutoExposure, format_ms
+from .facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, LED_MODULE_ID,
+                    MAX_VALUE, SHUTTER_SPEED_LIMITS, blank_time, exposure_ms, frame_period_s, shutter_speed_for)
 from .frame import Frame, saturated_filters
 from .stream import Stream
 
@@ -27,16 +28,25 @@ ACQUISITION_MARGIN_S = 2.0
 # How much longer than its own time-out a call may take: the worker's
 # answer on its way back.
 REPLY_MARGIN_S = supervisor.GRACE_S
-# The library's auto-exposure search takes up to a few dozen acquisitions.
-AUTO_EXPOSE_TIMEOUT_S = 60.0
+# The stream layer's auto-exposure ends within a few seconds on any light
+# (its rounds are bounded); this bounds it on a sensor that stops answering.
+AUTO_EXPOSE_TIMEOUT_S = 10.0
 DARK_AVERAGES = 16
+
+
+# The single shot settles after each of its requests for about 0.6 of the
+# exposure's ticks in microseconds (the link's pause for a shutter speed);
+# a read makes up to this many such pauses.
+SINGLE_SHOT_SETTLES = 6
 
 
 def acquisition_timeout_s(averages: int, shutter_speed: Optional[int] = None) -> float:
     """The time-out read() gives `averages` frames at a shutter speed (the
-    longest when not given): twice their time, and a margin."""
-    frame_s = frame_period_s(shutter_speed or SHUTTER_SPEED_LIMITS[1])
-    return ACQUISITION_MARGIN_S + 2 * averages * frame_s
+    longest when not given): twice their time, the single shot's settling
+    pauses, and a margin."""
+    shutter = shutter_speed or SHUTTER_SPEED_LIMITS[1]
+    settle_s = exposure_ms(shutter) * 0.6 / 1000
+    return ACQUISITION_MARGIN_S + 2 * averages * frame_period_s(shutter) + SINGLE_SHOT_SETTLES * settle_s
 
 class Sensor:
     """One attached sensor, by index (0 upward, in the order the sensors
@@ -63,7 +73,9 @@ class Sensor:
             id = checks.sensor_id(id)
         else:
             position = checks.integer("index", 0 if index is None else index, 0, 1023)
-        ids = self._supervisor.connected_ids()
+        if id == LED_MODULE_ID:
+            raise OrbValueError(f"{id} is the LED module, not a sensor")
+        ids = self.list()
         if not ids:
             raise NoSensorError()
         if id is None:
@@ -80,12 +92,21 @@ class Sensor:
         self._id = id
         self._lock = self._supervisor.sensor_lock(id)
         self._open = True
-        self.dark_frame: Optional[np.ndarray] = None
+        # Dark frames by the shutter speed they were taken at: one is
+        # subtracted only from frames of its own exposure.
+        self._darks: Dict[int, np.ndarray] = {}
         self._dark_correction = False
 
     @staticmethod
     def list() -> List[str]:
-        """The IDs of the attached sensors, in index order; empty when none."""
+        """The IDs of the attached sensors, in index order; empty when none.
+        The LED module, which the library lists among them, is left out."""
+        return [i for i in supervisor.shared().connected_ids() if i != LED_MODULE_ID]
+
+    @staticmethod
+    def bus_ids() -> List[str]:
+        """The IDs of every device the library connected, the LED module's
+        (LED_MODULE_ID) included."""
         return supervisor.shared().connected_ids()
 
     # Hooks for a front end that keeps sensors for long (the Tango device):
@@ -144,7 +165,7 @@ class Sensor:
     @property
     def index(self) -> Optional[int]:
         """The sensor's index among the sensors connected now."""
-        ids = self._supervisor.ids
+        ids = [i for i in self._supervisor.ids if i != LED_MODULE_ID]
         return ids.index(self._id) if self._id in ids else None
 
     # Settings.
@@ -251,9 +272,10 @@ class Sensor:
             timeout = self._acquisition_timeout(averages, timeout, settings["shutter_speed"])
             values = self._request("read", averages, timeout=timeout)
         saturated = saturated_filters(values[np.newaxis])
-        corrected = self._dark_correction and self.dark_frame is not None
+        dark = self.dark_for(settings["shutter_speed"])
+        corrected = dark is not None
         if corrected:
-            values = values - self.dark_frame
+            values = values - dark
         return Frame(values, seq=0, timestamp=time.time(), shutter_speed=settings["shutter_speed"],
                      adc=(settings["adc_gain"], settings["adc_range"]), saturated=saturated,
                      averages=averages, sensor_id=self._id, dark_corrected=corrected)
@@ -295,48 +317,77 @@ class Sensor:
     # Auto-exposure and dark.
 
     def auto_expose(self, target: Optional[int] = None, filters: Optional[Iterable[int]] = None,
-                    timeout: float = AUTO_EXPOSE_TIMEOUT_S) -> Tuple[int, float]:
-        """Searches the shutter speed that puts the brightest filters (of
-        `filters`, numbers 1..1024; default all valid ones) at `target` DN
-        (default: the library's), sets it, and returns (shutter speed,
-        exposure in ms)."""
+                    timeout: float = AUTO_EXPOSE_TIMEOUT_S) -> AutoExposure:
+        """Searches the shutter speed (1 to 3000) that puts the brightest of
+        `filters` (numbers 1..1024; default all) at `target` DN (default
+        3276, 80% of full scale), sets it and says how it ended: an
+        AutoExposure whose `outcome` is "on target", "too dim", "too bright"
+        or "light changed" (message() words it for a user). Ends within a
+        few seconds on any light; a sensor that stops answering raises
+        SensorTimeoutError within a read's bound. Stop a running Stream
+        first."""
         if target is not None:
             target = checks.target(target)
         chosen = [] if filters is None else checks.filters(filters)
         timeout = checks.timeout(timeout)
         with self._lock:
             found = self._request("auto_expose", chosen, target, timeout=timeout, watch=True)
-            self._supervisor.remember(self._id, "set_shutter", (found,))
-            self._learn(shutter_speed=found, blank_time=blank_time(found))
-        return found, exposure_ms(found)
+            shutter = found["shutter_speed"]
+            self._supervisor.remember(self._id, "set_shutter", (shutter,))
+            self._learn(shutter_speed=shutter, blank_time=blank_time(shutter))
+        outcome = {"ON_TARGET": ON_TARGET, "TOO_DIM": TOO_DIM, "TOO_BRIGHT": TOO_BRIGHT,
+                   "LIGHT_CHANGED": LIGHT_CHANGED}[found["outcome"]]
+        return AutoExposure(outcome, shutter, found["level"], found["target"], found["tolerance"],
+                            found["rounds"], found["frames"], found["elapsed_ms"] / 1000)
 
     def optimal_shutter_speed(self, filters: Optional[Iterable[int]] = None,
                               target: Optional[int] = None) -> int:
         """auto_expose()'s shutter speed."""
-        return self.auto_expose(target=target, filters=filters)[0]
+        return self.auto_expose(target=target, filters=filters).shutter_speed
 
     def dark(self, averages: int = DARK_AVERAGES, timeout: Optional[float] = None) -> np.ndarray:
-        """Takes a dark frame at the shortest exposure (cover the sensor
-        first), keeps it for dark_correction and returns it; the shutter
-        speed is put back afterwards."""
+        """Takes a dark frame at the current exposure (cover the sensor
+        first), keeps it for dark_correction of frames of that exposure and
+        returns it. Darks of other exposures are kept too."""
         with self._lock:
-            shutter = self.shutter_speed
-            self.shutter_speed = SHUTTER_SPEED_LIMITS[0]
+            correction, self._dark_correction = self._dark_correction, False
             try:
-                correction, self._dark_correction = self._dark_correction, False
-                try:
-                    frame = self.read(averages, timeout)
-                finally:
-                    self._dark_correction = correction
+                frame = self.read(averages, timeout)
             finally:
-                self.shutter_speed = shutter
-        self.dark_frame = frame.values
+                self._dark_correction = correction
+        self._darks[frame.shutter_speed] = frame.values
         return frame.values
 
     @property
+    def dark_frame(self) -> Optional[np.ndarray]:
+        """The dark frame of the current exposure, None when none was taken
+        at it. Asks the sensor nothing (a front end reads it for its status,
+        also while the sensor is away): None while its settings are unknown."""
+        known = self._supervisor.known(self._id)
+        return None if not known else self._darks.get(known["shutter_speed"])
+
+    def dark_shutter_speeds(self) -> List[int]:
+        """The shutter speeds a dark frame was taken at."""
+        return sorted(self._darks)
+
+    def dark_for(self, shutter_speed: int) -> Optional[np.ndarray]:
+        """The dark frame to subtract from a frame of `shutter_speed`: None
+        when dark_correction is off. With it on, a frame of an exposure no
+        dark frame was taken at is refused (OrbValueError), never corrected
+        with the dark of another exposure."""
+        if not self._dark_correction:
+            return None
+        dark = self._darks.get(shutter_speed)
+        if dark is None:
+            raise OrbValueError(f"dark correction is on but no dark frame was taken at shutter speed "
+                                f"{shutter_speed} ({format_ms(exposure_ms(shutter_speed))} ms): take one "
+                                "with dark() at this exposure, or switch dark_correction off")
+        return dark
+
+    @property
     def dark_correction(self) -> bool:
-        """When on, read() and stream() subtract the dark frame (dark()
-        must have been taken)."""
+        """When on, read() and stream() subtract the dark frame of each
+        frame's exposure (dark() must have been taken at the current one)."""
         return self._dark_correction
 
     @dark_correction.setter
@@ -344,6 +395,5 @@ class Sensor:
         if not isinstance(on, (bool, np.bool_)):
             raise OrbTypeError(f"dark_correction must be True or False, not {on!r}")
         if on and self.dark_frame is None:
-            raise OrbValueError("dark_correction needs a dark frame: call dark() first")
+            raise OrbValueError("dark_correction needs a dark frame at the current exposure: call dark() first")
         self._dark_correction = bool(on)
-

@@ -10,7 +10,7 @@ import numpy as np
 
 from . import checks
 from ._stream.grouping import Grouper
-from .errors import OrbError, SensorLostError, SensorTimeoutError
+from .errors import OrbError, SensorLostError, SensorStalledError, SensorTimeoutError
 from .frame import Frame
 
 if TYPE_CHECKING:
@@ -24,7 +24,9 @@ MAX_RESUMES = 3
 RESUME_WINDOW_S = 30.0
 # A wait for frames looks this often whether interrupt() was called.
 INTERRUPT_POLL_S = 0.1
-_FAILURES = {"lost": SensorLostError, "timeout": SensorTimeoutError}
+_FAILURES = {"lost": SensorLostError, "timeout": SensorTimeoutError, "stalled": SensorStalledError}
+_STALL_ADVICE = ("; the next iteration retries it in a fresh library process: clear the stall "
+                 "(replug only if it persists)")
 
 
 def unix_time(monotonic_ns: int) -> float:
@@ -177,8 +179,12 @@ class Stream:
             except queue.Empty:
                 waited += wait
                 if waited >= self._timeout:
-                    raise SensorTimeoutError(f"no frame from sensor {self.sensor_id} within "
-                                             f"{self._timeout:g} s") from None
+                    # The frame transfer may be held by the sensor for good
+                    # (the link cannot resubmit it): the next iteration
+                    # starts in a fresh library process, as after a replug.
+                    self._handle.ended()
+                    raise SensorTimeoutError(f"sensor {self.sensor_id} is not answering: no frame within "
+                                             f"{self._timeout:.1f} s (it is still on the bus)") from None
                 continue
             if kind == "frames":
                 return payload
@@ -198,7 +204,8 @@ class Stream:
         now = time.monotonic()
         self._resumes = [t for t in self._resumes if now - t < RESUME_WINDOW_S]
         if failure[0] not in ("ended", "restart") or len(self._resumes) >= MAX_RESUMES:
-            raise _FAILURES.get(failure[0], OrbError)(f"sensor {self.sensor_id}: {failure[1]}")
+            advice = _STALL_ADVICE if failure[0] == "stalled" else ""
+            raise _FAILURES.get(failure[0], OrbError)(f"sensor {self.sensor_id}: {failure[1]}{advice}")
         self._resumes.append(now)
         self._handle.stop(STOP_TIMEOUT_S)
         self._handle = None
@@ -206,9 +213,8 @@ class Stream:
         self._grouper.restart(stopped=False)
         self._start()
 
-    def _dark(self) -> Optional[np.ndarray]:
-        sensor = self._sensor
-        return sensor.dark_frame if sensor.dark_correction else None
+    def _dark(self, shutter_speed: int) -> Optional[np.ndarray]:
+        return self._sensor.dark_for(shutter_speed)
 
     # Ending it.
 

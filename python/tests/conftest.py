@@ -51,8 +51,17 @@ def run_python():
 
 @pytest.fixture
 def orb_sensor(tmp_path):
-    """orb_sensor(*args): the tool's process, run from a scratch directory."""
-    def run(*args, stderr=subprocess.PIPE):
-        return _bounded([PYTHON, os.path.join(REPO, "tools", "orb-sensor"), *args], 300,
-                        env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=stderr, text=True)
+    """orb_sensor(*args): the tool's process, run from a scratch directory;
+    with emulate_scene, under one emulated sensor looking at that light, or
+    with emulate, under orb-emulate with those options (args then without
+    --emulate)."""
+    def run(*args, stderr=subprocess.PIPE, emulate_scene=None, emulate=None):
+        tool = [PYTHON, os.path.join(REPO, "tools", "orb-sensor")]
+        if emulate_scene is not None:
+            emulate = ["--sensors", "1", "--scene", emulate_scene]
+        if emulate is not None:
+            tool = [EMULATE, *emulate, "--", *tool]
+            args = tuple(a for a in args if a != "--emulate")
+        return _bounded([*tool, *args], 300, env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=stderr,
+                        text=True)
     return run

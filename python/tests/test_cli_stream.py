@@ -14,9 +14,9 @@ from conftest import EMULATE, PYTHON, REPO, _env
 TOOL = os.path.join(REPO, "tools", "orb-sensor")
 
 
-def bench(tmp_path, script, sensors=1):
-    """Runs a shell script under one bench; $T is the tool, ctl the
-    bench's control."""
+def under_emulator(tmp_path, script, sensors=1):
+    """Runs a shell script under one emulator; $T is the tool, ctl the
+    emulator's control channel."""
     # Job control, so that a job put in the background still takes Ctrl-C;
     # `recording F` waits until F holds frames, however long connecting takes.
     prelude = (f'set -m; T="{PYTHON} {TOOL}"; ctl() {{ "{EMULATE}" ctl "$@" >/dev/null; }}\n'
@@ -36,7 +36,7 @@ def test_stream_writes_every_frame_with_its_metadata(orb_sensor):
     assert [f["seq"] for f in frames] == list(range(frames[0]["seq"], frames[0]["seq"] + 40))
     assert all(len(f["filter_data"]) == 1024 and f["lost"] == 0 for f in frames)
 
-    result = orb_sensor("--emulate", "stream", "--seconds", "0.5", "-n", "4", "-o", "-")
+    result = orb_sensor("--emulate", "stream", "--seconds", "0.5", "-n", "4", "--shutter", "1", "-o", "-")
     assert result.returncode == 0, result.stderr
     rows = result.stdout.splitlines()
     assert rows[0].startswith("# ") and any(r == "# averages: 4" for r in rows)
@@ -46,7 +46,7 @@ def test_stream_writes_every_frame_with_its_metadata(orb_sensor):
 
 
 def test_record_holds_every_frame_and_a_closed_pipe_is_quiet(orb_sensor, tmp_path):
-    result = orb_sensor("--emulate", "record", "-o", "run.h5", "--frames", "300")
+    result = orb_sensor("--emulate", "record", "-o", "run.h5", "--frames", "300", "--shutter", "1")
     assert result.returncode == 0, result.stderr
     assert "run.h5: 300 frame(s)" in result.stderr
     with h5py.File(tmp_path / "run.h5") as f:
@@ -56,14 +56,14 @@ def test_record_holds_every_frame_and_a_closed_pipe_is_quiet(orb_sensor, tmp_pat
         assert entry["data/filter_data"].shape == (300, 1024)
         assert (np.diff(seq) == 1).all()
 
-    piped = subprocess.run(f'{PYTHON} {TOOL} --emulate stream | head -n 3; echo "${{PIPESTATUS[0]}}"',
+    piped = subprocess.run(f'{PYTHON} {TOOL} --emulate stream --shutter 1 | head -n 3; echo "${{PIPESTATUS[0]}}"',
                            shell=True, executable="/bin/bash", env=_env(), cwd=tmp_path,
                            capture_output=True, text=True, timeout=60)
     assert piped.stdout.splitlines()[-1] == "0" and piped.stderr == ""
 
 
 def test_unplug_mid_record_leaves_a_file_with_every_frame_before_it(tmp_path):
-    result = bench(tmp_path, r"""
+    result = under_emulator(tmp_path, r"""
 $T record -o cut.h5 2>err.txt & pid=$!
 recording cut.h5; ctl unplug 0; start=$EPOCHREALTIME
 wait $pid; echo "status $?"; awk "BEGIN { print \"after\", $EPOCHREALTIME - $start }"
@@ -84,7 +84,7 @@ cat err.txt
 
 
 def test_ctrl_c_stops_a_recording_and_a_silent_sensor_times_out(tmp_path):
-    result = bench(tmp_path, r"""
+    result = under_emulator(tmp_path, r"""
 $T record -o run.h5 2>err.txt & pid=$!
 recording run.h5; kill -INT $pid; start=$EPOCHREALTIME
 wait $pid; echo "status $?"; awk "BEGIN { print \"after\", $EPOCHREALTIME - $start }"
@@ -120,3 +120,24 @@ def test_bad_input_exits_2_naming_it(orb_sensor, args, named):
     assert result.returncode == 2, result.stderr
     assert named in result.stderr and "Traceback" not in result.stderr
     assert result.stdout == ""
+
+
+def test_stream_and_record_without_an_exposure_auto_expose_once_and_say_so(orb_sensor, tmp_path):
+    result = orb_sensor("--emulate", "record", "-o", "run.h5", "--seconds", "2", emulate_scene="halogen")
+    assert result.returncode == 0, result.stderr
+    assert "auto-exposing once at the start" in result.stderr
+    assert "auto-exposure on target" in result.stderr
+    with h5py.File(tmp_path / "run.h5") as f:
+        entry = f["entry"]
+        assert entry.attrs["exposure_set_by"] == "auto-exposure at the start (default)"
+        assert entry.attrs["auto_exposure_outcome"] == "on target"
+        peaks = entry["data/filter_data"][:].max(axis=1)
+        assert len(peaks) > 3 and ((0.5 * 4095 < peaks) & (peaks < 0.9 * 4095)).all()
+
+    result = orb_sensor("--emulate", "stream", "--frames", "2", "--per-ms", emulate_scene="dark")
+    assert result.returncode == 0, result.stderr
+    assert "auto-exposure warning: too dim even at the longest exposure" in result.stderr
+    assert '# exposure_set_by: "auto-exposure at the start (default)"' in result.stdout
+    assert '# units: "DN/ms"' in result.stdout
+    row = result.stdout.splitlines()[-1].split(",")
+    assert row[2] == "3000" and float(row[-1]) < 1  # DN per ms at 273.616 ms

@@ -137,7 +137,7 @@ def test_view_tango_and_record_count_the_same_frames_of_one_stream(run_python, t
     import os
     os.environ["WORK"] = str(tmp_path)
     try:
-        result = run_python(1, SCRIPT, "--frames", "counter", "--control", str(tmp_path / "bench"))
+        result = run_python(1, SCRIPT, "--frames", "counter", "--control", str(tmp_path / "control"))
     finally:
         del os.environ["WORK"]
     assert result.returncode == 0, result.stdout + result.stderr

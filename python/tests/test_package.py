@@ -65,3 +65,38 @@ def test_no_sensor_lists_nothing_and_refuses_to_open(run_python):
                            "try:\n    Sensor()\nexcept NoSensorError as e:\n    print(e.name)\n")
     assert result.returncode == 0, result.stderr
     assert result.stdout.split() == ["vn_ec_no_device_in_system"]
+
+
+DARKS_PER_EXPOSURE = """
+import numpy as np
+from orb_sensor import OrbValueError, Sensor
+
+with Sensor() as s:
+    s.shutter_speed = 100
+    dark_100 = s.dark(averages=2)
+    s.dark_correction = True
+    assert s.read().dark_corrected and s.dark_shutter_speeds() == [100]
+    s.shutter_speed = 400                   # no dark at 400: refused, never the dark of 100
+    assert s.dark_frame is None
+    for call in (s.read, lambda: next(iter(s.stream(frames=1)))):
+        try:
+            call()
+            raise AssertionError("a frame at 400 was corrected with another exposure's dark")
+        except OrbValueError as e:
+            assert "no dark frame was taken at shutter speed 400 (36.496 ms)" in str(e), e
+    s.dark_correction = False
+    dark_400 = s.dark(averages=2)
+    s.dark_correction = True
+    frame = s.read()
+    assert frame.dark_corrected and s.dark_shutter_speeds() == [100, 400]
+    assert dark_400.mean() > dark_100.mean()  # the dark current grows with the exposure
+    per_ms = frame.per_ms()
+    assert np.allclose(per_ms.values * 36.496, frame.values)
+print("checked")
+"""
+
+
+def test_darks_are_kept_and_subtracted_per_exposure(run_python):
+    result = run_python(1, DARKS_PER_EXPOSURE, "--scene", "dark")
+    assert result.returncode == 0, result.stderr
+    assert result.stdout == "checked\n"

@@ -1,4 +1,4 @@
-"""The package against faults of the bench: every call ends within its
+"""The package against faults of the emulated sensor: every call ends within its
 time-out, and the same Sensor works again after a replug. Each scenario
 runs in a process of its own under orb-emulate, driven through its
 control socket."""
@@ -78,6 +78,9 @@ except SensorTimeoutError:
 ctl("clear", "0")
 s.read()
 ctl("fault", "0", "hang")
+# After a read's time-out the next call connects afresh (its frame transfer
+# may be held for good), which a silent sensor makes wait the connect's
+# bound: 2.5 s for one sensor.
 for call in (lambda: s.read(timeout=1.0), lambda: setattr(s, "shutter_speed", 40),
              lambda: next(iter(s.stream(timeout=1.0)))):
     t = time.monotonic()
@@ -85,7 +88,14 @@ for call in (lambda: s.read(timeout=1.0), lambda: setattr(s, "shutter_speed", 40
         call()
         raise SystemExit("a silent sensor answered")
     except SensorTimeoutError:
-        assert took(t) < 2.5, took(t)
+        assert took(t) < 3.5, took(t)
+# The auto-exposure says so within a read's bound (3 s), not a minute.
+t = time.monotonic()
+try:
+    s.auto_expose()
+    raise SystemExit("a silent sensor was auto-exposed")
+except SensorTimeoutError:
+    assert took(t) < 5, took(t)
 ctl("clear", "0")
 print("read", len(s.read().values))
 """)
@@ -177,7 +187,7 @@ assert s.settings() == before
     assert message in out
 
 
-def test_every_bench_fault_ends_in_a_clear_error_in_time_and_a_replug_recovers(run_python):
+def test_every_emulated_fault_ends_in_a_clear_error_in_time_and_a_replug_recovers(run_python):
     out = run(run_python, 1, """
 from orb_sensor import OrbError
 s = Sensor()
@@ -194,9 +204,10 @@ for fault in faults:
             call()
         except OrbError as e:
             assert str(e), (fault, name)
-        # The longest bound: a read's 3 s and the second a request is
-        # given beyond it.
-        assert took(t) < 4.5, (fault, name, took(t))
+        # The longest bound: a read's 3 s, the second a request is given
+        # beyond it, and the fresh worker a failed read leaves behind; a
+        # user is told within 5 s.
+        assert took(t) < 5.0, (fault, name, took(t))
     ctl("unplug", "0")
     ctl("replug", "0")
     ctl("clear", "0")

@@ -9,14 +9,18 @@ import subprocess
 
 import pytest
 
-from orb_sensor._process.stream_abi import (FRAME_DTYPE, SETTINGS_DTYPE, STATS_DTYPE, STREAM_FILTERS,
-                                            STREAM_MAX_RING, STREAM_SATURATED, StreamResult)
+from orb_sensor._process import stream_abi
+from orb_sensor._process.stream_abi import (ACTIVITY_DTYPE, EXPOSURE_RESULT_DTYPE, FRAME_DTYPE, SETTINGS_DTYPE,
+                                            STATS_DTYPE, STREAM_FILTERS, STREAM_MAX_RING, STREAM_SATURATED,
+                                            ExposureOutcome, StreamResult)
 
 from conftest import REPO
 
 HEADER = os.path.join(REPO, "include", "orb_stream.h")
 STRUCTS = {"orb_stream_settings": SETTINGS_DTYPE, "orb_stream_frame": FRAME_DTYPE,
-           "orb_stream_stats": STATS_DTYPE}
+           "orb_stream_stats": STATS_DTYPE, "orb_frame_activity": ACTIVITY_DTYPE,
+           "orb_exposure_result": EXPOSURE_RESULT_DTYPE}
+EXPOSURE_CONSTANTS = ("DEFAULT_TARGET", "DEFAULT_TOLERANCE_PERCENT", "MAX_ROUNDS", "READ_BOUND_MS")
 
 
 def _c_name(python_name):
@@ -36,6 +40,10 @@ def header_facts(tmp_path_factory):
             lines.append(f'printf("sizeof {struct}.{field} %zu\\n", sizeof((({struct}*)0)->{field}));')
     for result in StreamResult:
         lines.append(f'printf("value {_c_name(result.name)} %d\\n", (int){_c_name(result.name)});')
+    for outcome in ExposureOutcome:
+        lines.append(f'printf("value ORB_EXPOSURE_{outcome.name} %d\\n", (int)ORB_EXPOSURE_{outcome.name});')
+    for name in EXPOSURE_CONSTANTS:
+        lines.append(f'printf("value ORB_EXPOSURE_{name} %d\\n", (int)ORB_EXPOSURE_{name});')
     for name in ("FILTERS", "SATURATED", "MAX_RING"):
         lines.append(f'printf("value ORB_STREAM_{name} %d\\n", (int)ORB_STREAM_{name});')
     work = tmp_path_factory.mktemp("abi")
@@ -71,6 +79,10 @@ def test_result_codes_and_constants_have_the_header_values(header_facts):
     assert (STREAM_FILTERS, STREAM_SATURATED, STREAM_MAX_RING) == (
         header_facts["value ORB_STREAM_FILTERS"], header_facts["value ORB_STREAM_SATURATED"],
         header_facts["value ORB_STREAM_MAX_RING"])
+    for outcome in ExposureOutcome:
+        assert int(outcome) == header_facts[f"value ORB_EXPOSURE_{outcome.name}"], outcome.name
+    for name in EXPOSURE_CONSTANTS:
+        assert getattr(stream_abi, "EXPOSURE_" + name) == header_facts[f"value ORB_EXPOSURE_{name}"], name
 
 
 def test_every_result_code_of_the_header_is_known():
@@ -78,6 +90,9 @@ def test_every_result_code_of_the_header_is_known():
         enum = re.search(r"enum orb_stream_result \{(.*?)\};", f.read(), re.S).group(1)
     names = set(re.findall(r"\bORB_STREAM_(\w+)\s*=", enum))
     assert names == {r.name for r in StreamResult}
+    with open(HEADER) as f:
+        enum = re.search(r"enum orb_exposure_outcome \{(.*?)\};", f.read(), re.S).group(1)
+    assert set(re.findall(r"\bORB_EXPOSURE_(\w+)\s*=", enum)) == {o.name for o in ExposureOutcome}
     # The fields of the records, in the header's order, are the package's.
     with open(HEADER) as f:
         text = f.read()

@@ -105,11 +105,13 @@ def test_numbers_go_on_after_a_stop_and_estimate_a_restart_under_the_stream():
     assert [(f.seq, f.lost) for f in out] == [(0, 0), (5, 4), (15, 9)] and holds_the_count(out)
 
 
-def test_the_dark_frame_is_subtracted_from_the_average():
-    dark = np.full(1024, 0.5)
-    g = Grouper(2, dark=lambda: dark)
+def test_the_dark_frame_of_the_frames_exposure_is_subtracted_from_the_average():
+    darks = {5: np.full(1024, 0.5), 400: np.full(1024, 2.0)}
+    g = Grouper(2, dark=lambda shutter: darks[shutter])
     [frame] = feed(g, [record(3), record(4)])
     assert frame.dark_corrected and (frame.values == 3.0).all()
+    [frame] = feed(g, [record(5, shutter=400), record(6, shutter=400)])
+    assert frame.dark_corrected and (frame.values == 3.5).all()
     g = Grouper(1, to_unix=lambda ns: 7.0)
     [frame] = feed(g, [record(3)])
     assert not frame.dark_corrected and frame.timestamp == 7.0 and (frame.values == 3.0).all()

@@ -1,4 +1,4 @@
-"""The Tango device server against the bench: each scenario runs its
+"""The Tango device server against the emulated sensor: each scenario runs its
 server (Tango's test contexts, no database, the server in a process of
 its own) and its client in a child process under orb-emulate.
 
@@ -24,7 +24,7 @@ def ctl(*words):
     out = subprocess.run([os.environ["ORB_EMULATE"], "ctl", *words], capture_output=True, text=True, timeout=10)
     assert out.stdout.strip().endswith("ok"), out.stdout
     return out.stdout
-def bench_shutter(n):
+def emulated_shutter(n):
     return int(ctl("status").splitlines()[n].split("shutter=")[1].split()[0])
 def wait_state(proxy, state, within):
     t = time.monotonic()
@@ -73,10 +73,10 @@ with one_device(SensorIndex=0) as proxy:
     assert proxy.FrameNumber == -1 and proxy.FramesLost == 0 and proxy.FramesMissed == 0
     assert proxy.FilterData is None
     proxy.ShutterSpeed = 120
-    assert (proxy.ShutterSpeed, bench_shutter(0)) == (120, 120)
+    assert (proxy.ShutterSpeed, emulated_shutter(0)) == (120, 120)
     assert abs(proxy.ExposureTime - exposure_ms(120)) < 1e-9
     proxy.ExposureTime = exposure_ms(700) + 0.01     # the nearest shutter speed
-    assert (proxy.ShutterSpeed, bench_shutter(0)) == (700, 700)
+    assert (proxy.ShutterSpeed, emulated_shutter(0)) == (700, 700)
     proxy.AdcGain, proxy.AdcRange, proxy.Averages = 0, 90, 7
     assert (proxy.AdcGain, proxy.AdcRange, proxy.Averages) == (0, 90, 7)
     assert proxy.DarkCorrection is False
@@ -84,7 +84,7 @@ with one_device(SensorIndex=0) as proxy:
     for name, value in [("ShutterSpeed", 3001), ("ShutterSpeed", 0), ("ExposureTime", 0.05),
                         ("ExposureTime", 300.0), ("Averages", 0), ("AdcGain", 2), ("AdcRange", 256)]:
         print(*refused(lambda: proxy.write_attribute(name, value)), sep="|")
-    assert (proxy.ShutterSpeed, bench_shutter(0), proxy.AdcRange, proxy.Averages) == (700, 700, 90, 7)
+    assert (proxy.ShutterSpeed, emulated_shutter(0), proxy.AdcRange, proxy.Averages) == (700, 700, 90, 7)
 """, "--frames", "counter")
     lines = out
     assert lines[0] == "ORB_BadValue|DarkCorrection needs a dark frame: cover the sensor and run TakeDark first"
@@ -113,6 +113,7 @@ with one_device(SensorID="C1234-7-20-33-1") as proxy:
     assert len(set(corrected)) == 1 and corrected[0] < 4.0 and (proxy.FilterData == corrected).all()
     proxy.DarkCorrection = False
     assert set(proxy.Acquire()) == {4.0}
+    proxy.ShutterSpeed = 1                  # chosen: Start does not auto-expose
     proxy.Start()
     proxy.TakeDark()                        # the stream pauses for it and goes on
     assert proxy.state() == RUNNING and proxy.Acquire()[0] >= 3.0
@@ -123,7 +124,7 @@ with one_device(SensorID="C1234-7-20-33-1") as proxy:
     ctl("frames", "0", "light")
     proxy.set_timeout_millis(70000)
     shutter = proxy.AutoExpose(3000)
-    assert proxy.ShutterSpeed == shutter == bench_shutter(0), (shutter, proxy.ShutterSpeed)
+    assert proxy.ShutterSpeed == shutter == emulated_shutter(0), (shutter, proxy.ShutterSpeed)
     proxy.Averages = 1
     print("peak", max(proxy.Acquire()))
     assert proxy.SetLed([0, 2, 100]) == state_word([0, 2], 100)
@@ -236,13 +237,14 @@ with devices({"SensorID": "C1234-7-22-33-1"}, {"SensorIndex": 0}, {"SensorIndex"
     for proxy, shutter in zip(proxies, (300, 100, 200)):
         proxy.ShutterSpeed = shutter
         proxy.Start()
-    assert [bench_shutter(n) for n in range(3)] == [100, 200, 300]
+    assert [emulated_shutter(n) for n in range(3)] == [100, 200, 300]
     counts = [Values() for _ in proxies]
     events = [p.subscribe_event("FilterData", tango.EventType.CHANGE_EVENT, c) for p, c in zip(proxies, counts)]
     time.sleep(2)
     for proxy, event in zip(proxies, events):
         proxy.unsubscribe_event(event)
     assert all(len(c.values()) > 20 for c in counts), [len(c.values()) for c in counts]
+    number_before = proxies[0].FrameNumber
     ctl("unplug", "2")                      # the first device's sensor
     print("fault after", wait_state(proxies[0], FAULT, 2))
     print(proxies[0].status())
@@ -258,18 +260,21 @@ with devices({"SensorID": "C1234-7-22-33-1"}, {"SensorIndex": 0}, {"SensorIndex"
     assert [p.state() for p in proxies[1:]] == [RUNNING, RUNNING]
     ctl("replug", "2")
     print("running after", wait_state(proxies[0], RUNNING, 10))
-    assert bench_shutter(2) == 300          # put back after the replug
+    assert emulated_shutter(2) == 300          # put back after the replug
     got = Values()
     event = proxies[0].subscribe_event("FilterData", tango.EventType.CHANGE_EVENT, got)
     time.sleep(1.5)
     proxies[0].unsubscribe_event(event)
     assert len(got.values()) > 5
+    # The numbers go on after the replug, never from 0 again.
+    print("numbers go on", proxies[0].FrameNumber > number_before, proxies[0].FrameNumber, number_before)
     for proxy in proxies:
         proxy.Stop()
 """)
     text = "\n".join(out)
     assert "plug the sensor back in" in text and "The device finds it again by itself" in text
     assert "ORB_SensorLost|Sensor C1234-7-22-33-1 is not on the bus" in text
+    assert "numbers go on True" in text, text
 
 
 def test_idle_sensors_unplugged_silent_or_plugged_in_after_the_start(run_python):
@@ -298,8 +303,29 @@ with devices({"SensorIndex": 0}, {"SensorID": "C1234-7-21-33-1"}) as context:
 """)
     text = "\n".join(out)
     assert "Sensor C1234-7-21-33-1 is not on the bus: plug the sensor back in" in text
-    assert "Sensor C1234-7-20-33-1 does not answer: unplug it and plug it back in" in text
-    assert "ORB_SensorTimeout|Sensor C1234-7-20-33-1 does not answer" in text
+    assert "Sensor C1234-7-20-33-1 is on the bus but not answering" in text
+    assert "replug it only if it stays silent" in text
+    assert "ORB_SensorTimeout|Sensor C1234-7-20-33-1 is on the bus but not answering" in text
+
+
+def test_a_streaming_sensor_that_stops_answering_or_stalls_streams_again_once_cleared(run_python):
+    out = run(run_python, 1, """
+with one_device(SensorIndex=0) as proxy:
+    wait_state(proxy, ON, 20)
+    proxy.Start()
+    wait_state(proxy, RUNNING, 10)
+    for fault, words in ((["trickle", "64"], "is on the bus but not answering"),
+                         (["stall-bulk"], "its frame endpoint stalled")):
+        ctl("fault", "0", *fault)
+        print(fault[0], "fault after %.1f" % wait_state(proxy, FAULT, 5))
+        status = proxy.status()
+        assert words in status and "plug the sensor back in" not in status, status
+        ctl("clear", "0")
+        print(fault[0], "running after %.1f" % wait_state(proxy, RUNNING, 3.5))
+    proxy.Stop()
+""")
+    print("\n".join(out))  # the times measured, for pytest -s
+    assert [line.split()[0] for line in out if "after" in line] == ["trickle", "trickle", "stall-bulk", "stall-bulk"]
 
 
 def test_orb_tango_serves_the_devices_of_a_file_database(run_python, tmp_path):
@@ -334,3 +360,33 @@ finally:
     print("exit", server.wait(20))
 """)
     assert out[-2:] == ["C1234-7-21-33-1 C1234-7-20-33-1 1024", "exit 0"]
+
+
+def test_the_first_start_exposes_the_sensor_and_an_off_target_outcome_is_in_the_status(run_python):
+    out = run(run_python, 1, """
+with one_device(SensorIndex=0) as proxy:
+    wait_state(proxy, ON, 20)
+    assert proxy.AutoExposureOutcome == "" and emulated_shutter(0) == 1
+    proxy.set_timeout_millis(15000)
+    proxy.Start()                           # never a stream at shutter speed 1 by default
+    print(proxy.AutoExposureOutcome, proxy.ShutterSpeed == emulated_shutter(0))
+    print(proxy.status().splitlines()[-1])
+    proxy.Stop()
+""", "--scene", "halogen 0.01")
+    assert out[0] == "too dim True"
+    assert out[1].startswith("auto-exposure warning: too dim even at the longest exposure: shutter speed 3000")
+
+
+def test_a_start_exposure_from_the_properties_or_the_client_comes_first(run_python):
+    out = run(run_python, 1, """
+with one_device(SensorIndex=0, ExposureTimeAtStart=20.0) as proxy:
+    wait_state(proxy, ON, 20)
+    proxy.Start()
+    print(proxy.ShutterSpeed, emulated_shutter(0), repr(proxy.AutoExposureOutcome))
+    proxy.Stop()
+    proxy.ShutterSpeed = 40
+    proxy.Start()                           # a later Start keeps what the client chose
+    print(emulated_shutter(0))
+    proxy.Stop()
+""")
+    assert out == ["219 219 ''", "40"]

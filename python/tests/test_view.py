@@ -1,6 +1,6 @@
-"""orb-sensor view in headless Chromium against the bench: each test runs
+"""orb-sensor view in headless Chromium against the emulated sensor: each test runs
 its own `orb-emulate ... -- orb-sensor view --port 0`, reads the address
-it prints, drives the page and the bench's control socket, and leaves a
+it prints, drives the page and the emulator's control socket, and leaves a
 screenshot beside the view's log in its tmp directory."""
 
 import http.client
@@ -49,13 +49,13 @@ def wait_for(condition, seconds, what):
 
 
 class View:
-    """A bench with the view in it, and its control socket."""
+    """An emulator with the view in it, and its control socket."""
 
-    def __init__(self, tmp_path, name, bench=(), view=()):
+    def __init__(self, tmp_path, name, emulator=(), view=()):
         self.socket = str(tmp_path / f"{name}.sock")
         self.log = open(tmp_path / f"{name}.log", "w")
         self.process = subprocess.Popen(
-            [EMULATE, *bench, "--control", self.socket, "--", PYTHON, TOOL, "view", "--port", "0", *view],
+            [EMULATE, *emulator, "--control", self.socket, "--", PYTHON, TOOL, "view", "--port", "0", *view],
             env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=self.log)
         line, deadline = b"", time.monotonic() + START_S
         while not line.endswith(b"\n"):
@@ -112,8 +112,8 @@ def view(tmp_path):
     _browser_parts()
     views = []
 
-    def start(*bench, view=()):
-        views.append(View(tmp_path, f"view{len(views)}", bench, view))
+    def start(*emulator, view=()):
+        views.append(View(tmp_path, f"view{len(views)}", emulator, view))
         return views[-1]
     yield start
     for v in views:
@@ -193,7 +193,7 @@ def test_settings_on_the_page_reach_the_sensor_and_bad_ones_reach_nothing(view, 
     driver = page(v.url)
     wait_for(lambda: frame_number(driver), 15, "a first frame")
     enter(driver, "shutter_speed", 321)
-    wait_for(lambda: v.shutter() == 321, 5, "shutter=321 in the bench")
+    wait_for(lambda: v.shutter() == 321, 5, "shutter=321 in the emulator")
     enter(driver, "exposure_ms", 20)
     nearest = round((20 * 10000 - 160) / 912)          # (s x 912 + 160) ticks of 10 MHz
     wait_for(lambda: v.shutter() == nearest, 5, "the shutter speed nearest 20 ms")
@@ -211,12 +211,23 @@ def test_settings_on_the_page_reach_the_sensor_and_bad_ones_reach_nothing(view, 
                                                                              "C1234-7-21-33-1"]
     driver.find_element("css selector", '#led-channels [data-channel="2"]').click()
     wait_for(lambda: json.loads(v.request("api/status")[1])["led"]["channels"] == [2], 5, "LED channel 2 on")
+    # A recording of the first sensor; its label goes with it.
+    driver.find_element("id", "record").click()
+    wait_for(lambda: re.search(r"orb-C1234-7-20-33-1-.*\.h5: [1-9]\d* frames", text(driver, "recording")), 5,
+             "the first sensor's recording")
     selector.find_elements("tag name", "option")[1].click()
     wait_for(lambda: json.loads(v.request("api/status")[1])["sensor_id"] == "C1234-7-21-33-1", 10,
              "the second sensor")
+    wait_for(lambda: text(driver, "recording") == "", 5, "no recording label of the first sensor")
     wait_for(lambda: re.search(r"^1 .* streaming=yes", v.ctl("status"), re.M), 10, "the second streaming")
+    # Switched to, it is auto-exposed for its own light (not left at shutter speed 1).
+    status = wait_for(lambda: (lambda s: s["state"] == "streaming" and s["auto_exposure"] and s)(
+        json.loads(v.request("api/status")[1])), 10, "the second sensor's auto-exposure")
+    assert status["auto_exposure"]["outcome"] == "on target" and status["shutter_speed"] > 1, status
+    # The page shows the first sensor's number until the second's first frame.
     number = wait_for(lambda: frame_number(driver), 10, "its frames")
-    wait_for(lambda: frame_number(driver) > number, 5, "its frame number advancing")
+    number = wait_for(lambda: frame_number(driver) != number and frame_number(driver), 10, "its own frames")
+    wait_for(lambda: (frame_number(driver) or 0) > number, 5, "its frame number advancing")
 
 
 def test_auto_exposure_and_dark_pause_the_stream_and_it_goes_on(view, page):
@@ -232,6 +243,13 @@ def test_auto_exposure_and_dark_pause_the_stream_and_it_goes_on(view, page):
              and int(text(driver, "saturated-count")) == 0, 30, "auto-exposure done")
     peak = int(text(driver, "peak"))
     assert 2000 < peak < 4095, peak
+    # "To the data": the axis spans the data with a little room, not from 0
+    # to a round number (the frames drawn and fetched differ by their noise).
+    low, high = driver.execute_script("return window.orbView.range()")
+    values = json.loads(v.request("api/frame.json")[1])["filter_data"]
+    span = max(values) - min(values)
+    assert min(values) - 0.1 * span <= low < min(values), (low, min(values))
+    assert max(values) < high <= max(values) + 0.1 * span, (high, max(values))
 
     # The lamp's dimmest filters read mostly the sensor's offset, which the
     # dark frame takes away.
@@ -250,16 +268,46 @@ def test_unplug_shows_lost_at_once_and_replug_brings_frames_back(view, page):
     driver = page(v.url)
     wait_for(lambda: frame_number(driver), 15, "a first frame")
     driver.execute_script("window.notReloaded = true")
+    header = driver.find_element("tag name", "header").size["height"]
+    stale = 'return document.getElementById("plot").classList.contains("stale")'
+    assert driver.execute_script(stale) is False
     v.ctl("unplug", "0")
     wait_for(lambda: "lost" in text(driver, "state"), 2, "lost shown")
     kept = frame_number(driver)
     time.sleep(1)
     assert frame_number(driver) == kept and text(driver, "peak") != "–"
+    # The last curve stays, greyed; the long message does not grow the header.
+    assert driver.execute_script(stale) is True
+    assert driver.find_element("tag name", "header").size["height"] == header
     v.ctl("replug", "0")
     wait_for(lambda: "streaming" in text(driver, "state"), 15, "streaming again")
     number = wait_for(lambda: frame_number(driver), 5, "a frame after the replug")
     wait_for(lambda: frame_number(driver) > number, 5, "the frame number advancing")
+    assert driver.execute_script(stale) is False
     assert driver.execute_script("return window.notReloaded") is True
+
+    # A sensor that hangs is on the bus: it does not answer, it is not lost.
+    v.ctl("fault", "0", "hang")
+    wait_for(lambda: "not answering" in text(driver, "state"), 15, "not answering shown")
+    assert driver.execute_script(stale) is True
+
+
+def test_a_silent_or_stalled_sensor_is_named_and_frames_come_back_once_cleared(view, page):
+    v = view("--sensors", "1")
+    driver = page(v.url)
+    wait_for(lambda: frame_number(driver), 15, "a first frame")
+    for fault, words in ((["trickle", "64"], "not answering"), (["stall-bulk"], "endpoint stalled")):
+        t = time.monotonic()
+        v.ctl("fault", "0", *fault)
+        wait_for(lambda: words in text(driver, "state"), 5, words)
+        assert "lost" not in text(driver, "state")
+        shown = time.monotonic() - t
+        t = time.monotonic()
+        v.ctl("clear", "0")
+        wait_for(lambda: "streaming" in text(driver, "state"), 3.5, f"streaming after {fault[0]}")
+        number = wait_for(lambda: frame_number(driver), 3, "a frame")
+        wait_for(lambda: frame_number(driver) > number, 3, "the frame number advancing")
+        print(f"{fault[0]}: shown after {shown:.1f} s, frames again after {time.monotonic() - t:.1f} s")
 
 
 def test_freeze_save_and_record(view, page, tmp_path):

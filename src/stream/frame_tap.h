@@ -2,10 +2,11 @@
 #define ORB_STREAM_FRAME_TAP_H
 
 // Where the streaming layer meets the frame path: the completion callback
-// and request_exit call frame_tap() before their own work. Nothing is
-// installed until a stream starts, and then the callback pays one atomic
-// load and a compare per completion; the tap never touches the transfer,
-// the frame queue or what the callback does next.
+// and request_exit call frame_tap() before their own work. The tap is
+// installed from the start (the frame watch must see a stall that comes
+// before any call of the layer) and costs the callback a few atomic loads
+// and compares per completion; it never touches the transfer, the frame
+// queue or what the callback does next.
 
 #include <atomic>
 

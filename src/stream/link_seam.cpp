@@ -77,6 +77,8 @@ void record_shutter_speed(int shutter_speed, int blank_time) {
 
 void record_blank_time(int blank_time) { iCurBlankTime = blank_time; }
 
+int shutter_speed() { return g_iCurShutterSpeed; }
+
 int register_pause_ms() { return g_iSleepTime; }
 
 int stream_request_pause_ms() { return get_sleep_time_for_shutter_speed(g_iCurShutterSpeed); }

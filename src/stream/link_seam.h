@@ -31,6 +31,8 @@ void mark_streaming(bool on);
 // paces its streaming requests.
 void record_shutter_speed(int shutter_speed, int blank_time);
 void record_blank_time(int blank_time);
+// The shutter speed the link last asked of the sensor.
+int shutter_speed();
 
 // The pauses the link keeps: after a register access of its longer
 // sequences (g_iSleepTime), and after a streaming request at the current

@@ -4,6 +4,11 @@
 
 #include "orb_stream.h"
 
+#include <algorithm>
+#include <vector>
+
+#include "auto_exposure.h"
+#include "frame_watch.h"
 #include "presence.h"
 #include "settings_change.h"
 #include "single_shot.h"
@@ -72,10 +77,41 @@ extern "C" int orb_single_shot(int index, double* output, int averages, int time
     return single_shot(index, output, averages, timeout_ms);
 }
 
+extern "C" int orb_frame_activity_get(int index, orb_frame_activity* activity) {
+    if (!valid_index(index) || activity == nullptr) return ORB_STREAM_ERR_INVALID;
+    return frame_activity(index, *activity);
+}
+
 extern "C" int orb_sensor_present(int index) {
     // Any index at all: one never opened answers NOT_CONNECTED.
     if (index < 0) return ORB_STREAM_ERR_INVALID;
     return present(index);
+}
+
+extern "C" int orb_stream_auto_expose(int index, const int* filters, int filter_count, int target, int tolerance,
+                                      int timeout_ms, orb_exposure_result* result) {
+    if (!valid_index(index) || result == nullptr || timeout_ms < 0 || filter_count < 0 ||
+        filter_count > ORB_STREAM_FILTERS || (filter_count > 0 && filters == nullptr) || target < 0 ||
+        target > ORB_STREAM_SATURATED || tolerance < 0 || tolerance > ORB_STREAM_SATURATED)
+        return ORB_STREAM_ERR_INVALID;
+    std::vector<int> chosen;
+    for (int i = 0; i < filter_count; i++) {
+        if (filters[i] < 1 || filters[i] > ORB_STREAM_FILTERS) return ORB_STREAM_ERR_INVALID;
+        chosen.push_back(filters[i] - 1);
+    }
+    if (target == 0) target = ORB_EXPOSURE_DEFAULT_TARGET;
+    if (tolerance == 0) tolerance = std::max(1, target * ORB_EXPOSURE_DEFAULT_TOLERANCE_PERCENT / 100);
+    return auto_expose(index, chosen, target, tolerance, timeout_ms, *result);
+}
+
+extern "C" const char* orb_exposure_outcome_text(int outcome) {
+    switch (outcome) {
+    case ORB_EXPOSURE_ON_TARGET: return "on target";
+    case ORB_EXPOSURE_TOO_DIM: return "too dim at the longest exposure";
+    case ORB_EXPOSURE_TOO_BRIGHT: return "too bright at the shortest exposure";
+    case ORB_EXPOSURE_LIGHT_CHANGED: return "the light changed while it searched";
+    default: return "unknown outcome";
+    }
 }
 
 extern "C" const char* orb_stream_result_text(int result) {
@@ -92,6 +128,8 @@ extern "C" const char* orb_stream_result_text(int result) {
     case ORB_STREAM_ERR_VERIFY: return "setting did not read back";
     case ORB_STREAM_ERR_NO_MEMORY: return "out of memory";
     case ORB_STREAM_ERR_UNSUPPORTED: return "not supported with the frame moving average";
+    case ORB_STREAM_ERR_SHORT_FRAME: return "frames came short and were not replaced in time";
+    case ORB_STREAM_ERR_STALLED: return "frame endpoint stalled";
     default: return "unknown result";
     }
 }

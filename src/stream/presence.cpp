@@ -2,6 +2,7 @@
 
 #include "presence.h"
 
+#include "frame_watch.h"
 #include "link_seam.h"
 #include "orb_stream.h"
 
@@ -29,13 +30,17 @@ bool on_bus(libusb_device_handle* handle) {
 int loss_result(libusb_device_handle* handle) {
     // Disconnected by the host meanwhile: the index names no sensor now.
     if (handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
-    return on_bus(handle) ? ORB_STREAM_ERR_ENDED : ORB_STREAM_ERR_LOST;
+    if (!on_bus(handle)) return ORB_STREAM_ERR_LOST;
+    return stalled(handle) ? ORB_STREAM_ERR_STALLED : ORB_STREAM_ERR_ENDED;
 }
 
 int usable(int index, libusb_device_handle** handle) {
     if (index < 0 || index >= kMaxStreams) return ORB_STREAM_ERR_INVALID;
     *handle = link::handle_at(index);
     if (*handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
+    // From the first call on a sensor, the tap counts its completions,
+    // whoever acquires.
+    watch_index(index, *handle);
     if (link::ended()) return loss_result(*handle);
     return ORB_STREAM_OK;
 }

@@ -4,6 +4,7 @@
 
 #include <new>
 
+#include "frame_watch.h"
 #include "link_seam.h"
 #include "../efm32com/orb_frame_samples.h"
 #include "../efm32com/orb_stm_commands.h"

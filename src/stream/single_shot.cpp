@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "frame_watch.h"
 #include "link_seam.h"
 #include "presence.h"
 #include "sensor_requests.h"
@@ -34,20 +35,23 @@ bool pause_until(int ms, const Deadline& d) {
 }
 
 // acquire_frame_data_bulk: the pause after a streaming request is reckoned
-// from the shutter speed before the request is sent.
-int paced_request(libusb_device_handle* h, int code, const Deadline& d) {
+// from the shutter speed before the request is sent. The sensor's answer
+// goes to *answer.
+int paced_request(libusb_device_handle* h, int code, const Deadline& d, int* answer = nullptr) {
     const int settle_ms = link::stream_request_pause_ms();
     int r = stream_request(h, code, d);
+    if (answer != nullptr) *answer = r;
     // The link ignores what a streaming request answers; only a vanished
     // sensor or the end of the caller's time stops this one.
     if (r == ORB_STREAM_ERR_LOST) return r;
     return pause_until(settle_ms, d) ? ORB_STREAM_OK : ORB_STREAM_ERR_TIMEOUT;
 }
 
-int start_streaming(libusb_device_handle* h, const Deadline& d) {
+// *start_answer: what the sensor said to the start request.
+int start_streaming(libusb_device_handle* h, const Deadline& d, int* start_answer) {
     int r = paced_request(h, kCmdStreamStop, d);
     if (r == ORB_STREAM_OK) r = pause_until(kStreamGapMs, d) ? ORB_STREAM_OK : ORB_STREAM_ERR_TIMEOUT;
-    if (r == ORB_STREAM_OK) r = paced_request(h, kCmdStreamStart, d);
+    if (r == ORB_STREAM_OK) r = paced_request(h, kCmdStreamStart, d, start_answer);
     return r;
 }
 
@@ -84,19 +88,33 @@ int single_shot(int index, double* output, int averages, int timeout_ms) {
     if (link::moving_average_on()) return ORB_STREAM_ERR_UNSUPPORTED;
     const Deadline deadline = Deadline::in_ms(timeout_ms);
 
+    begin_shot_watch(averages);
     link::arm_single_shot(averages);
     // After a time-out whose stop went unanswered, the sensor may or may
     // not stream: it is restarted, not trusted to.
+    int start_answer = ORB_STREAM_OK;
     if (!link::streaming() || stop_owed.exchange(false)) {
         link::mark_streaming(true);
-        r = start_streaming(handle, deadline);
+        r = start_streaming(handle, deadline, &start_answer);
     }
 
-    double sum[orbframe::kSamples] = {};
-    if (r == ORB_STREAM_OK)
+    double sum[orbframe::kSamples];
+    uint32_t dropped = 0;
+    if (r != ORB_STREAM_OK) link::drop_single_shot();
+    while (r == ORB_STREAM_OK) {
+        std::fill(sum, sum + orbframe::kSamples, 0.0);
         r = link::take_single_shot(averages, deadline, sum);
-    else
-        link::drop_single_shot();
+        const uint32_t short_ones = end_shot_watch();
+        if (r != ORB_STREAM_OK || short_ones == 0) break;
+        // The link unpacks a short frame with its tail at zero: every frame
+        // of this average goes, and the sensor, still streaming, gives the
+        // next ones as it does to a second duGetFilterData.
+        dropped += short_ones;
+        begin_shot_watch(averages);
+        link::arm_single_shot(averages);
+    }
+    end_shot_watch();
+    if (dropped > 0) count_dropped(index, dropped);
 
     if (r != ORB_STREAM_OK) {
         // Left streaming, a sensor would keep the bus busy; one stop, best
@@ -108,7 +126,11 @@ int single_shot(int index, double* output, int averages, int timeout_ms) {
             else
                 stop_owed = true;
         }
-        return r == ORB_STREAM_ERR_TIMEOUT ? r : loss_result(handle);
+        if (r != ORB_STREAM_ERR_TIMEOUT) return loss_result(handle);
+        // Said for what it was: frames that came short, or a start the
+        // sensor refused, after which no frame came.
+        if (dropped > 0) return ORB_STREAM_ERR_SHORT_FRAME;
+        return start_answer == ORB_STREAM_ERR_USB ? ORB_STREAM_ERR_USB : r;
     }
     // Stops, with the link's frame queue released: the stop requests wait
     // for libusb's event lock, held by the callback while it takes the

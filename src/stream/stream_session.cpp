@@ -3,9 +3,9 @@
 #include "stream_session.h"
 
 #include <stddef.h>
-#include <time.h>
 
 #include "frame_tap.h"
+#include "frame_watch.h"
 #include "link_seam.h"
 #include "presence.h"
 #include "second_transfer.h"
@@ -15,7 +15,13 @@
 
 namespace orbstream {
 
-std::atomic<FrameTap> g_frame_tap{nullptr};
+namespace {
+void on_frame_transfer(const libusb_transfer* t);
+}
+
+// From the start: the frame watch sees a stall that ends the frame path
+// before the host's first call of this layer.
+std::atomic<FrameTap> g_frame_tap{on_frame_transfer};
 
 static_assert(ORB_STREAM_FILTERS == orbframe::kSamples && ORB_STREAM_SATURATED == orbframe::kSampleMax,
               "a stream's frame is the sensor's frame");
@@ -54,6 +60,7 @@ void on_frame_transfer(const libusb_transfer* t) {
         return;
     }
     const uint64_t now_ns = monotonic_ns();
+    watch_completion(t, now_ns);
     for (int i = 0; i < kMaxStreams; i++)
         if (t->dev_handle != nullptr && table[i].handle.load(std::memory_order_acquire) == t->dev_handle) {
             take(table[i], t, now_ns);
@@ -85,12 +92,6 @@ int failed(int result, libusb_device_handle* handle) {
 }
 
 }  // namespace
-
-uint64_t monotonic_ns() {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
-}
 
 void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& settings,
                          libusb_device_handle* handle) {
@@ -192,8 +193,6 @@ void end_change_locked(Session& s) {
 
 Session& session_at(int index) { return sessions()[index]; }
 
-void install_tap() { g_frame_tap.store(on_frame_transfer, std::memory_order_release); }
-
 int start_stream(int index, uint32_t ring_frames, int timeout_ms) {
     libusb_device_handle* handle = nullptr;
     int r = usable(index, &handle);
@@ -213,7 +212,6 @@ int start_stream(int index, uint32_t ring_frames, int timeout_ms) {
     FrameRing ring;
     if (!ring.allocate(ring_frames == 0 ? ORB_STREAM_DEFAULT_RING : ring_frames))
         return ORB_STREAM_ERR_NO_MEMORY;
-    install_tap();
 
     // A stop first, as the link starts a stream; the sensor may miss it
     // while busy, so its refusal does not count. Frames are taken from the

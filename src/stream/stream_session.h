@@ -63,8 +63,6 @@ int current_settings(int index, orb_stream_settings& settings, int timeout_ms);
 int stream_stats(int index, orb_stream_stats& stats);
 
 Session& session_at(int index);  // index checked by the caller
-uint64_t monotonic_ns();
-void install_tap();
 
 // Under the lock: the session takes frames of `handle` into `ring` from now
 // on, numbered from 0 after the frames in flight, with these settings.

@@ -16,6 +16,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 test -f "$prefix/include/orb_device/orb_error_codes.h"
 test -f "$prefix/include/orb_device/orb_stream.h"
 test -f "$prefix/include/orb_device/orb_colour.h"
+test -f "$prefix/include/orb_device/orb_spectrum.h"
 test -f "$prefix/include/orb_device/utils/orb_utils_interface.h"
 libdir=$(dirname "$(find "$prefix" -name liborb_device.so | head -n1)")
 export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir
@@ -26,6 +27,9 @@ printf '#include <lusb.h>\n#include <orb_device_api.h>\n#include <orb_error_code
 printf '#include <orb_colour.h>\nint main(void) { return orb_colour_compute(0, 0, 0, 0, 0) == ORB_COLOUR_ERR_NULL ? 0 : 1; }\n' |
   cc -std=c99 -Wall -Wextra -Werror -x c - -o "$work/colour_header" $(pkg-config --cflags --libs orb_spectrum)
 "$work/colour_header"
+printf '#include <orb_spectrum.h>\nint main(void) { return orb_spectrum_apply(0, 0, 0, 1.0, 0) == ORB_SPECTRUM_ERR_INVALID ? 0 : 1; }\n' |
+  cc -std=c99 -Wall -Wextra -Werror -x c - -o "$work/spectrum_header" $(pkg-config --cflags --libs orb_spectrum)
+"$work/spectrum_header"
 
 cp -r "$examples/c_host" "$examples/c_stream_host" "$examples/cpp_host" "$examples/colour_host" "$work/"
 make -s -C "$work/c_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
@@ -67,7 +71,7 @@ grep -qx 'status 1' <<<"$out" || { echo "a refused sensor was opened: $out"; exi
 # writers of the latter, whose symbols
 # carry their signatures.
 syms=$(nm -D --defined-only "$libdir/liborb_device.so" | awk '{print $3}')
-for plain in orb_stream_start orb_stream_read orb_stream_stop orb_single_shot orb_sensor_present \
+for plain in orb_stream_start orb_stream_read orb_stream_stop orb_single_shot orb_sensor_present orb_stream_auto_expose \
              usb_init usb_control_msg usb_bulk_read usb_interrupt_read usb_open usb_find_busses; do
   grep -qx "$plain" <<<"$syms" || { echo "missing C symbol $plain"; exit 1; }
 done

@@ -7,6 +7,7 @@ import math
 
 from .. import checks
 from ..errors import OrbError
+from ..facts import EXPOSURE_MS_LIMITS
 
 
 def whole(low, high):
@@ -30,6 +31,18 @@ def seconds(text):
         raise argparse.ArgumentTypeError(f"{text!r} is not a number of seconds") from None
     if not math.isfinite(value) or not 0 < value <= 86400 * 366:
         raise argparse.ArgumentTypeError(f"must be more than 0 and at most a year of seconds, not {text}")
+    return value
+
+
+def exposure_ms(text):
+    """An exposure in milliseconds the sensor can make."""
+    try:
+        value = float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"{text!r} is not a number of milliseconds") from None
+    low, high = EXPOSURE_MS_LIMITS
+    if not math.isfinite(value) or not low <= value <= high:
+        raise argparse.ArgumentTypeError(f"must be between {low:.6g} and {high:.6g} ms, not {text}")
     return value
 
 

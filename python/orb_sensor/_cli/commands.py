@@ -1,17 +1,19 @@
 """What each orb-sensor command does; cli.py reads the arguments and turns
 exceptions into exit statuses."""
 
-import csv
-import datetime
 import json
+import os
 import sys
 import time
 
 from .. import _recording as recording
 from .._process import usb_nodes
 from ..errors import NoSensorError, OrbValueError
-from ..led import CHANNEL_LABELS, LedModule
-from ..sensor import Sensor
+from ..facts import LED_MODULE_ID
+from ..led import CHANNEL_LABELS, LedModule, NoLedModuleError
+from ..exposure import format_ms
+from ..facts import exposure_ms
+from ..sensor import ACQUISITION_MARGIN_S, Sensor, acquisition_timeout_s
 from .progress import StatusLine
 
 NO_DEVICE_HELP = (
@@ -54,72 +56,82 @@ def list_sensors(_args, progress):
     return 0
 
 
-def _write_frame(args, data, settings):
-    out = sys.stdout if args.output in (None, "-") else open(args.output, "w", newline="")
-    try:
-        if args.json:
-            json.dump({**settings, "filter_data": data.tolist()}, out, indent=1)
-            out.write("\n")
-        else:
-            for key, value in settings.items():
-                out.write(f"# {key}: {value}\n")
-            writer = csv.writer(out, lineterminator="\n")
-            writer.writerow(("filter", "value"))
-            writer.writerows((i, repr(float(v))) for i, v in enumerate(data, start=1))
-    finally:
-        if out is not sys.stdout:
-            out.close()
-
-
-def acquire(args, progress):
+def _expose(sensor, args, progress, auto_by_default):
+    """Sets the ADC and the exposure the options ask for; with none asked,
+    a stream or a recording auto-exposes once (a single acquisition keeps
+    the sensor's shutter speed). Says the outcome of an auto-exposure on
+    stderr, as a warning when it is off target. Returns the facts of it for
+    the output's metadata."""
     if args.target is not None and not args.auto_exposure:
         raise OrbValueError("--target needs --auto-exposure")
     if args.filters is not None and not args.auto_exposure:
         raise OrbValueError("--filters needs --auto-exposure")
+    if args.gain is not None or args.adc_range is not None:
+        progress.step("setting the ADC")
+        sensor.set_adc(gain=args.gain, range=args.adc_range)
+    if args.shutter is not None:
+        progress.step("setting the shutter speed")
+        sensor.shutter_speed = args.shutter
+        return {"exposure_set_by": "--shutter"}
+    if args.exposure_ms is not None:
+        progress.step("setting the exposure")
+        sensor.exposure_ms = args.exposure_ms
+        return {"exposure_set_by": "--exposure-ms"}
+    if not args.auto_exposure and not auto_by_default:
+        return {"exposure_set_by": "the sensor's current shutter speed"}
+    if not args.auto_exposure:
+        progress.done()
+        sys.stderr.write("no --shutter, --exposure-ms or --auto-exposure given: auto-exposing once at the start\n")
+    progress.step("searching the shutter speed (auto-exposure)")
+    found = sensor.auto_expose(target=args.target, filters=args.filters)
+    progress.done()
+    sys.stderr.write(found.message() + "\n")
+    return {"exposure_set_by": "--auto-exposure" if args.auto_exposure else "auto-exposure at the start (default)",
+            "auto_exposure_outcome": found.outcome, "auto_exposure_level": found.level,
+            "auto_exposure_target": found.target}
+
+
+def _read_timeout(args, shutter):
+    """--timeout bounds the wait for a silent sensor, beyond the time the
+    frames themselves take."""
+    if args.timeout is None:
+        return None
+    return acquisition_timeout_s(args.averages, shutter) - ACQUISITION_MARGIN_S + args.timeout
+
+
+def acquire(args, progress):
     for path in (args.output, args.plot):
         if path is not None:
             check_output(path)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
-        if args.gain is not None or args.adc_range is not None:
-            progress.step("setting the ADC")
-            sensor.set_adc(gain=args.gain, range=args.adc_range)
-        if args.shutter is not None:
-            progress.step("setting the shutter speed")
-            sensor.shutter_speed = args.shutter
-        if args.auto_exposure:
-            progress.step("searching the shutter speed (auto-exposure)")
-            sensor.auto_expose(target=args.target, filters=args.filters)
+        exposure = _expose(sensor, args, progress, auto_by_default=False)
         shutter = sensor.shutter_speed
-        exposure = sensor.exposure_time_ms(shutter, master_clock=args.master_clock)
-        if args.auto_exposure:
-            progress.done()
-            sys.stderr.write(f"auto-exposure: shutter speed {shutter}, exposure time {exposure:g} ms\n")
         progress.step(f"acquiring {args.averages} frame(s)")
-        frame = sensor.read(args.averages, timeout=args.timeout)
-        gain, adc_range = frame.adc
-        settings = {
-            "sensor_id": sensor.id,
-            "sensor_index": sensor.index,
-            "averages": args.averages,
-            "shutter_speed": shutter,
-            "exposure_time_ms": exposure,
-            "master_clock_mhz": args.master_clock,
-            "adc_gain": gain,
-            "adc_range": adc_range,
-            "auto_exposure": args.auto_exposure,
-            "auto_exposure_target": args.target,
-            "saturated_filters": [int(f) for f in frame.saturated],
-            "library_version": recording.library_version(),
-            "time": datetime.datetime.fromtimestamp(frame.timestamp, datetime.timezone.utc).isoformat(),
-        }
+        frame = sensor.read(args.averages, timeout=_read_timeout(args, shutter))
+        meta = recording.run_metadata(sensor, args.averages)
+    ms = exposure_ms(shutter, args.master_clock)
+    meta.update(exposure, exposure_ms=ms, master_clock_mhz=args.master_clock,
+                saturated_filters=[int(f) for f in frame.saturated], units="DN/ms" if args.per_ms else "DN")
+    out_frame = frame.per_ms() if args.per_ms else frame
     progress.step("writing")
-    _write_frame(args, frame.values, settings)
+    out = sys.stdout if args.output in (None, "-") else open(args.output, "w", newline="")
+    try:
+        if args.json:
+            json.dump({**meta, **out_frame.metadata(), "filter_data": out_frame.values.tolist()}, out, indent=1)
+            out.write("\n")
+        else:
+            with recording.open_writer("csv", out, meta) as writer:
+                writer.write(out_frame)
+    finally:
+        if out is not sys.stdout:
+            out.close()
     if args.plot:
         progress.step("plotting")
         from .plot import save_frame_plot
-        save_frame_plot(args.plot, frame.values,
-                        f"{settings['sensor_id']}: shutter speed {shutter} ({exposure:g} ms), "
+        gain, adc_range = frame.adc
+        save_frame_plot(args.plot, out_frame.values,
+                        f"{sensor.id}: shutter speed {shutter} ({format_ms(ms)} ms), "
                         f"ADC gain {gain}, range {adc_range}, {args.averages} frame(s) averaged")
     progress.done()
     return 0
@@ -141,25 +153,48 @@ def _frames_to(writer, sensor, args, status):
     return False
 
 
+class _PerMs:
+    """A writer given frames in DN per ms of exposure."""
+
+    def __init__(self, writer):
+        self._writer = writer
+
+    def write(self, frame):
+        self._writer.write(frame.per_ms())
+
+
 def stream(args, progress):
     check_output(args.output)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
+        exposure = _expose(sensor, args, progress, auto_by_default=True)
         meta = recording.run_metadata(sensor, args.averages)
+        meta.update(exposure, units="DN/ms" if args.per_ms else "DN")
         progress.done()
         target = sys.stdout if args.output == "-" else args.output
         with recording.open_writer(args.form or "csv", target, meta) as writer:
-            _frames_to(writer, sensor, args, StatusLine())
+            _frames_to(_PerMs(writer) if args.per_ms else writer, sensor, args, StatusLine())
     return 0
+
+
+# What record refuses to write HDF5 into: names a reader would take for text.
+TEXT_SUFFIXES = (".csv", ".json", ".ndjson", ".txt")
 
 
 def record(args, progress):
     if args.output == "-":
         raise OrbValueError("record: -o must name a file: HDF5 cannot go to standard output")
+    if os.path.splitext(args.output)[1].lower() in TEXT_SUFFIXES:
+        raise OrbValueError(f"record: {args.output} names a text file, but record writes HDF5: name it .h5, "
+                            "or write text with `orb-sensor stream -o FILE`")
+    if os.path.exists(args.output) and not args.force:
+        raise OrbValueError(f"record: {args.output} exists: give --force to overwrite it")
     check_output(args.output)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
+        exposure = _expose(sensor, args, progress, auto_by_default=True)
         meta = recording.run_metadata(sensor, args.averages)
+        meta.update(exposure)
         progress.done()
         writer = recording.open_writer("hdf5", args.output, meta)
         started = time.monotonic()
@@ -173,14 +208,22 @@ def record(args, progress):
 
 
 def led(args, progress):
-    if args.off and (args.on or args.intensity):
+    if args.off and (args.on or args.intensity is not None):
         raise OrbValueError("led: --off takes no --on or --intensity")
+    if not (args.off or args.on or args.intensity is not None):
+        # The module cannot be read back: nothing to show, and nothing sent.
+        raise OrbValueError("led: say what to set: --on CH... [--intensity I], or --off "
+                            "(the module's state cannot be read back)")
+    progress.step("looking for the LED module")
+    if LED_MODULE_ID not in Sensor.bus_ids():
+        # The library's LED driver would take the first sensor instead.
+        raise NoLedModuleError("no LED module on the bus: the request would have gone to a sensor")
     progress.step("opening the LED module")
     with LedModule() as module:
-        word = module.set(args.on, args.intensity)
+        word = module.set(args.on, args.intensity or 0)
     progress.done()
     on = ", ".join(f"{ch} ({CHANNEL_LABELS[ch]})" for ch in sorted(set(args.on))) or "none"
-    print(f"LED state word 0x{word:04x}: channels on: {on}; intensity {args.intensity}")
+    print(f"LED state word 0x{word:04x}: channels on: {on}; intensity {args.intensity or 0}")
     return 0
 
 

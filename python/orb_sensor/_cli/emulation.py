@@ -7,6 +7,9 @@ import sys
 from .._process import library
 
 EMULATED_ENV = "ORB_SENSOR_EMULATED"
+# orb-emulate's own limit (its --help says "at most 80"); tests/test_cli.py
+# holds the two together.
+MAX_SENSORS = 80
 EMULATE_ENV = "ORB_EMULATE"
 
 
@@ -57,12 +60,23 @@ def reexec(sensors, led, argv):
     os.execve(launcher, command, env)
 
 
-def with_emulate_count(argv):
-    """argparse would take the subcommand after a bare --emulate for its count."""
+def sensor_count(text):
+    """--emulate's count, said as what it must be when it is not."""
+    import argparse
+    if not (text.isascii() and text.isdigit() and int(text) <= MAX_SENSORS):
+        raise argparse.ArgumentTypeError(f"the count of emulated sensors must be a whole number from 0 to "
+                                         f"{MAX_SENSORS}, not {text!r}")
+    return int(text)
+
+
+def with_emulate_count(argv, commands):
+    """argparse would take the subcommand after a bare --emulate for its
+    count; any other word after it is a count, checked as one."""
     argv = list(argv)
     for i, arg in enumerate(argv):
         if arg == "--":
             break
-        if arg == "--emulate" and not (i + 1 < len(argv) and argv[i + 1].isdigit()):
+        if arg == "--emulate" and (i + 1 >= len(argv) or argv[i + 1] in commands
+                                   or argv[i + 1].startswith("--")):
             argv[i] = "--emulate=1"
     return argv

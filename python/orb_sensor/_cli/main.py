@@ -1,7 +1,7 @@
 """orb-sensor: the spectral sensor on the command line.
 
 Exit status: 0 done, 1 no sensor (or no LED module), 2 bad use, 3 a failure
-of the library, 4 the sensor was lost or did not answer in time.
+of the library, 4 the sensor was lost, did not answer in time or refused a request.
 """
 
 import argparse
@@ -11,8 +11,10 @@ import sys
 
 from .. import __version__
 from ..checks import INT_MAX
-from ..errors import NoSensorError, OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorTimeoutError
-from ..facts import ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, MAX_VALUE, SHUTTER_SPEED_LIMITS
+from ..errors import (NoSensorError, OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorRefusedError,
+                      SensorTimeoutError)
+from ..facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, MAX_VALUE,
+                     SHUTTER_SPEED_LIMITS)
 from ..led import MAX_CHANNELS, MAX_INTENSITY, NoLedModuleError
 from . import arguments, doctor, emulation
 from .commands import COMMANDS, NO_DEVICE_HELP, no_sensor_message
@@ -38,11 +40,34 @@ def _limits(p):
                    help="frames averaged into each one written (default 1)")
 
 
+def _exposure_options(p):
+    how = p.add_mutually_exclusive_group()
+    how.add_argument("--shutter", type=arguments.whole(*SHUTTER_SPEED_LIMITS),
+                     help="shutter speed, {} to {}".format(*SHUTTER_SPEED_LIMITS))
+    how.add_argument("--exposure-ms", type=arguments.exposure_ms, metavar="MS",
+                     help="exposure in ms (the nearest shutter speed), {:.6g} to {:.6g}".format(*EXPOSURE_MS_LIMITS))
+    how.add_argument("--auto-exposure", action="store_true",
+                     help="search the shutter speed that puts the brightest filter at the target first")
+    p.add_argument("--target", type=arguments.whole(1, MAX_VALUE), metavar="DN",
+                   help="brightest filter aimed at by --auto-exposure (default 3276, 80%% of full scale)")
+    p.add_argument("--filters", type=arguments.filters, metavar="LIST",
+                   help="filters --auto-exposure looks at, e.g. 1-100,200 (default: all)")
+    p.add_argument("--gain", type=arguments.whole(*ADC_GAIN_LIMITS), help="ADC gain, 0 or 1")
+    p.add_argument("--adc-range", type=arguments.whole(*ADC_RANGE_LIMITS),
+                   help="ADC range index, {} to {}".format(*ADC_RANGE_LIMITS))
+
+
+def _per_ms(p):
+    p.add_argument("--per-ms", action="store_true",
+                   help="values in DN per ms of exposure, so that frames of different exposures compare")
+
+
 def parser():
     p = argparse.ArgumentParser(prog=PROG, description="Spectral sensor access.")
     p.add_argument("--version", action="version", version=f"{PROG} {__version__}")
-    p.add_argument("--emulate", nargs="?", type=arguments.whole(0, 64), const=1, metavar="N",
-                   help="run against N emulated sensors (default 1) through orb-emulate")
+    p.add_argument("--emulate", nargs="?", type=emulation.sensor_count, const=1, metavar="N",
+                   help=f"run against N emulated sensors (default 1, at most {emulation.MAX_SENSORS}) "
+                        "through orb-emulate")
     p.add_argument("--verbose", action="store_true", help="show the library's own lines on stderr")
     sub = p.add_subparsers(dest="command", required=True)
 
@@ -52,17 +77,8 @@ def parser():
     _sensor_options(a)
     a.add_argument("-n", "--averages", type=arguments.whole(1, INT_MAX), default=1,
                    help="frames averaged (default 1)")
-    a.add_argument("--shutter", type=arguments.whole(*SHUTTER_SPEED_LIMITS),
-                   help="shutter speed, {} to {}".format(*SHUTTER_SPEED_LIMITS))
-    a.add_argument("--gain", type=arguments.whole(*ADC_GAIN_LIMITS), help="ADC gain, 0 or 1")
-    a.add_argument("--adc-range", type=arguments.whole(*ADC_RANGE_LIMITS),
-                   help="ADC range index, {} to {}".format(*ADC_RANGE_LIMITS))
-    a.add_argument("--auto-exposure", action="store_true",
-                   help="search the shutter speed that puts the peak just below saturation")
-    a.add_argument("--target", type=arguments.whole(1, MAX_VALUE), metavar="DN",
-                   help="peak aimed at by --auto-exposure")
-    a.add_argument("--filters", type=arguments.filters, metavar="LIST",
-                   help="filters --auto-exposure looks at, e.g. 1-100,200 (default: all)")
+    _exposure_options(a)
+    _per_ms(a)
     a.add_argument("--master-clock", type=arguments.whole(1, 1000), default=DEFAULT_MASTER_CLOCK_MHZ,
                    metavar="MHZ", help=f"master clock for the exposure time (default {DEFAULT_MASTER_CLOCK_MHZ})")
     a.add_argument("-o", "--output", metavar="FILE", help="write here instead of stdout (- is stdout)")
@@ -72,6 +88,8 @@ def parser():
     s = sub.add_parser("stream", help="every frame as the sensor makes it, to stdout or a file")
     _sensor_options(s)
     _limits(s)
+    _exposure_options(s)
+    _per_ms(s)
     form = s.add_mutually_exclusive_group()
     form.add_argument("--csv", action="store_const", dest="form", const="csv",
                       help="a row per frame, after a commented header (the default)")
@@ -82,7 +100,9 @@ def parser():
     r = sub.add_parser("record", help="record frames into an HDF5 file as they come")
     _sensor_options(r)
     _limits(r)
+    _exposure_options(r)
     r.add_argument("-o", "--output", required=True, metavar="FILE.h5", help="the HDF5 file to write")
+    r.add_argument("--force", action="store_true", help="overwrite FILE.h5 when it exists")
 
     led = sub.add_parser(
         "led", help="switch the LED module's channels and set their intensity",
@@ -91,7 +111,7 @@ def parser():
                     "USB IDs, so with a sensor enumerated first the sensor receives it.")
     led.add_argument("--on", type=arguments.whole(0, MAX_CHANNELS - 1), nargs="+", default=[], metavar="CH",
                      help=f"channels to switch on, 0 to {MAX_CHANNELS - 1}")
-    led.add_argument("--intensity", type=arguments.whole(0, MAX_INTENSITY), default=0, metavar="I",
+    led.add_argument("--intensity", type=arguments.whole(0, MAX_INTENSITY), default=None, metavar="I",
                      help=f"intensity, 0 to {MAX_INTENSITY} (default 0)")
     led.add_argument("--off", action="store_true", help="switch every channel off")
 
@@ -104,6 +124,14 @@ def parser():
     v.add_argument("--host", default="127.0.0.1", metavar="ADDR",
                    help="listen on ADDR (default 127.0.0.1); any other needs the printed token")
     v.add_argument("--open", action="store_true", help="open the page in the desktop's browser")
+    how = v.add_mutually_exclusive_group()
+    how.add_argument("--shutter", type=arguments.whole(*SHUTTER_SPEED_LIMITS),
+                     help="start at this shutter speed instead of an auto-exposure")
+    how.add_argument("--exposure-ms", type=arguments.exposure_ms, metavar="MS",
+                     help="start at this exposure instead of an auto-exposure")
+    how.add_argument("--auto-exposure", action="store_true", help="start with an auto-exposure (the default)")
+    v.add_argument("--target", type=arguments.whole(1, MAX_VALUE), metavar="DN",
+                   help="brightest filter aimed at by the auto-exposures (default 3276)")
     return p
 
 
@@ -136,7 +164,7 @@ def _run(args, progress):
         return EXIT_NO_SENSOR
     except NoLedModuleError as e:
         return _fail(progress, f"led: {e}\n" + NO_DEVICE_HELP.rstrip("\n"), EXIT_NO_SENSOR)
-    except (SensorLostError, SensorTimeoutError) as e:
+    except (SensorLostError, SensorTimeoutError, SensorRefusedError) as e:
         return _fail(progress, str(e), EXIT_LOST)
     except (OrbValueError, OrbTypeError) as e:
         return _fail(progress, str(e), EXIT_USAGE)
@@ -146,9 +174,12 @@ def _run(args, progress):
         return _fail(progress, "interrupted", EXIT_INTERRUPTED)
 
 
+COMMAND_NAMES = ("list", "acquire", "stream", "record", "led", "doctor", "view")
+
+
 def main(argv=None):
     argv = sys.argv[1:] if argv is None else argv
-    args = parser().parse_args(emulation.with_emulate_count(argv))
+    args = parser().parse_args(emulation.with_emulate_count(argv, COMMAND_NAMES))
     if args.emulate is not None and not os.environ.get(emulation.EMULATED_ENV):
         return emulation.reexec(args.emulate, led=args.command in ("led", "view"), argv=argv)
     if args.verbose:

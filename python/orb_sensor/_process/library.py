@@ -51,7 +51,11 @@ _STREAM_PROTOTYPES = {
     "orb_stream_set_adc": (ctypes.c_int, [ctypes.c_int] * 5),
     "orb_single_shot": (ctypes.c_int, [ctypes.c_int, _c_double_p, ctypes.c_int, ctypes.c_int]),
     "orb_sensor_present": (ctypes.c_int, [ctypes.c_int]),
+    "orb_frame_activity_get": (ctypes.c_int, [ctypes.c_int, _c_void_p]),
     "orb_stream_result_text": (ctypes.c_char_p, [ctypes.c_int]),
+    "orb_stream_auto_expose": (ctypes.c_int, [ctypes.c_int, _c_int_p, ctypes.c_int, ctypes.c_int, ctypes.c_int,
+                                              ctypes.c_int, _c_void_p]),
+    "orb_exposure_outcome_text": (ctypes.c_char_p, [ctypes.c_int]),
 }
 _PROTOTYPES.update(_STREAM_PROTOTYPES)
 

@@ -22,7 +22,8 @@ import time
 
 import numpy as np
 
-from ..errors import OrbError, OrbValueError, SensorLostError, SensorTimeoutError
+from ..errors import (OrbError, OrbValueError, SensorLostError, SensorRefusedError, SensorStalledError,
+                      SensorTimeoutError)
 from . import usb_nodes, wire_format
 from .stream_abi import FRAME_DTYPE
 
@@ -36,8 +37,11 @@ CONNECT_PER_SENSOR_S = 1.0
 CONNECT_MAX_S = 30.0
 # Beyond a request's own time-out, for the worker to answer it.
 GRACE_S = 1.0
-# How often a long request checks that its sensor is still on the bus.
+# How often a long request checks that its sensor is still on the bus and
+# still sends frames.
 PRESENCE_POLL_S = 0.25
+# Requests that wait for frames: a time-out of theirs ends the worker.
+FRAME_OPERATIONS = ("read", "auto_expose", "stream_start")
 # For the settings put back after reconnecting.
 CONTROL_TIMEOUT_S = 5.0
 # Frames a stream keeps for a consumer that falls behind before it drops
@@ -52,11 +56,21 @@ class _Ended(OrbError):
 
 
 _EXCEPTIONS = {"lost": SensorLostError, "timeout": SensorTimeoutError, "value": OrbValueError,
-               "ended": _Ended}
+               "ended": _Ended, "stalled": SensorStalledError, "refused": SensorRefusedError}
 
 
 def _raise(kind, text):
     raise _EXCEPTIONS.get(kind, OrbError)(text)
+
+
+def seconds(s):
+    """A time for people: to a tenth of a second."""
+    return f"{s:.1f} s"
+
+
+def _stall_advice(text):
+    return (f"{text}; retried in a fresh library process, and the next call tries again: clear the stall "
+            "(replug only if it persists)")
 
 
 class _Pending:
@@ -339,12 +353,31 @@ class Supervisor:
             try:
                 return self.wait(worker, pending, timeout + GRACE_S, what=operation.replace("_", " "),
                                  watch_index=index if watch else None)
-            except (_Ended, SensorLostError) as e:
-                self.end_worker(("restart", f"sensor {sensor_id}: {e}"), generation)
-                if attempt == 2 or not self._bus_changed(e):
-                    if isinstance(e, _Ended):
-                        raise SensorLostError(f"sensor {sensor_id}: the library's frame path ended") from None
+            except (_Ended, SensorLostError, SensorTimeoutError) as e:
+                if isinstance(e, SensorTimeoutError) and not isinstance(e, SensorStalledError) \
+                        and operation not in FRAME_OPERATIONS:
                     raise
+                self._after_failure(sensor_id, e, generation, attempt)
+
+    def _after_failure(self, sensor_id, error, generation, attempt):
+        """A request failed with `error`: the worker it ran in is ended
+        (after a stall, or a time-out waiting for frames, its frame
+        transfer is gone or may be held by the sensor for good, and the
+        link cannot resubmit it: the next call connects afresh, as after a
+        replug); returns when it is worth a second try in a new worker,
+        else raises what the user reads."""
+        self.end_worker(("restart", f"sensor {sensor_id}: {error}"), generation)
+        if isinstance(error, SensorStalledError):
+            if attempt == 2:
+                raise SensorStalledError(_stall_advice(str(error))) from None
+            return
+        if isinstance(error, SensorTimeoutError):
+            raise error
+        if attempt == 2 or not self._bus_changed(error):
+            if isinstance(error, _Ended):
+                raise SensorTimeoutError(f"sensor {sensor_id}: the library's frame path ended with the sensor "
+                                         "on the bus; the next call starts it afresh") from None
+            raise error
 
     def _bus_changed(self, error):
         """Whether a failed request is worth a second try in a new worker:
@@ -356,15 +389,18 @@ class Supervisor:
     @staticmethod
     def wait(worker, pending, timeout, what, watch_index=None):
         deadline = time.monotonic() + timeout
+        watch = None if watch_index is None else _FrameWatch(worker, watch_index)
         try:
             while not pending.done.wait(min(PRESENCE_POLL_S, max(deadline - time.monotonic(), 0))):
                 if time.monotonic() >= deadline:
-                    worker.end(("restart", f"{what}: no answer within {timeout:g} s"))
-                    _raise("timeout", f"{what}: no answer within {timeout:g} s; "
-                                      "the sensor does not respond")
-                if watch_index is not None and not Supervisor._still_present(worker, watch_index):
-                    worker.end(("restart", f"{what}: the sensor left the bus"))
-                    _raise("lost", f"{what}: the sensor left the bus")
+                    worker.end(("restart", f"{what}: no answer within {seconds(timeout)}"))
+                    _raise("timeout", f"{what}: no answer within {seconds(timeout)}; "
+                                      "the sensor is not answering")
+                if watch is not None:
+                    fault = watch.fault()
+                    if fault is not None:
+                        worker.end(("restart", f"{what}: {fault[1]}"))
+                        _raise(fault[0], f"{what}: {fault[1]}")
         except KeyboardInterrupt:
             # What the worker is doing may take long or never end.
             worker.end(("restart", "interrupted"))
@@ -373,12 +409,6 @@ class Supervisor:
             return pending.value
         _raise(*pending.value)
 
-    @staticmethod
-    def _still_present(worker, index):
-        probe = worker.send(None, "present", (index,))
-        if not probe.done.wait(PRESENCE_POLL_S * 4):
-            return True
-        return not (probe.ok is False and probe.value[0] == "lost")
 
     # Streams.
 
@@ -395,13 +425,42 @@ class Supervisor:
                 return _StreamHandle(self, worker, generation, index, stream_id, channel)
             except BaseException as e:
                 worker.close_stream(index, stream_id)
-                if not isinstance(e, (_Ended, SensorLostError)):
+                if not isinstance(e, (_Ended, SensorLostError, SensorTimeoutError)):
                     raise
-                self.end_worker(("restart", f"sensor {sensor_id}: {e}"), generation)
-                if attempt == 2 or not self._bus_changed(e):
-                    if isinstance(e, _Ended):
-                        raise SensorLostError(f"sensor {sensor_id}: the library's frame path ended") from None
-                    raise
+                self._after_failure(sensor_id, e, generation, attempt)
+
+
+class _FrameWatch:
+    """Watches a request that has no time-out of its own (the library's
+    auto-exposure search) by its sensor's frames: a sensor that left, a
+    stalled frame endpoint or an ended frame path shows at once, and one
+    that sends no frame for longer than the library's own pauses allow at
+    the shutter speed in use (the worker's patience_ms, a few seconds) is
+    not answering. So the call reports a fault within about a read's
+    bound, not its whole deadline."""
+
+    def __init__(self, worker, index):
+        self._worker, self._index = worker, index
+        self._completed = None
+        self._since = time.monotonic()
+
+    def fault(self):
+        """(kind, text) of a fault seen now, or None."""
+        probe = self._worker.send(None, "activity", (self._index,))
+        if not probe.done.wait(PRESENCE_POLL_S * 4):
+            return None
+        if not probe.ok:
+            kind, text = probe.value
+            return (kind, text) if kind in ("lost", "stalled", "ended") else None
+        now, activity = time.monotonic(), probe.value
+        if activity["completed"] != self._completed:
+            self._completed, self._since = activity["completed"], now
+            return None
+        silent = now - self._since
+        if silent * 1000 > activity["patience_ms"]:
+            return ("timeout", f"the sensor is not answering: no frame for {seconds(silent)} "
+                               "(it is still on the bus)")
+        return None
 
 
 class _StreamHandle:

@@ -25,9 +25,10 @@ import time
 
 import numpy as np
 
-from ..facts import NUM_FILTERS, SHUTTER_SPEED_LIMITS
+from ..facts import NUM_FILTERS
 from . import library, wire_format
-from .stream_abi import FRAME_DTYPE, SETTINGS_DTYPE, STATS_DTYPE, StreamResult
+from .stream_abi import (ACTIVITY_DTYPE, EXPOSURE_RESULT_DTYPE, FRAME_DTYPE, SETTINGS_DTYPE, STATS_DTYPE,
+                         ExposureOutcome, StreamResult)
 
 OK = StreamResult.OK
 # Frames sent in one message: those that come within BATCH_WINDOW_S of the
@@ -46,10 +47,20 @@ class Failure(Exception):
         self.kind = kind
 
 
+# The supervisor's exception for each result, and the words a user reads.
+_KINDS = {StreamResult.ERR_TIMEOUT: "timeout", StreamResult.ERR_LOST: "lost", StreamResult.ERR_ENDED: "ended",
+          StreamResult.ERR_INVALID: "value", StreamResult.ERR_STALLED: "stalled", StreamResult.ERR_USB: "refused"}
+_WORDS = {StreamResult.ERR_TIMEOUT: "the sensor is not answering (it is still on the bus)",
+          StreamResult.ERR_LOST: "the sensor was lost: it left the bus",
+          StreamResult.ERR_STALLED: "the sensor's frame endpoint stalled (it is still on the bus)",
+          StreamResult.ERR_USB: "the sensor refused the request",
+          StreamResult.ERR_SHORT_FRAME: "frames came short, and whole ones did not replace them in time"}
+
+
 def _stream_failure(lib, result, what):
-    kind = {StreamResult.ERR_TIMEOUT: "timeout", StreamResult.ERR_LOST: "lost",
-            StreamResult.ERR_ENDED: "ended", StreamResult.ERR_INVALID: "value"}.get(result, "library")
-    return Failure(kind, f"{what}: {lib.orb_stream_result_text(result).decode()}")
+    kind = _KINDS.get(result, "library")
+    words = _WORDS.get(result) or lib.orb_stream_result_text(result).decode()
+    return Failure(kind, f"{what}: {words}")
 
 
 def _sensor_ids(lib, total):
@@ -109,6 +120,16 @@ class RequestServer:
         self._present(index)
         return True
 
+    def op_activity(self, index):
+        """What the sensor's frame path has done (orb_frame_activity_get),
+        answered at once like present: the supervisor watches a request
+        without a time-out of its own by it."""
+        raw = np.zeros(1, ACTIVITY_DTYPE)
+        r = self._lib.orb_frame_activity_get(index, raw.ctypes.data)
+        if r != OK:
+            raise _stream_failure(self._lib, r, f"sensor {index}")
+        return {name: int(raw[name][0]) for name in raw.dtype.names}
+
     # Requests on one sensor, each on that sensor's thread.
 
     def _present(self, index):
@@ -144,24 +165,19 @@ class RequestServer:
         return out
 
     def op_auto_expose(self, index, filters, target, timeout_ms):
-        """The library's search; it has no time-out of its own, the
-        supervisor's deadline bounds it."""
-        self._present(index)
-        lib = self._lib
+        """The stream layer's search, bounded by its own time-out; on a
+        stream of its own (the package's stream is stopped first)."""
+        if index in self._pumps:
+            raise Failure("value", "stop the stream before an auto-exposure")
         array = (ctypes.c_int * len(filters))(*filters) if filters else None
-        with self._du_lock:
-            if lib.duActivateSensorWithIndex(index) < 0:
-                raise Failure("library", f"sensor {index} could not be made current")
-            if target is None:
-                found = lib.duGetOptimalShutterSpeed(array, len(filters))
-            else:
-                found = lib.duGetOptimalShutterSpeed2(array, len(filters), target)
-        self._present(index)
-        if found < 1:
-            raise Failure("library", f"the auto-exposure search failed ({found})")
-        # The search leaves the register set but not the library's record of
-        # it; setting it again brings both in line.
-        return self.op_set_shutter(index, min(max(found, SHUTTER_SPEED_LIMITS[0]), SHUTTER_SPEED_LIMITS[1]), timeout_ms)
+        out = np.zeros(1, EXPOSURE_RESULT_DTYPE)
+        r = self._lib.orb_stream_auto_expose(index, array, len(filters), target or 0, 0, timeout_ms,
+                                             out.ctypes.data)
+        if r != OK:
+            raise _stream_failure(self._lib, r, "auto-exposure")
+        result = {name: int(out[name][0]) for name in out.dtype.names}
+        result["outcome"] = ExposureOutcome(result["outcome"]).name
+        return result
 
     def op_stream_start(self, index, stream_id, ring_frames, timeout_ms):
         r = self._lib.orb_stream_start(index, ring_frames, timeout_ms)

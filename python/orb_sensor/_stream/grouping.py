@@ -45,12 +45,12 @@ def _settings_key(record) -> Tuple[int, ...]:
 
 class Grouper:
     """`averages` (at least 1) may be changed at any time: it takes effect
-    with the next record. `dark()` gives the dark frame to subtract from a
-    frame out, or None; `to_unix(ns)` turns a record's monotonic time stamp
+    with the next record. `dark(shutter_speed)` gives the dark frame to subtract
+    from a frame out of that exposure, or None (it may refuse one); `to_unix(ns)` turns a record's monotonic time stamp
     into Unix seconds."""
 
     def __init__(self, averages: int, sensor_id: str = "",
-                 dark: Callable[[], Optional[np.ndarray]] = lambda: None,
+                 dark: Callable[[int], Optional[np.ndarray]] = lambda shutter: None,
                  to_unix: Callable[[int], float] = lambda ns: ns / 1e9) -> None:
         self.averages = averages
         self.sensor_id = sensor_id
@@ -125,10 +125,10 @@ class Grouper:
     def _frame_out(self) -> Frame:
         last, count = self._last_record, self._count
         values = self._sum / count if count > 1 else self._sum.copy()
-        dark = self._dark()
+        settings = last["settings"]
+        dark = self._dark(int(settings["shutter_speed"]))
         if dark is not None:
             values = values - dark
-        settings = last["settings"]
         frame = Frame(values, seq=self._last_seq, timestamp=self._to_unix(int(last["timestamp_ns"])),
                       shutter_speed=int(settings["shutter_speed"]),
                       adc=(int(settings["adc_gain"]), int(settings["adc_range"])),

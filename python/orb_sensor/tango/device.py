@@ -58,10 +58,27 @@ class OrbSensor(Device):
                                   doc="The sensor's index (0 upward) when SensorID is empty; "
                                       "followed by its ID once found")
 
+    # How the sensor is exposed when the device first streams, unless a
+    # client set ShutterSpeed, ExposureTime or ran AutoExpose before: the
+    # device never streams at shutter speed 1 by default.
+    ShutterSpeedAtStart = device_property(dtype=int, default_value=0,
+                                          doc="Stream at this shutter speed from the first Start (0: not set)")
+    ExposureTimeAtStart = device_property(dtype=float, default_value=0.0,
+                                          doc="Stream at the shutter speed nearest this exposure, ms, from the "
+                                              "first Start (0: not set)")
+    AutoExposureTarget = device_property(dtype=int, default_value=0,
+                                         doc="The brightest filter aimed at by the auto-exposure of the first "
+                                             "Start (when neither of the above is set) and by AutoExpose 0, "
+                                             "DN (0: 3276, 80% of full scale)")
+
     def init_device(self):
         super().init_device()
+        # Whether the exposure was chosen: by a client, or at the first Start.
+        self._exposed = False
         self._latest = LatestFrame()
         self._sent_state = None
+        # The last AutoExpose's outcome; off target, Status warns of it.
+        self._exposure = None
         self.set_change_event("FilterData", True, False)
         self.set_change_event("State", True, False)
         self._outbox = Outbox(self, self._send_state, self._send_frame)
@@ -90,7 +107,15 @@ class OrbSensor(Device):
         return self._health()[0]
 
     def dev_status(self):
-        return self._health()[1]
+        status = self._health()[1]
+        if self._exposure is not None and not self._exposure.ok:
+            status += "\n" + self._exposure.message()
+        return status
+
+    @attribute(dtype=str, doc="How the last AutoExpose ended: on target, too dim, too bright, light changed "
+                              "(empty before the first)")
+    def AutoExposureOutcome(self):
+        return "" if self._exposure is None else self._exposure.outcome
 
     def _send_state(self):
         state = self.dev_state()
@@ -113,6 +138,30 @@ class OrbSensor(Device):
     def _set_shutter(self, value):
         self._access.call(lambda sensor: setattr(sensor, "shutter_speed", value), "setting the shutter speed")
         self._access.learn(shutter_speed=value)
+        self._exposed = True
+
+    def _auto_expose(self, target):
+        self._access.check()
+        with self._streamer.paused(STREAM_CLOSE_S):
+            found = self._access.call(lambda sensor: sensor.auto_expose(target=target),
+                                      "searching the shutter speed", AUTO_EXPOSE_TIMEOUT_S + REPLY_MARGIN_S)
+        self._exposure = found
+        self._exposed = True
+        self._access.learn(shutter_speed=found.shutter_speed)
+        return found.shutter_speed
+
+    def _expose_at_start(self):
+        """The first Start's exposure, from the device properties; an
+        auto-exposure when none is set. A sensor not reached yet is exposed
+        at the next Start."""
+        if self._access.sensor is None:
+            return
+        if self.ShutterSpeedAtStart:
+            self._set_shutter(int(limits.check("ShutterSpeed", self.ShutterSpeedAtStart)))
+        elif self.ExposureTimeAtStart:
+            self._set_shutter(shutter_speed_for(limits.check("ExposureTime", self.ExposureTimeAtStart)))
+        else:
+            self._auto_expose(self.AutoExposureTarget or None)
 
     def _setting(self, key):
         value = self._access.settings.get(key)
@@ -236,9 +285,14 @@ class OrbSensor(Device):
 
     # Commands.
 
-    @command(doc_in="Streams until Stop; FilterData sends a change event with every frame. Also "
+    @command(doc_in="Streams until Stop; FilterData sends a change event with every frame. The first "
+                    "Start exposes the sensor first (ShutterSpeedAtStart, ExposureTimeAtStart, else an "
+                    "auto-exposure) unless a client chose the exposure already. Also "
                     "while the sensor is away: the stream starts once it is back")
+    @_waits
     def Start(self):
+        if not self._exposed and not self._streamer.wanted:
+            self._expose_at_start()
         self._streamer.stream(True)
 
     @command(doc_in="Ends the stream (the sensor stops within a second)")
@@ -256,7 +310,7 @@ class OrbSensor(Device):
             self._access.check()
             frame = self._latest.after(self._latest.count, wait)
             if frame is None:
-                failures.throw(failures.SILENT, f"no frame from the stream within {wait:g} s: "
+                failures.throw(failures.SILENT, f"no frame from the stream within {wait:.1f} s: "
                                f"{self.dev_status()}", "OrbSensor.Acquire")
         else:
             # A stream just stopped may still hold the sensor.
@@ -266,26 +320,22 @@ class OrbSensor(Device):
             self._deliver(frame)
         return frame.values
 
-    @command(dtype_in=tango.DevLong, doc_in=f"The peak to reach, 1 to {MAX_VALUE} DN; 0: the library's own",
-             dtype_out=tango.DevLong, doc_out="The shutter speed found, now set. Takes up to "
+    @command(dtype_in=tango.DevLong, doc_in=f"The peak to reach, 1 to {MAX_VALUE} DN; 0: AutoExposureTarget",
+             dtype_out=tango.DevLong, doc_out="The shutter speed found, now set; AutoExposureOutcome says "
+                                              "how it ended (Status warns when off target). Takes up to "
                                               f"{AUTO_EXPOSE_TIMEOUT_S:g} s: raise the client's time-out")
     @_waits
     def AutoExpose(self, target):
-        self._access.check()
-        with self._streamer.paused(STREAM_CLOSE_S):
-            shutter, _ = self._access.call(lambda sensor: sensor.auto_expose(target=int(target) or None),
-                                         "searching the shutter speed", AUTO_EXPOSE_TIMEOUT_S + REPLY_MARGIN_S)
-        self._access.learn(shutter_speed=shutter)
-        return shutter
+        return self._auto_expose(int(target) or self.AutoExposureTarget or None)
 
-    @command(doc_in="Takes a dark frame (cover the sensor first) at the shortest exposure, "
+    @command(doc_in="Takes a dark frame (cover the sensor first) at the current exposure, "
                     f"{DARK_AVERAGES} averaged, for DarkCorrection; the shutter speed is kept")
     @_waits
     def TakeDark(self):
         self._access.check()
         with self._streamer.paused(STREAM_CLOSE_S):
             self._access.call(lambda sensor: sensor.dark(), "taking a dark frame",
-                            acquisition_timeout_s(DARK_AVERAGES, SHUTTER_SPEED_LIMITS[0]) + 2 * WAIT_S)
+                            acquisition_timeout_s(DARK_AVERAGES) + 2 * WAIT_S)
 
     @command(dtype_in=tango.DevVarLongArray, doc_in=led_command.USAGE, dtype_out=tango.DevLong,
              doc_out="The state word the LED module received: channel bits, intensity << 8")

@@ -3,12 +3,15 @@ reason says what kind of failure it is and whose text says what to do."""
 
 import tango
 
-from ..errors import NoSensorError, OrbTypeError, OrbValueError, SensorLostError, SensorTimeoutError
+from ..errors import (NoSensorError, OrbTypeError, OrbValueError, SensorLostError, SensorRefusedError,
+                      SensorStalledError, SensorTimeoutError)
 from ..led import NoLedModuleError
 
 # Reasons a client can tell apart without reading the text.
 LOST = "ORB_SensorLost"
 SILENT = "ORB_SensorTimeout"
+STALLED = "ORB_SensorStalled"
+REFUSED = "ORB_SensorRefused"
 ABSENT = "ORB_NoSensor"
 BUSY = "ORB_Busy"
 BAD_VALUE = "ORB_BadValue"
@@ -16,7 +19,8 @@ OUT_OF_RANGE = "API_WAttrOutsideLimit"
 NO_LED = "ORB_NoLedModule"
 LIBRARY = "ORB_LibraryError"
 
-_REASONS = ((SensorLostError, LOST), (SensorTimeoutError, SILENT), (NoSensorError, ABSENT),
+_REASONS = ((SensorLostError, LOST), (SensorStalledError, STALLED), (SensorTimeoutError, SILENT),
+            (SensorRefusedError, REFUSED), (NoSensorError, ABSENT),
             (OrbValueError, BAD_VALUE), (OrbTypeError, BAD_VALUE), (NoLedModuleError, NO_LED),
             (ValueError, BAD_VALUE))
 

@@ -3,21 +3,26 @@ wrong with it and what to do about it."""
 
 from tango import DevState
 
-from ..errors import NoSensorError, OrbError, SensorLostError, SensorTimeoutError
+from ..errors import NoSensorError, OrbError, SensorLostError, SensorStalledError, SensorTimeoutError
 
 CONNECTING = "connecting"
 LOST = "lost"
 SILENT = "silent"
+STALLED = "stalled"
 FAILED = "failed"
 
-# How soon to try a sensor again. One that left costs a look at the bus;
-# one that does not answer costs a new library process, which cuts the
-# streams of every other sensor of this server, so it is tried less often.
-RETRY_S = {LOST: 0.5, SILENT: 5.0, FAILED: 1.0, CONNECTING: 0.5}
+# How soon to try a sensor again. One that left costs a look at the bus.
+# One that does not answer, or whose endpoint stalled, costs a new library
+# process (which cuts the streams of every other sensor of this server);
+# each try waits for frames about two seconds itself, so that paces it, and
+# the device gets frames within a few seconds of the fault being cleared.
+RETRY_S = {LOST: 0.5, SILENT: 0.5, STALLED: 0.5, FAILED: 1.0, CONNECTING: 0.5}
 # Attempts that started a library process and failed all the same wait
 # twice as long each time, up to this: a library that cannot start is
-# not started again every second.
+# not started again every second. A sensor on the bus that does not answer
+# is not such a library: it is tried at its pace until it does.
 MAX_RETRY_S = 30.0
+NO_BACKOFF = (SILENT, STALLED)
 
 
 def problem_of(error):
@@ -25,6 +30,8 @@ def problem_of(error):
     reached, or None for one that says nothing about it (a bad argument)."""
     if isinstance(error, (SensorLostError, NoSensorError)):
         return LOST, str(error)
+    if isinstance(error, SensorStalledError):
+        return STALLED, str(error)
     if isinstance(error, SensorTimeoutError):
         return SILENT, str(error)
     if isinstance(error, (ValueError, TypeError)):
@@ -43,8 +50,11 @@ def advice(name, problem):
         return (f"Sensor {name} is not on the bus: plug the sensor back in (or bring its USB/IP link "
                 f"back). The device finds it again by itself. ({text})")
     if kind == SILENT:
-        return (f"Sensor {name} does not answer: unplug it and plug it back in. The device tries it "
-                f"again by itself. ({text})")
+        return (f"Sensor {name} is on the bus but not answering. The device tries it again by itself and "
+                f"streams again once it answers; replug it only if it stays silent. ({text})")
+    if kind == STALLED:
+        return (f"Sensor {name} is on the bus, its frame endpoint stalled. The device retries it by itself; "
+                f"clear the stall, and replug it only if it persists. ({text})")
     return (f"The library failed on sensor {name}: {text}. The device tries again by itself; if this "
             "stays, restart the server.")
 

@@ -13,7 +13,7 @@ import queue
 import threading
 import time
 
-from ..errors import NoSensorError, OrbError, SensorLostError, SensorTimeoutError
+from ..errors import NoSensorError, OrbError, SensorLostError, SensorStalledError, SensorTimeoutError
 from ..sensor import Sensor
 from . import health
 from .failures import Busy
@@ -29,7 +29,8 @@ PRESENCE_S = 0.25
 REFRESH_S = 5.0
 CLOSE_WAIT_S = 3.0
 
-_REFUSALS = {health.LOST: SensorLostError, health.SILENT: SensorTimeoutError, health.CONNECTING: Busy}
+_REFUSALS = {health.LOST: SensorLostError, health.SILENT: SensorTimeoutError, health.STALLED: SensorStalledError,
+             health.CONNECTING: Busy}
 
 
 class SensorAccess:
@@ -118,6 +119,8 @@ class SensorAccess:
     def retry_s(self):
         """How long to wait before trying the sensor again."""
         kind = self.problem[0] if self.problem else health.FAILED
+        if kind in health.NO_BACKOFF:
+            return health.RETRY_S[kind]
         return min(health.RETRY_S[kind] * 2 ** self._doublings, health.MAX_RETRY_S)
 
     def learn(self, **settings):

@@ -1,7 +1,7 @@
 """The page's requests: the status, the controls, and the frame on the page
 as a file. Each control answers with the new status, or with
 {"error": text} (400 for a value refused before it reached the sensor, 409
-when the sensor is lost or silent)."""
+when the sensor is lost, not answering or stalled)."""
 
 import asyncio
 

@@ -11,7 +11,8 @@ from aiohttp import web
 from ..errors import NoSensorError, OrbValueError
 from ..sensor import Sensor
 from . import assets, security, server
-from .lights import LED_MODULE_ID, Lights
+from ..facts import LED_MODULE_ID
+from .lights import Lights
 from .session import Session
 
 # Pages still open when the view ends get this long to be told so.
@@ -44,8 +45,15 @@ async def _serve(app, args, token, session):
             why = os.strerror(e.errno) if e.errno else str(e)
             raise OrbValueError(f"cannot listen on {args.host} port {args.port}: {why}") from None
         # Every connect brings the sensor up at shutter speed 1 (0.1 ms), where
-        # little but the dark level shows: the view begins with an auto-exposure.
-        session.auto_expose(None).add_done_callback(_report_failure)
+        # little but the dark level shows: without an exposure asked for, the
+        # view begins with an auto-exposure.
+        session.target = args.target
+        if args.shutter is not None:
+            session.submit(lambda sensor: session.set_shutter_speed(args.shutter), "setting the shutter speed")
+        elif args.exposure_ms is not None:
+            session.submit(lambda sensor: session.set_exposure_ms(args.exposure_ms), "setting the exposure")
+        else:
+            session.auto_expose(args.target).add_done_callback(lambda f: _report_exposure(f, session))
         session.start()
         url = _url(args.host, runner.addresses[0][1], token)
         print(f"orb-sensor view of sensor {session.sensor.id}: {url}", flush=True)
@@ -63,9 +71,11 @@ async def _serve(app, args, token, session):
         await runner.cleanup()
 
 
-def _report_failure(future):
+def _report_exposure(future, session):
     if future.exception() is not None:
         sys.stderr.write(f"orb-sensor view: the first auto-exposure failed: {future.exception()}\n")
+    else:
+        sys.stderr.write(f"orb-sensor view: {session.exposure.message()}\n")
 
 
 def run(args, progress):
@@ -76,14 +86,12 @@ def run(args, progress):
         return 3
     progress.step("connecting the sensors")
     ids = Sensor.list()
-    if not [i for i in ids if i != LED_MODULE_ID]:
+    if not ids:
         raise NoSensorError()
     sensor = Sensor(index=args.sensor) if isinstance(args.sensor, int) else Sensor(id=args.sensor)
-    if sensor.id == LED_MODULE_ID:
-        raise OrbValueError(f"--sensor {args.sensor} is the LED module, not a sensor")
-    session = Session(sensor, [i for i in ids if i != LED_MODULE_ID])
+    session = Session(sensor, ids)
     progress.step("looking for an LED module")
-    session.lights = Lights.find(ids)
+    session.lights = Lights.find(Sensor.bus_ids())
     token = security.new_token(args.host)
     app = server.application(session, token)
     progress.done()

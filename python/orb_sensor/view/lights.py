@@ -1,10 +1,7 @@
 """The LED module's controls on the page, when the bus has one."""
 
+from ..facts import LED_MODULE_ID
 from ..led import CHANNEL_LABELS, MAX_CHANNELS, LedModule, NoLedModuleError
-
-# The LED module answers the identity request with five zero bytes, which
-# the library names so: it is listed among the sensors but sends no frames.
-LED_MODULE_ID = "A0-0-0-0-0"
 
 
 class Lights:

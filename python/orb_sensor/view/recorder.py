@@ -49,6 +49,13 @@ class Recorder:
             if self._writer is not None:
                 self._close()
 
+    def forget(self):
+        """Clears the name and count of the last recording (not while one
+        runs)."""
+        with self._lock:
+            if self._writer is None:
+                self.name, self.frames, self.failure = None, 0, None
+
     def _close(self):
         writer, self._writer = self._writer, None
         try:

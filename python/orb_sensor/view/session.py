@@ -4,9 +4,10 @@ The thread iterates the sensor's Stream and hands each Frame to the pages
 and to the recording; the Stream numbers, averages (as the page asks) and
 counts what is lost. What needs the sensor alone, auto-exposure and a dark
 frame, runs in the same thread while the Stream is stopped; it goes on
-afterwards with the next number. When the sensor is lost the thread says
-so and tries again every half second: once it is plugged back in, frames
-come again by themselves.
+afterwards with the next number. When the sensor is lost (left the bus),
+not answering or its frame endpoint stalled, the thread says which and
+tries again every half second: once it is back or the fault is cleared,
+frames come again by themselves.
 """
 
 import concurrent.futures
@@ -15,13 +16,15 @@ import queue
 import threading
 import time
 
-from ..errors import OrbError, SensorLostError, SensorTimeoutError
+from ..errors import OrbError, SensorLostError, SensorStalledError, SensorTimeoutError
 from ..facts import exposure_ms
 from ..sensor import Sensor
 from .fanout import Fanout
 from .recorder import Recorder
 
 RETRY_S = 0.5
+# States the thread tries again from, each a fault the page names.
+FAULT_STATES = ("lost", "not answering", "endpoint stalled", "failed")
 # The frame rate is counted over at least this long.
 RATE_WINDOW_S = 1.0
 
@@ -35,6 +38,10 @@ class Session:
         self.frozen = False
         self.state, self.message = "starting", ""
         self.settings = {}
+        # The last auto-exposure's AutoExposure: an off-target outcome stays
+        # on the page as a warning while the sensor streams.
+        self.exposure = None
+        self.target = None  # the auto-exposures' target; None: the layer's
         # The frame on the page, and whether the dark frame was subtracted
         # from it: one tuple, so that the two are read together.
         self.shown = None
@@ -74,13 +81,18 @@ class Session:
             self._run_jobs()
             try:
                 self._stream()
-            except (SensorLostError, SensorTimeoutError) as e:
+            except SensorLostError as e:
                 self._set_state("lost", str(e))
+            except SensorStalledError as e:
+                self._set_state("endpoint stalled", str(e))
+            except SensorTimeoutError as e:
+                # On the bus but silent (a hung firmware): not "lost".
+                self._set_state("not answering", str(e))
             except OrbError as e:
                 self._set_state("failed", str(e))
             except Exception as e:  # a fault of the view's own: shown, and tried again
                 self._set_state("failed", f"internal error: {type(e).__name__}: {e}")
-            if self.state in ("lost", "failed"):
+            if self.state in FAULT_STATES:
                 self._interrupt.wait(RETRY_S)
 
     def _stream(self):
@@ -90,7 +102,7 @@ class Session:
         try:
             for frame in stream:
                 if self.state != "streaming":
-                    self._set_state("streaming")
+                    self._set_state("streaming", self._exposure_warning())
                 self._latest_seq = frame.seq
                 self.recorder.write(frame)
                 if not self.frozen:
@@ -161,12 +173,16 @@ class Session:
         self.sensor.dark_correction = on
         self.fanout.status()
 
+    def _exposure_warning(self):
+        return "" if self.exposure is None or self.exposure.ok else self.exposure.message()
+
+    def _auto_expose(self, sensor, target):
+        self.exposure = sensor.auto_expose(target=target)
+        self._note(shutter_speed=self.exposure.shutter_speed)
+        return self.exposure.shutter_speed
+
     def auto_expose(self, target):
-        def job(sensor):
-            shutter, _ = sensor.auto_expose(target=target)
-            self._note(shutter_speed=shutter)
-            return shutter
-        return self.submit(job, "auto-exposure")
+        return self.submit(lambda sensor: self._auto_expose(sensor, target), "auto-exposure")
 
     def take_dark(self):
         return self.submit(lambda sensor: sensor.dark(), "taking a dark frame")
@@ -174,14 +190,19 @@ class Session:
     def switch(self, sensor_id):
         def job(_):
             self.recorder.stop()
+            # The label names the chosen sensor's recording, none yet.
+            self.recorder.forget()
             if sensor_id not in self._sensors:
                 self._sensors[sensor_id] = Sensor(id=sensor_id)
             self.sensor = self._sensors[sensor_id]
             averages, old = self.stream.averages, self.stream
             self.stream = self.sensor.stream(averages=averages)
             old.close()
-            self.settings, self.shown = {}, None
+            self.settings, self.shown, self.exposure = {}, None, None
             self._latest_seq, self._rate_mark = None, (time.monotonic(), None)
+            # A sensor the view switches to is exposed for its own light.
+            self._set_state("busy", f"auto-exposure of sensor {sensor_id}")
+            self._auto_expose(self.sensor, self.target)
             return sensor_id
         return self.submit(job, f"opening sensor {sensor_id}")
 
@@ -219,6 +240,8 @@ class Session:
             "frames": self.stream.delivered,
             "frame_number": None if self.current is None else int(self.current.seq),
             "lost": self.stream.lost, "missed": self.stream.missed, "frame_rate": round(self._rate, 1), "frozen": self.frozen,
+            "auto_exposure": None if self.exposure is None else {
+                "outcome": self.exposure.outcome, "message": self.exposure.message()},
             "dark": self.sensor.dark_frame is not None, "dark_correction": self.sensor.dark_correction,
             "recording": self.recorder.status(),
             "led": None if self.lights is None else self.lights.status(),

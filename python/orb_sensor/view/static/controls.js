@@ -90,8 +90,11 @@ function show(id, text) {
 export function showStatus(next) {
   status = next;
   const state = $("state");
-  state.className = `state ${next.state}`;
-  state.textContent = next.state + (next.message ? `: ${next.message}` : "");
+  state.className = `state ${next.state.replace(/ /g, "-")}`;
+  state.textContent = next.state;
+  $("state-message").textContent = next.message;
+  $("state-message").hidden = !next.message;
+  $("plot").classList.toggle("stale", ["lost", "not answering", "endpoint stalled", "failed"].includes(next.state));
   $("sensor-id").textContent = next.sensor_id;
   $("frame-rate").textContent = next.frame_rate.toFixed(1);
   $("lost-count").textContent = next.lost;
@@ -111,7 +114,9 @@ export function showStatus(next) {
   show("adc_gain", next.adc.gain);
   show("adc_range", next.adc.range);
   show("dark_correction", next.dark_correction);
-  $("dark_correction").disabled = !next.dark;
+  // On without a dark of this exposure (the exposure changed), the stream
+  // refuses its frames: switching it off must stay possible.
+  $("dark_correction").disabled = !next.dark && !next.dark_correction;
   $("freeze").textContent = next.frozen ? "Resume" : "Freeze";
 
   const recording = next.recording;

@@ -1,14 +1,15 @@
 // The filter data over filter numbers 1..1024, drawn with uPlot: the
 // saturation level across it, and the saturated filters marked on the line.
-// The DN axis runs to the saturation level, or to a round number above the
-// data, so that a dim spectrum shows its shape.
+// The DN axis runs from 0 to the saturation level, or over the data alone,
+// so that a dim spectrum, or one high above the dark level, shows its shape.
 
 const FILTERS = 1024;
 const SATURATION = 4095;
 
-function roundUp(value) {
-  const step = 10 ** Math.floor(Math.log10(value));
-  return [1, 2, 5, 10].map((m) => m * step).find((top) => top >= value);
+// The data's extent with a twentieth of it on either side, on whole DN.
+function dataRange(low, high) {
+  const pad = Math.max((high - low) * 0.05, 1);
+  return [Math.floor(low - pad), Math.ceil(high + pad)];
 }
 
 export function makePlot(element) {
@@ -16,6 +17,7 @@ export function makePlot(element) {
   // The data's own extent: the saturation series would always stretch uPlot's.
   let low = 0;
   let high = 1;
+  const toData = () => dataRange(low, high);
   const filters = Array.from({length: FILTERS}, (_, i) => i + 1);
   const level = new Array(FILTERS).fill(SATURATION);
   const options = {
@@ -26,8 +28,7 @@ export function makePlot(element) {
     scales: {
       x: {time: false},
       y: {
-        range: () => [Math.min(0, low),
-          toSaturation ? Math.max(SATURATION * 1.05, high) : roundUp(Math.max(high, 1) * 1.05)],
+        range: () => (toSaturation ? [Math.min(0, low), Math.max(SATURATION * 1.05, high)] : toData()),
       },
     },
     axes: [{label: "filter"}, {label: "DN"}],
@@ -50,6 +51,10 @@ export function makePlot(element) {
     scaleToSaturation(on) {
       toSaturation = on;
       plot.setData(plot.data);
+    },
+    // The DN axis as drawn: [bottom, top].
+    range() {
+      return [plot.scales.y.min, plot.scales.y.max];
     },
     // Draws a frame; returns its peak.
     draw(values, saturated) {

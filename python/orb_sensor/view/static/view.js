@@ -8,11 +8,11 @@ import {makePlot} from "./plot.js";
 const $ = (id) => document.getElementById(id);
 const plot = makePlot($("plot"));
 
-// The page's own counts, for scripts that drive it (bench/bench_view.py):
-// frames received and painted, and the delay of each painted one from its
-// timestamp to its paint in ms (the last DELAYS_KEPT).
+// The page's own counts, for scripts that drive it (bench/bench_view.py, the
+// tests): frames received and painted, the delay of each painted one from
+// its timestamp to its paint in ms (the last DELAYS_KEPT), and the DN axis.
 const DELAYS_KEPT = 10000;
-window.orbView = {received: 0, painted: 0, delays: []};
+window.orbView = {received: 0, painted: 0, delays: [], range: () => plot.range()};
 
 let newest = null;
 let scheduled = false;
