@@ -23,6 +23,9 @@ constexpr long kEventTurnUs = 10 * 1000;
 void LIBUSB_CALL second_completed(libusb_transfer* t) {
     Session& s = *static_cast<Session*>(t->user_data);
     const uint64_t now_ns = monotonic_ns();
+    // Counted and a stall remembered as the link's completions are: a stall
+    // may reach this transfer first.
+    watch_completion(t, now_ns);
     std::lock_guard<std::mutex> guard(s.lock);
     // A cancelled transfer is this layer's doing, not the sensor's; a failed
     // one tells the stream as the link's would.
