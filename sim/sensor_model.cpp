@@ -304,10 +304,16 @@ void SensorModel::schedule_next_locked(Clock::time_point now, Clock::time_point 
     const std::chrono::nanoseconds interval = interval_locked(next_shutter_);
     const Clock::time_point owed_from = std::max(next_due_, last_sent_);
     const auto late = host_ready - owed_from;
-    // The time the host kept the sensor from its pace, in slots: a fresh
-    // schedule starts that much after the old one would have gone on.
-    if (late > interval) slots_late_ += std::chrono::duration<double>(late) / interval;
-    next_due_ = late > interval ? now + interval : next_due_ + interval;
+    // A fresh schedule leaves out every slot from this frame's to the next
+    // one's but this frame: those the host kept the sensor from, and those
+    // a late wake-up of the emulator had not caught up yet. A host cannot
+    // tell the two apart, so both are missed.
+    if (late > interval) {
+        slots_late_ += std::chrono::duration<double>(now - next_due_) / interval;
+        next_due_ = now + interval;
+    } else {
+        next_due_ += interval;
+    }
     last_sent_ = now;
 }
 

@@ -184,9 +184,10 @@ public:
     // period after streaming starts. Zero: whenever the host asks.
     void set_frame_period(std::chrono::microseconds period);
     uint64_t frames_sent() const;
-    // Realistic timing: the sensor's slots that passed while no transfer of
-    // the host waited on 0x81 (each frame it could have sent at its pace and
-    // did not), in whole slots.
+    // Realistic timing: the sensor's slots that passed with no frame sent
+    // (each frame it could have sent at its pace and did not: no transfer of
+    // the host waited, or a late wake-up of the emulator was not made good
+    // before the host fell behind), in whole slots.
     uint64_t slots_missed() const;
     // Fast (the default) or Realistic; see Timing. In realistic timing the
     // frame period is a floor under the sensor's own frame interval. A

@@ -1,4 +1,4 @@
-// The stream's second frame transfer and its count of missed frames: two
+// The stream's own frame transfers and its count of missed frames: six
 // transfers in flight only while a stream runs, frames still in order, one
 // transfer again for single shots and the du... calls; frames the sensor
 // took with no transfer waiting counted as the emulated bus counts them.
@@ -25,8 +25,8 @@ bool all_filters_read(const orb_stream_frame& f, int value) {
 
 // Counter frame k reads k in every filter, and the first two of a stream are
 // passed over: frame i of the stream must read i + 3. Frames that completed
-// on the two transfers out of their order on the bus would not.
-TEST(StreamTransfers, TwoInFlightWhileStreamingInOrderThenOneForSingleShotsAndDuCalls) {
+// on the six transfers out of their order on the bus would not.
+TEST(StreamTransfers, SixInFlightWhileStreamingInOrderThenOneForSingleShotsAndDuCalls) {
     orbsim::Sensor& s = connected();
     s.set_frame_period(1ms);
     testbed().take_most_bulk_in_flight(s);
@@ -37,7 +37,7 @@ TEST(StreamTransfers, TwoInFlightWhileStreamingInOrderThenOneForSingleShotsAndDu
         ASSERT_TRUE(all_filters_read(frame(), static_cast<int>(i + 3))) << "frame " << i << " reads " << frame().values[0];
         ASSERT_EQ(frame().lost_before + frame().stale_before, 0u);
     }
-    EXPECT_EQ(testbed().take_most_bulk_in_flight(s), 2u);
+    EXPECT_EQ(testbed().take_most_bulk_in_flight(s), 6u);
     EXPECT_ANSWERS_WITHIN(1000, ORB_STREAM_OK, orb_stream_stop(0, 1000));
     // The stop waited for the cancellation: only the link's transfer is left
     // (a take reads what is in flight now into the next one).
@@ -53,17 +53,18 @@ TEST(StreamTransfers, TwoInFlightWhileStreamingInOrderThenOneForSingleShotsAndDu
     EXPECT_EQ(got, 1);
     EXPECT_EQ(testbed().take_most_bulk_in_flight(s), 1u);
 
-    // And two again for the next stream, on the same second transfer.
+    // And six again for the next stream, on the same transfers.
     ASSERT_EQ(orb_stream_start(0, 0, 2000), ORB_STREAM_OK);
     for (int i = 0; i < 50; i++) ASSERT_EQ(orb_stream_read(0, &frame(), 1000), ORB_STREAM_OK);
-    EXPECT_EQ(testbed().take_most_bulk_in_flight(s), 2u);
+    EXPECT_EQ(testbed().take_most_bulk_in_flight(s), 6u);
     EXPECT_ANSWERS_WITHIN(1000, ORB_STREAM_OK, orb_stream_stop(0, 1000));
     testbed().take_most_bulk_in_flight(s);
     EXPECT_EQ(testbed().take_most_bulk_in_flight(s), 1u);
 }
 
 // A du... acquisition during a stream takes frames from the link's
-// transfer: the second one lapses at its next frame instead of sharing them.
+// transfer: the stream's own ones lapse at their next frame instead of
+// sharing them.
 TEST(StreamTransfers, ADuAcquisitionDuringAStreamLeavesTheLinkItsOneTransfer) {
     orbsim::Sensor& s = connected();
     s.set_frame_period(1ms);
@@ -98,7 +99,7 @@ TEST(StreamTransfers, FramesTakenWhileNoTransferWaitedAreCountedMissed) {
     const uint64_t slots_before = s.slots_missed();
     const uint32_t missed_before = st.missed;
     // Holding libusb's event lock keeps the event-loop thread from reaping:
-    // both transfers fill, and then no transfer waits. About one hold in
+    // the transfers fill, and then none waits. About one hold in
     // five leaves no slot missed on either side (the cause is not pinned
     // down; the stream and the emulator then agree on none); a few more
     // holds make sure of one.
@@ -117,7 +118,7 @@ TEST(StreamTransfers, FramesTakenWhileNoTransferWaitedAreCountedMissed) {
     ASSERT_EQ(orb_stream_get_stats(0, &st), ORB_STREAM_OK);
     const uint64_t slots = s.slots_missed() - slots_before;
     const uint64_t missed = st.missed - missed_before;
-    // A hold of 150 ms is 89 slots, two of them filled before the transfers
+    // A hold of 150 ms is 89 slots, six of them filled before the transfers
     // ran out.
     // A slow host (a sanitizer, valgrind, a loaded machine) misses a few more
     // on its own, each reckoned to a whole slot by either side.

@@ -23,10 +23,16 @@ constexpr uint64_t frame_interval_ns(int shutter_speed) {
     return std::max<uint64_t>(kFrameBusTimeNs, ticks > 0 ? static_cast<uint64_t>(ticks) * kNsPerMasterTick : 0);
 }
 
+// The frame transfers a stream keeps in flight of its own, beside the
+// link's one (stream_transfers.h). Six in all cover a host kept from running
+// for 10 ms, as a machine whose cores are all busy keeps it now and then;
+// with two, such a machine missed up to one frame in forty.
+constexpr int kOwnTransfers = 5;
+
 // The most frames that can wait, taken but not yet seen by the host: one in
-// each transfer (the link's and the stream's second), and the one the sensor
+// each transfer, the link's and the stream's own, and the one the sensor
 // holds for a transfer until its next frame is due.
-constexpr int64_t kFramesWaiting = 3;
+constexpr int64_t kFramesWaiting = 1 + kOwnTransfers + 1;
 
 // Frames the sensor took that never arrived, reckoned from its pace: since
 // the first frame, one slot passes per interval, and a slot without a frame

@@ -8,7 +8,7 @@
 #include "frame_watch.h"
 #include "link_seam.h"
 #include "presence.h"
-#include "second_transfer.h"
+#include "stream_transfers.h"
 #include "sensor_requests.h"
 #include "../efm32com/orb_frame_samples.h"
 #include "../efm32com/orb_stm_commands.h"
@@ -43,8 +43,8 @@ void take(Session& s, const libusb_transfer* t, uint64_t now_ns) {
     // Stopped (or restarted for another handle) since the tap looked.
     if (!s.active || s.handle.load(std::memory_order_relaxed) != t->dev_handle) return;
     // A du... acquisition takes frames from the link's transfer: the
-    // stream's second one stops sharing them.
-    if (link::collecting_frames()) let_second_lapse_locked(s);
+    // stream's own ones stop sharing them.
+    if (link::collecting_frames()) let_own_lapse_locked(s);
     take_locked(s, t, now_ns);
 }
 
@@ -233,10 +233,10 @@ int start_stream(int index, uint32_t ring_frames, int timeout_ms) {
         return failed(r, handle);
     }
     {
-        // Frames from now on have a transfer waiting while the other one is
+        // Frames from now on have a transfer waiting while another one is
         // reaped and resubmitted.
         std::lock_guard<std::mutex> guard(s.lock);
-        submit_second_locked(s, handle);
+        submit_own_locked(s, handle);
     }
     // What continuous acquisition leaves behind: a later single shot of
     // the link then takes frames of this stream instead of restarting it.
@@ -270,24 +270,24 @@ int stop_stream(int index, int timeout_ms) {
         s.ring.release();
         failure = s.failure;
         // Whatever it takes from now on is the sensor's last frames.
-        let_second_lapse_locked(s);
+        let_own_lapse_locked(s);
     }
     const Deadline deadline = Deadline::in_ms(timeout_ms);
     libusb_device_handle* handle = link::handle_at(index);
     if (handle == nullptr || failure || link::ended()) {
-        retire_second(s, deadline);
+        retire_own(s, deadline);
         return handle == nullptr ? ORB_STREAM_ERR_NOT_CONNECTED : loss_result(handle);
     }
     // Three stops, as the link stops a stream: the controller can miss one
-    // while it is busy with a frame. The second transfer goes after them, not
-    // before: cancelled while the sensor fills it, it would leave the rest of
+    // while it is busy with a frame. The stream's transfers go after them, not
+    // before: one cancelled while the sensor fills it would leave the rest of
     // that frame to the link's transfer.
     int r = stream_request(handle, kCmdStreamStop, deadline);
     for (int i = 0; i < 2 && r == ORB_STREAM_OK; i++) {
         r = rest(kStreamGapMs, deadline);
         if (r == ORB_STREAM_OK) r = stream_request(handle, kCmdStreamStop, deadline);
     }
-    retire_second(s, deadline);
+    retire_own(s, deadline);
     if (r == ORB_STREAM_OK) link::mark_streaming(false);
     return failed(r, handle);
 }

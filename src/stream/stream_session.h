@@ -4,6 +4,7 @@
 // One stream per sensor index: its ring and counters, shared by the host's
 // thread and the event-loop thread, where the frame tap fills the ring.
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -45,12 +46,12 @@ struct Session {
     uint64_t interval_ns = 0;    // the sensor's pace at the stream's settings
     MissedFrames missed_frames;  // from the sensor's pace
 
-    // The stream's own frame transfer beside the link's (second_transfer.h):
+    // The stream's own frame transfers beside the link's (stream_transfers.h):
     // allocated at the first stream and kept for the life of the process.
-    libusb_transfer* second = nullptr;
-    bool second_in_flight = false;
-    bool second_retiring = false;  // not submitted again once it completes
-    std::condition_variable second_idle;
+    std::array<libusb_transfer*, kOwnTransfers> own{};
+    std::array<bool, kOwnTransfers> own_in_flight{};
+    bool own_retiring = false;  // not submitted again once they complete
+    std::condition_variable own_idle;
 };
 
 // The streams as the C entry points (orb_stream.cpp) drive them, their
