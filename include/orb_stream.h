@@ -73,8 +73,9 @@ typedef struct orb_stream_frame {
     /* Since the frame delivered before this one: frames the sensor took
      * while no transfer of the host was waiting for them, reckoned from the
      * interval the sensor keeps (its exposure, at least the bus's 32/19 ms)
-     * and the frames that arrived; told once the host is more than three
-     * frames behind that pace (the frames that may still be on their way).
+     * and the frames that arrived; told once the host is more than seven
+     * frames behind that pace (the frames that may still be on their way:
+     * one in each of the six transfers a stream keeps, one in the sensor).
      * In what was the record's tail padding: its size is unchanged. */
     uint32_t missed_before;
 } orb_stream_frame;
