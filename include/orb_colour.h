@@ -43,8 +43,8 @@ enum orb_colour_result {
 typedef struct orb_colour orb_colour;
 
 typedef struct orb_colorimetry {
-    /* CIE 1931 2 degree observer. X, Y, Z are sums over the colour-matching
-     * functions' 5 nm grid of S(l) xbar(l) * 5 nm, in the spectrum's own unit
+    /* CIE 1931 2 degree observer. X, Y, Z are the sums of S(l) xbar(l) dl
+     * (see orb_colour_compute for the grid), in the spectrum's own unit
      * times nm (with S in W/(sr m^2 nm), 683 Y is the luminance in cd/m^2). */
     double X, Y, Z;
     double x, y;
@@ -88,8 +88,11 @@ ORB_EXPORT void orb_colour_destroy(orb_colour* colour);
 
 /* The colorimetry of a spectrum given as count samples (wavelength in nm,
  * strictly ascending, covering 380 to 780 nm; value in any relative unit).
- * The spectrum is interpolated linearly onto the tables' grid; outside the
- * samples it counts as zero. */
+ * A spectrum whose samples all fall on the CIE tables' 5 nm grid, or that is
+ * coarser, is interpolated linearly onto that grid and summed there; one
+ * sampled between its points is summed on its own samples and the tables'
+ * points, the tables interpolated onto them, so that a line narrower than
+ * 5 nm keeps its weight. Outside the samples the spectrum counts as zero. */
 ORB_EXPORT int orb_colour_compute(const orb_colour* colour, const double* wavelength_nm, const double* value,
                                   int count, orb_colorimetry* result);
 

@@ -179,4 +179,46 @@ TEST_F(ColourTest, APeakBetweenSamplesIsPlacedBetweenThem) {
     EXPECT_NEAR(c.centroid_nm, 532.4, 0.1);
 }
 
+
+// A line narrower than the tables' 5 nm step, sampled finely between two of
+// their points, weighs what the colour-matching functions give there: its
+// tristimulus values move smoothly from one table point to the next instead
+// of falling to nothing between them.
+TEST_F(ColourTest, ANarrowLineBetweenTheTablesPointsKeepsItsWeight) {
+    const orbspectrum::SpectralFile cmf = orbspectrum::read_spectral_file("/usr/share/colord/cmf/CIE1931-2deg-XYZ.cmf");
+    const size_t lo = static_cast<size_t>((545.0 - cmf.start_nm) / cmf.step_nm + 0.5);
+    ASSERT_NEAR(cmf.wavelength(lo), 545.0, 1e-9);
+    for (double nm = 545.0; nm <= 550.0 + 1e-9; nm += 0.5) {
+        // Unit power, 0.3 nm wide at half height, sampled every 0.05 nm.
+        Spectrum s;
+        const double sigma = 0.3 / 2.3548;
+        for (int i = 0; i <= 8000; i++) {
+            const double l = 380.0 + 0.05 * i;
+            s.wavelength.push_back(l);
+            s.value.push_back(std::exp(-0.5 * (l - nm) * (l - nm) / (sigma * sigma)) / (sigma * std::sqrt(2 * M_PI)));
+        }
+        const orb_colorimetry c = compute(s);
+        const double f = (nm - 545.0) / 5.0;
+        double blend[3];
+        for (size_t k = 0; k < 3; k++) blend[k] = (1 - f) * cmf.sets[k][lo] + f * cmf.sets[k][lo + 1];
+        // The tables curve between their points: within 1% of the straight line.
+        EXPECT_NEAR(c.X, blend[0], 0.01 * blend[0]) << nm;
+        EXPECT_NEAR(c.Y, blend[1], 0.01 * blend[1]) << nm;
+        EXPECT_NEAR(c.x, blend[0] / (blend[0] + blend[1] + blend[2]), 2e-3) << nm;
+        EXPECT_NEAR(c.y, blend[1] / (blend[0] + blend[1] + blend[2]), 2e-3) << nm;
+    }
+}
+
+// A smooth spectrum gives the same colour however finely it is sampled.
+TEST_F(ColourTest, ASmoothSpectrumHasOneColourAtEverySampling) {
+    const orb_colorimetry coarse = compute(planckian(4000, 360, 830, 5));
+    for (double step : {0.5, 1.0, 2.0, 3.0}) {
+        const orb_colorimetry fine = compute(planckian(4000, 360, 830, step));
+        EXPECT_NEAR(fine.x, coarse.x, 2e-5) << step;
+        EXPECT_NEAR(fine.y, coarse.y, 2e-5) << step;
+        EXPECT_NEAR(fine.cct_k, coarse.cct_k, 2.0) << step;
+        EXPECT_NEAR(fine.ra, coarse.ra, 0.05) << step;
+    }
+}
+
 }  // namespace

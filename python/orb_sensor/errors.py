@@ -95,3 +95,13 @@ class OrbValueError(OrbError, ValueError):
 
 class OrbTypeError(OrbError, TypeError):
     """An argument of the wrong type: nothing was sent to the sensor."""
+
+
+class CalibrationError(OrbError):
+    """A sensor's calibration cannot be used: none found for its ID (the
+    text names the places searched and how to make or install one), another
+    sensor's, another layout version, or a damaged file."""
+
+
+class SpectrumError(OrbError):
+    """A spectrum or a colour could not be computed from the data given."""

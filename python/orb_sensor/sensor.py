@@ -7,8 +7,9 @@ follows its sensor by ID. Calls on one sensor from several threads run one
 after the other; two sensors work at once.
 """
 
+import os
 import time
-from typing import Any, Dict, FrozenSet, Iterable, List, Optional, Tuple
+from typing import Any, Dict, FrozenSet, Iterable, List, Optional, Tuple, Union
 
 import numpy as np
 
@@ -17,8 +18,10 @@ from ._process import supervisor, usb_nodes
 from .errors import NoSensorError, OrbTypeError, OrbValueError, SensorLostError
 from .exposure import LIGHT_CHANGED, ON_TARGET, TOO_BRIGHT, TOO_DIM, AutoExposure, format_ms
 from .facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, LED_MODULE_ID,
-                    MAX_VALUE, SHUTTER_SPEED_LIMITS, blank_time, exposure_ms, frame_period_s, shutter_speed_for)
+                    MAX_VALUE, NUM_FILTERS, SHUTTER_SPEED_LIMITS, blank_time, exposure_ms, frame_period_s, shutter_speed_for)
+from ._spectrum.sensor_spectra import SensorSpectra
 from .frame import Frame, saturated_filters
+from .spectrum import CalibrationSource, Spectrum
 from .stream import Stream
 
 # Time-outs in seconds: for a setting (a few requests of at most 1 s each),
@@ -96,6 +99,7 @@ class Sensor:
         # subtracted only from frames of its own exposure.
         self._darks: Dict[int, np.ndarray] = {}
         self._dark_correction = False
+        self._spectra = SensorSpectra(id)
 
     @staticmethod
     def list() -> List[str]:
@@ -313,6 +317,75 @@ class Sensor:
         from . import _recording
         _recording.check_output_path(path)
         return _recording.open_writer(kind, path, _recording.run_metadata(self, averages))
+
+    # Spectra.
+
+    def spectrum(self, averages: int = 1, refine: bool = False, dark: Optional[Any] = None,
+                 calibration: Union[str, "os.PathLike[str]", None] = None,
+                 step: Optional[float] = None, timeout: Optional[float] = None) -> Spectrum:
+        """A Spectrum of `averages` frames read now, made with the sensor's
+        calibration: the file found by its ID (docs/spectra.md says where),
+        or the file `calibration` (refused when it is another sensor's).
+        On the calibration's own wavelengths, or every `step` nm (0.5 to
+        10). `refine` fits line spectra without negative values and finds
+        their lines (slower; Spectrum.lines).
+
+        The dark subtracted is at the frame's exposure: `dark` (1024 counts
+        taken with the sensor covered at this exposure), else the one dark()
+        took at this shutter speed. With neither, the spectrum would be off
+        by the dark level, so it is refused (OrbValueError): cover the
+        sensor and call dark() at this exposure first. A sensor with no
+        calibration raises CalibrationError, which says where one was looked
+        for and how to make one (`orb-sensor calibrate`). The operator built
+        from a calibration is kept for the next call with the same grid and
+        averages."""
+        averages = checks.integer("averages", averages, 1, checks.INT_MAX)
+        if not isinstance(refine, (bool, np.bool_)):
+            raise OrbTypeError(f"refine must be True or False, not {refine!r}")
+        if step is not None:
+            step = checks.number("step", step, 0.5, 10.0)
+        given_dark = None if dark is None else self._check_dark(dark)
+        if given_dark is not None and self._dark_correction:
+            raise OrbValueError("dark= is given but dark_correction is on, which subtracts dark()'s own: "
+                                "switch it off to subtract this one")
+        operator, source = self._spectra.operator(calibration, step, averages)
+        with self._lock:
+            shutter = self._known_settings()["shutter_speed"]
+            if given_dark is None and not self._dark_correction and shutter not in self._darks:
+                raise OrbValueError(
+                    f"no dark frame at shutter speed {shutter} ({format_ms(exposure_ms(shutter))} ms): a spectrum "
+                    "without one is off by the dark level; cover the sensor and call dark() at this exposure, "
+                    "or pass dark=")
+            frame = self.read(averages, timeout)
+        background = None
+        if not frame.dark_corrected:
+            background = given_dark if given_dark is not None else self._darks[frame.shutter_speed]
+        lines = None
+        if refine:
+            values, lines = operator.refine(frame.values, background, frame.exposure_ms)
+        else:
+            values = operator.apply(frame.values, background, frame.exposure_ms)
+        return Spectrum(operator.wavelengths, values, seq=frame.seq, timestamp=frame.timestamp,
+                        shutter_speed=frame.shutter_speed, exposure_ms=frame.exposure_ms, averages=averages,
+                        lost=frame.lost, saturated=frame.saturated, sensor_id=self._id, calibration=source,
+                        lines=lines)
+
+    def calibration(self, path: Union[str, "os.PathLike[str]", None] = None) -> CalibrationSource:
+        """The calibration spectrum() uses: the file found by the sensor's ID,
+        or `path` (refused when it is another sensor's). Raises
+        CalibrationError saying how to make or install one when there is
+        none. Asks the sensor nothing."""
+        return self._spectra.source(path)
+
+    @staticmethod
+    def _check_dark(dark: Any) -> np.ndarray:
+        try:
+            values = np.asarray(dark, dtype=np.float64)
+        except (TypeError, ValueError):
+            raise OrbTypeError(f"dark must be 1024 numbers, not {type(dark).__name__}") from None
+        if values.shape != (NUM_FILTERS,) or not np.all(np.isfinite(values)):
+            raise OrbValueError(f"dark must be 1024 finite numbers, not {values.size} values")
+        return values
 
     # Auto-exposure and dark.
 

@@ -53,8 +53,8 @@ CieTables load_cie_tables(const std::string& dir) {
     const SpectralFile tcs = read_table(tcs_path, kTestColourSamples);
 
     CieTables t;
-    t.step_nm = cmf2.step_nm;
     for (size_t i = 0; i < cmf2.sets[0].size(); i++) t.wavelength_nm.push_back(cmf2.wavelength(i));
+    t.weight_nm.assign(t.wavelength_nm.size(), cmf2.step_nm);
     t.cmf_2deg = {cmf2.sets[0], cmf2.sets[1], cmf2.sets[2]};
     t.cmf_10deg = three(cmf10, t.wavelength_nm);
     t.daylight = three(daylight, t.wavelength_nm);

@@ -7,11 +7,15 @@
 
 namespace orbspectrum {
 
-// The CIE tables the colorimetry needs, all on the grid of the 1931
-// colour-matching functions as colord-data has them (360 to 830 nm, 5 nm).
+// The CIE tables the colorimetry needs, all on one grid: as loaded, the grid
+// of the 1931 colour-matching functions as colord-data has them (360 to
+// 830 nm, 5 nm); for a spectrum sampled between those, the grid of
+// integration_tables (integration_grid.h).
 struct CieTables {
     std::vector<double> wavelength_nm;
-    double step_nm = 0;
+    // Each sample's share of the integral: the grid's step on the tables' own
+    // grid (CIE 15's summation), trapezoid weights on another.
+    std::vector<double> weight_nm;
     std::array<std::vector<double>, 3> cmf_2deg;   // xbar, ybar, zbar, CIE 1931
     std::array<std::vector<double>, 3> cmf_10deg;  // CIE 1964
     std::array<std::vector<double>, 3> daylight;   // S0, S1, S2 (CIE 15)

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "colour_rendering.h"
+#include "integration_grid.h"
 #include "peak_centroid.h"
 #include "tristimulus.h"
 
@@ -33,10 +34,12 @@ ColourContext::ColourContext(const std::string& data_dir)
 int ColourContext::compute(const double* wl, const double* value, int count, orb_colorimetry& out) const {
     const int status = check_spectrum(wl, value, count);
     if (status != ORB_COLOUR_OK) return status;
+    CieTables own;
+    const CieTables& on = integration_tables(tables_, wl, count, own);
     std::vector<double> s;
-    resample(wl, value, count, tables_.wavelength_nm, s);
-    const Xyz c2 = tristimulus(s, tables_.cmf_2deg, tables_.step_nm);
-    const Xyz c10 = tristimulus(s, tables_.cmf_10deg, tables_.step_nm);
+    resample(wl, value, count, on.wavelength_nm, s);
+    const Xyz c2 = tristimulus(s, on.cmf_2deg, on.weight_nm);
+    const Xyz c10 = tristimulus(s, on.cmf_10deg, on.weight_nm);
     const double sum2 = c2.X + c2.Y + c2.Z, sum10 = c10.X + c10.Y + c10.Z;
     if (!(c2.Y > 0) || !(sum2 > 0) || !(sum10 > 0)) return ORB_COLOUR_ERR_DARK;
 
@@ -59,7 +62,7 @@ int ColourContext::compute(const double* wl, const double* value, int count, orb
     out.cct_k = t.cct_k;
     out.duv = t.duv;
     if (t.in_range) {
-        const ColourRendering cri = colour_rendering(tables_, s, c2, t.cct_k);
+        const ColourRendering cri = colour_rendering(on, s, c2, t.cct_k);
         out.ra = cri.ra;
         for (int i = 0; i < kSpecialIndices; i++) out.r[i] = cri.r[static_cast<size_t>(i)];
         out.delta_c = cri.delta_c;

@@ -51,7 +51,7 @@ ColourRendering colour_rendering(const CieTables& tables, const std::vector<doub
     const std::vector<double> ref = cct_k < kDaylightReferenceFromK
                                         ? planckian_spectrum(tables.wavelength_nm, cct_k)
                                         : daylight_spectrum(tables, cct_k);
-    const Xyz r_xyz = tristimulus(ref, tables.cmf_2deg, tables.step_nm);
+    const Xyz r_xyz = tristimulus(ref, tables.cmf_2deg, tables.weight_nm);
     const Uv k = uv_1960(s_xyz), r = uv_1960(r_xyz);
     const Cd ck = cd(k), cr = cd(r);
     const double scale_k = 100.0 / s_xyz.Y, scale_r = 100.0 / r_xyz.Y;
@@ -61,8 +61,8 @@ ColourRendering colour_rendering(const CieTables& tables, const std::vector<doub
     double sum = 0;
     for (int i = 0; i < kSpecialIndices; i++) {
         const std::vector<double>& tcs = tables.tcs[static_cast<size_t>(i)];
-        const Xyz under_r = tristimulus(ref, tcs, tables.cmf_2deg, tables.step_nm);
-        const Xyz under_k = tristimulus(s, tcs, tables.cmf_2deg, tables.step_nm);
+        const Xyz under_r = tristimulus(ref, tcs, tables.cmf_2deg, tables.weight_nm);
+        const Xyz under_k = tristimulus(s, tcs, tables.cmf_2deg, tables.weight_nm);
         const Uv ri = uv_1960(under_r), ki = uv_1960(under_k);
         // The sample under the source, adapted to the reference's white.
         const Cd cki = cd(ki);

@@ -4,6 +4,8 @@
 
 #include <cmath>
 
+#include "integration_grid.h"
+
 namespace orbspectrum {
 
 namespace {
@@ -18,6 +20,9 @@ constexpr double kTriangularDuvLimit = 0.002;
 // The method's own error must not push a radiator at an end of the range out
 // of it.
 constexpr double kRangeSlack = 1e-3;
+// The locus is a property of the continuous radiator: it is integrated at
+// 1 nm (the CIE's own grid for it), the tables interpolated onto that.
+constexpr double kLocusStepNm = 1.0;
 
 }  // namespace
 
@@ -32,11 +37,16 @@ std::vector<double> planckian_spectrum(const std::vector<double>& grid_nm, doubl
     return out;
 }
 
-PlanckianLocus::PlanckianLocus(const CieTables& tables) {
+PlanckianLocus::PlanckianLocus(const CieTables& base) {
+    std::vector<double> grid;
+    for (double nm = base.wavelength_nm.front(); nm <= base.wavelength_nm.back() + 1e-9; nm += kLocusStepNm)
+        grid.push_back(nm);
+    CieTables fine;
+    const CieTables& tables = integration_tables(base, grid.data(), static_cast<int>(grid.size()), fine);
     // One step beyond each end, so that every temperature in range has a
     // neighbour on both sides.
     for (double t = kMinCctK / kStep; t < kMaxCctK * kStep * kStep; t *= kStep) {
-        const Uv p = uv_1960(tristimulus(planckian_spectrum(tables.wavelength_nm, t), tables.cmf_2deg, tables.step_nm));
+        const Uv p = uv_1960(tristimulus(planckian_spectrum(tables.wavelength_nm, t), tables.cmf_2deg, tables.weight_nm));
         t_.push_back(t);
         u_.push_back(p.u);
         v_.push_back(p.v);

@@ -24,7 +24,7 @@ struct CctDuv {
 };
 
 // The Planckian locus in the CIE 1960 UCS, tabulated with the 1931
-// colour-matching functions, and Ohno's combined triangular and parabolic
+// colour-matching functions at 1 nm, and Ohno's combined triangular and parabolic
 // search on it (LEUKOS 10(1), 2014).
 class PlanckianLocus {
 public:

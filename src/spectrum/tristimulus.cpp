@@ -1,4 +1,4 @@
-// Tristimulus values by summation on the colour-matching functions' grid.
+// Tristimulus values by weighted sums on the tables' grid.
 
 #include "tristimulus.h"
 
@@ -18,26 +18,28 @@ void resample(const double* wl, const double* value, int count, const std::vecto
     }
 }
 
-Xyz tristimulus(const std::vector<double>& s, const std::array<std::vector<double>, 3>& cmf, double step_nm) {
+Xyz tristimulus(const std::vector<double>& s, const std::array<std::vector<double>, 3>& cmf,
+                const std::vector<double>& weight_nm) {
     double x = 0, y = 0, z = 0;
     for (size_t i = 0; i < s.size(); i++) {
-        x += s[i] * cmf[0][i];
-        y += s[i] * cmf[1][i];
-        z += s[i] * cmf[2][i];
+        const double sw = s[i] * weight_nm[i];
+        x += sw * cmf[0][i];
+        y += sw * cmf[1][i];
+        z += sw * cmf[2][i];
     }
-    return {x * step_nm, y * step_nm, z * step_nm};
+    return {x, y, z};
 }
 
 Xyz tristimulus(const std::vector<double>& s, const std::vector<double>& reflectance,
-                const std::array<std::vector<double>, 3>& cmf, double step_nm) {
+                const std::array<std::vector<double>, 3>& cmf, const std::vector<double>& weight_nm) {
     double x = 0, y = 0, z = 0;
     for (size_t i = 0; i < s.size(); i++) {
-        const double sr = s[i] * reflectance[i];
+        const double sr = s[i] * reflectance[i] * weight_nm[i];
         x += sr * cmf[0][i];
         y += sr * cmf[1][i];
         z += sr * cmf[2][i];
     }
-    return {x * step_nm, y * step_nm, z * step_nm};
+    return {x, y, z};
 }
 
 Uv uv_1960(const Xyz& c) {

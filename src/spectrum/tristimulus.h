@@ -21,11 +21,13 @@ struct Uv {
 void resample(const double* wl, const double* value, int count, const std::vector<double>& grid_nm,
               std::vector<double>& out);
 
-// CIE 15's summation on the tables' grid: X = sum S(l) xbar(l) dl.
-Xyz tristimulus(const std::vector<double>& s, const std::array<std::vector<double>, 3>& cmf, double step_nm);
+// The sum over the tables' grid X = sum S(l) xbar(l) w(l), w the weights of
+// CieTables::weight_nm.
+Xyz tristimulus(const std::vector<double>& s, const std::array<std::vector<double>, 3>& cmf,
+                const std::vector<double>& weight_nm);
 // The same for S(l) R(l), a surface of reflectance R under S.
 Xyz tristimulus(const std::vector<double>& s, const std::vector<double>& reflectance,
-                const std::array<std::vector<double>, 3>& cmf, double step_nm);
+                const std::array<std::vector<double>, 3>& cmf, const std::vector<double>& weight_nm);
 
 Uv uv_1960(const Xyz& c);
 

@@ -31,9 +31,11 @@ printf '#include <orb_spectrum.h>\nint main(void) { return orb_spectrum_apply(0,
   cc -std=c99 -Wall -Wextra -Werror -x c - -o "$work/spectrum_header" $(pkg-config --cflags --libs orb_spectrum)
 "$work/spectrum_header"
 
-cp -r "$examples/c_host" "$examples/c_stream_host" "$examples/cpp_host" "$examples/colour_host" "$work/"
+cp -r "$examples/c_host" "$examples/c_stream_host" "$examples/cpp_host" "$examples/colour_host" \
+  "$examples/spectrum_host" "$work/"
 make -s -C "$work/c_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
 make -s -C "$work/colour_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
+make -s -C "$work/spectrum_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
 make -s -C "$work/c_stream_host" CFLAGS="-Wall -Wextra -Werror" >/dev/null
 cmake -S "$work/cpp_host" -B "$work/cpp_host/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cpp_host/build" >/dev/null
@@ -55,6 +57,19 @@ grep -q '^frames: [0-9]*, rate: .* frames/s, lost: 0, missed: [0-9]*$' <<<"$out"
     tr -s ' \t' '\n\n' | awk 'NF { printf "%d,%s\n", 300 + n++, $1 }'; } >"$work/a.csv"
 out=$("$work/colour_host/orb_colour_host" "$work/a.csv")
 grep -qxF 'CCT 2856 K' <<<"$out" && grep -qxF 'x 0.44757' <<<"$out" || { echo "colour host: $out"; exit 1; }
+
+# The spectrum host needs no sensor either: a calibration of a synthetic unit
+# (Gaussian filters of the tests' own, written by the installed package) and
+# that unit's frame of a narrow line at 612.3 nm with 100 counts of dark.
+PYTHONPATH="$prefix/lib/python3/dist-packages:$(dirname "$0")/../../python/tests" \
+  ORB_SPECTRUM_LIBRARY="$libdir/liborb_spectrum.so.1" /usr/bin/python3 -m synthetic_calibration \
+  "$work/unit.h5" C1234-7-20-33-1 --frame "$work/line.txt" --line 612.3 --exposure-ms 10
+printf '100\n%.0s' $(seq 1024) >"$work/dark.txt"
+out=$("$work/spectrum_host/orb_spectrum_host" "$work/unit.h5" "$work/line.txt" 10 "$work/dark.txt")
+grep -qxF 'wavelength_nm,value' <<<"$out" && [ "$(grep -c '^[0-9.]*,' <<<"$out")" = 381 ] ||
+  { echo "spectrum host: $(head -3 <<<"$out")"; exit 1; }
+peak=$(grep -m1 '^# peak ' <<<"$out" | awk '{print $3}')
+awk -v p="$peak" 'BEGIN { exit !(p > 611.8 && p < 612.8) }' || { echo "spectrum host peak: $peak"; exit 1; }
 
 # The installed launcher and tool work without the source tree: the tool
 # finds the launcher beside itself, the launcher its access library in lib/.

@@ -46,6 +46,17 @@ def exposure_ms(text):
     return value
 
 
+def step_nm(text):
+    """A spectrum's grid step in nm."""
+    try:
+        value = float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"{text!r} is not a number of nm") from None
+    if not math.isfinite(value) or not 0.5 <= value <= 10:
+        raise argparse.ArgumentTypeError(f"must be between 0.5 and 10 nm, not {text}")
+    return value
+
+
 def sensor(text):
     """An index (0 upward) or an ID text."""
     if text.isascii() and text.isdigit():

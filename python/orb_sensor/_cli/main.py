@@ -1,6 +1,7 @@
 """orb-sensor: the spectral sensor on the command line.
 
-Exit status: 0 done, 1 no sensor (or no LED module), 2 bad use, 3 a failure
+Exit status: 0 done, 1 no sensor (or no LED module), 2 bad use (a calibration
+missing or refused among it), 3 a failure
 of the library, 4 the sensor was lost, did not answer in time or refused a request.
 """
 
@@ -11,12 +12,13 @@ import sys
 
 from .. import __version__
 from ..checks import INT_MAX
-from ..errors import (NoSensorError, OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorRefusedError,
+from ..errors import (CalibrationError, NoSensorError, OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorRefusedError,
                       SensorTimeoutError)
 from ..facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, MAX_VALUE,
                      SHUTTER_SPEED_LIMITS)
 from ..led import MAX_CHANNELS, MAX_INTENSITY, NoLedModuleError
 from . import arguments, doctor, emulation
+from . import spectra
 from .commands import COMMANDS, NO_DEVICE_HELP, no_sensor_message
 from .progress import Progress
 
@@ -62,6 +64,22 @@ def _per_ms(p):
                    help="values in DN per ms of exposure, so that frames of different exposures compare")
 
 
+def _spectrum_options(p):
+    _sensor_options(p)
+    p.add_argument("-n", "--averages", type=arguments.whole(1, INT_MAX), default=1, metavar="N",
+                   help="frames averaged into the spectrum (default 1)")
+    p.add_argument("--calibration", metavar="FILE",
+                   help="the sensor's calibration file (default: found by the sensor's ID)")
+    _exposure_options(p)
+    dark = p.add_mutually_exclusive_group()
+    dark.add_argument("--take-dark", action="store_true",
+                      help="take a dark frame at the exposure first: asks you to cover the sensor, then to "
+                           "uncover it (Enter on standard input)")
+    dark.add_argument("--dark", metavar="FILE",
+                      help="a dark frame from `orb-sensor acquire` (CSV or --json), taken covered at the "
+                           "exposure; without exposure options the spectrum is taken at its exposure")
+
+
 def parser():
     p = argparse.ArgumentParser(prog=PROG, description="Spectral sensor access.")
     p.add_argument("--version", action="version", version=f"{PROG} {__version__}")
@@ -103,6 +121,31 @@ def parser():
     _exposure_options(r)
     r.add_argument("-o", "--output", required=True, metavar="FILE.h5", help="the HDF5 file to write")
     r.add_argument("--force", action="store_true", help="overwrite FILE.h5 when it exists")
+
+    sp = sub.add_parser("spectrum", help="a spectrum (power per nm) with the sensor unit's calibration",
+                        description="A spectrum from the sensor's filter data, with the unit's calibration. "
+                                    "With no exposure option, an auto-exposure first. Needs a dark frame at "
+                                    "the exposure: --take-dark or --dark FILE.")
+    _spectrum_options(sp)
+    sp.add_argument("--step", type=arguments.step_nm, metavar="NM",
+                    help="a grid every NM nm, 0.5 to 10 (default: the calibration's wavelengths)")
+    sp.add_argument("--refine", action="store_true",
+                    help="fit line spectra without negative values and find their lines (slower)")
+    sp.add_argument("--peaks", action="store_true",
+                    help="print the peaks (and with --refine the lines); the CSV then goes only to -o")
+    sp.add_argument("-o", "--output", metavar="FILE",
+                    help="write the CSV (wavelength_nm,value after a # header) here (default: stdout)")
+
+    col = sub.add_parser("colour", aliases=["color"],
+                         help="CCT, Duv, chromaticity and colour rendering of the light the sensor sees, or of "
+                              "a spectrum file",
+                         description="The colorimetry of a spectrum: from the sensor (as `spectrum` takes it) "
+                                     "or from a file with --from-file.")
+    _spectrum_options(col)
+    col.add_argument("--from-file", metavar="SPECTRUM.csv",
+                     help="a wavelength_nm,value file (# comments and a header line allowed) instead of the "
+                          "sensor")
+    col.add_argument("--json", action="store_true", help="one JSON object with every quantity")
 
     led = sub.add_parser(
         "led", help="switch the LED module's channels and set their intensity",
@@ -157,7 +200,8 @@ def _fail(progress, text, status):
 
 def _run(args, progress):
     try:
-        return {**COMMANDS, "view": _view}[args.command](args, progress)
+        return {**COMMANDS, "view": _view, "spectrum": spectra.spectrum, "colour": spectra.colour,
+                "color": spectra.colour}[args.command](args, progress)
     except NoSensorError as e:
         progress.done()
         sys.stderr.write(no_sensor_message(e))
@@ -166,7 +210,7 @@ def _run(args, progress):
         return _fail(progress, f"led: {e}\n" + NO_DEVICE_HELP.rstrip("\n"), EXIT_NO_SENSOR)
     except (SensorLostError, SensorTimeoutError, SensorRefusedError) as e:
         return _fail(progress, str(e), EXIT_LOST)
-    except (OrbValueError, OrbTypeError) as e:
+    except (OrbValueError, OrbTypeError, CalibrationError) as e:
         return _fail(progress, str(e), EXIT_USAGE)
     except OrbError as e:
         return _fail(progress, f"the sensor library failed: {e}", EXIT_LIBRARY)
@@ -174,7 +218,7 @@ def _run(args, progress):
         return _fail(progress, "interrupted", EXIT_INTERRUPTED)
 
 
-COMMAND_NAMES = ("list", "acquire", "stream", "record", "led", "doctor", "view")
+COMMAND_NAMES = ("list", "acquire", "stream", "record", "spectrum", "colour", "color", "led", "doctor", "view")
 
 
 def main(argv=None):

@@ -1,0 +1,142 @@
+"""orb-sensor spectrum and colour: a spectrum from the sensor with its
+unit's calibration, and the colour of it or of a spectrum file."""
+
+import json
+import math
+import sys
+
+from ..colour import colorimetry
+from ..errors import OrbValueError
+from ..exposure import format_ms
+from ..facts import exposure_ms
+from ..spectrum import Spectrum
+from .commands import _expose, _open_sensor, _read_timeout, check_output
+from .dark_file import read_dark
+
+NO_DARK = ("a spectrum needs a dark frame at its exposure, or it is off by the dark level: give --take-dark "
+           "(you cover the sensor when asked), or --dark FILE (a frame from `orb-sensor acquire` taken with "
+           "the sensor covered)")
+DARK_AVERAGES = 16
+# Options that only make sense with a sensor: refused beside --from-file.
+SENSOR_OPTIONS = ("sensor", "timeout", "calibration", "step", "shutter", "exposure_ms", "auto_exposure",
+                  "target", "filters", "gain", "adc_range", "dark", "take_dark")
+
+
+def _ask(prompt):
+    """Waits for Enter (a line on stdin) after saying what to do."""
+    sys.stderr.write(prompt + ", then press Enter\n")
+    sys.stderr.flush()
+    if not sys.stdin.readline():
+        raise OrbValueError("--take-dark: no answer on standard input")
+
+
+def measure(args, progress):
+    """The Spectrum the options ask for, from the sensor."""
+    dark_file = read_dark(args.dark) if args.dark is not None else None
+    if dark_file is None and not args.take_dark:
+        raise OrbValueError(NO_DARK)
+    if dark_file is not None and args.shutter is None and args.exposure_ms is None and not args.auto_exposure:
+        # The dark fixes the exposure: an auto-exposure would move away from it.
+        args.shutter = dark_file.shutter_speed
+        sys.stderr.write(f"exposure of the dark in {args.dark}: shutter speed {args.shutter} "
+                         f"({format_ms(exposure_ms(args.shutter))} ms)\n")
+    progress.step("connecting the sensors")
+    with _open_sensor(args.sensor, args.timeout) as sensor:
+        progress.step("loading the calibration")
+        source = sensor.calibration(args.calibration)
+        _expose(sensor, args, progress, auto_by_default=True)
+        shutter = sensor.shutter_speed
+        dark = None
+        if dark_file is not None:
+            if dark_file.shutter_speed != shutter:
+                raise OrbValueError(
+                    f"--dark {args.dark} was taken at shutter speed {dark_file.shutter_speed}, the spectrum at "
+                    f"{shutter}: give --shutter {dark_file.shutter_speed}, or a dark taken at {shutter}")
+            dark = dark_file.values
+        else:
+            progress.done()
+            _ask(f"cover the sensor for a dark frame at shutter speed {shutter} ({format_ms(exposure_ms(shutter))} ms)")
+            progress.step("taking the dark frame")
+            dark = sensor.dark(max(DARK_AVERAGES, args.averages), timeout=_read_timeout(args, shutter))
+            progress.done()
+            _ask("uncover the sensor")
+        progress.step(f"acquiring {args.averages} frame(s) for the spectrum"
+                      + (" and refining it" if getattr(args, "refine", False) else ""))
+        spectrum = sensor.spectrum(averages=args.averages, refine=getattr(args, "refine", False), dark=dark,
+                                   calibration=args.calibration, step=getattr(args, "step", None),
+                                   timeout=_read_timeout(args, shutter))
+    progress.done()
+    sys.stderr.write(f"calibration of {source.sensor_id} made {source.created} ({source.path})\n")
+    if spectrum.saturated.size:
+        sys.stderr.write(f"warning: {spectrum.saturated.size} filter(s) saturated: the spectrum is wrong where "
+                         "they see; use a shorter exposure\n")
+    return spectrum
+
+
+def _print_peaks(spectrum, out):
+    for p in spectrum.peaks():
+        out.write(f"peak {p.wavelength_nm:.2f} nm height {p.height:.6g} fwhm {p.fwhm_nm:.2f} nm "
+                  f"prominence {p.prominence:.6g}\n")
+    for line in spectrum.lines or ():
+        out.write(f"line {line.wavelength_nm:.3f} nm power {line.power:.6g}\n")
+
+
+def spectrum(args, progress):
+    if args.output not in (None, "-"):
+        check_output(args.output)
+    result = measure(args, progress)
+    if args.output not in (None, "-"):
+        result.to_csv(args.output)
+    elif not args.peaks:
+        sys.stdout.write(result.to_csv())
+    if args.peaks:
+        _print_peaks(result, sys.stdout)
+    return 0
+
+
+def _json_number(value):
+    return None if isinstance(value, float) and math.isnan(value) else value
+
+
+def _print_colour(c, out):
+    out.write(f"X {c.X:.6g}\nY {c.Y:.6g}\nZ {c.Z:.6g}\n")
+    out.write(f"x {c.x:.5f}\ny {c.y:.5f}\nu' {c.u_prime:.5f}\nv' {c.v_prime:.5f}\n")
+    if math.isnan(c.cct_k):
+        out.write("CCT none (outside 1000 to 100000 K)\n")
+    else:
+        out.write(f"CCT {c.cct_k:.0f} K\nDuv {c.duv:.5f}\n")
+        note = "" if c.ra_meaningful else " (not meaningful: too far from the reference illuminant)"
+        out.write(f"Ra {c.ra:.1f}{note}\n")
+        out.write("R1-R14 " + " ".join(f"{r:.1f}" for r in c.r) + "\n")
+    out.write(f"peak {c.peak_nm:.1f} nm\ncentroid {c.centroid_nm:.1f} nm\n")
+    if math.isnan(c.dominant_nm):
+        out.write("dominant none (the white point)\n")
+    elif c.dominant_nm < 0:
+        out.write(f"complementary {-c.dominant_nm:.1f} nm\n")
+    else:
+        out.write(f"dominant {c.dominant_nm:.1f} nm\n")
+    out.write(f"purity {c.purity:.4f}\n")
+
+
+def colour(args, progress):
+    if args.from_file is not None:
+        given = [name for name in SENSOR_OPTIONS if getattr(args, name, None) not in (None, False, 0)]
+        if given or args.averages != 1:
+            option = "--" + (given[0].replace("_", "-") if given else "averages")
+            raise OrbValueError(f"--from-file computes the colour of a file and takes no sensor options "
+                                f"(not {option})")
+        source = Spectrum.from_csv(args.from_file, name=f"--from-file {args.from_file}")
+        try:
+            result = source.colour()
+        except OrbValueError as e:
+            raise OrbValueError(f"--from-file {args.from_file}: {e}") from None
+    else:
+        result = measure(args, progress).colour()
+    if args.json:
+        doc = {k: ([_json_number(r) for r in v] if k == "r" else _json_number(v))
+               for k, v in result.as_dict().items()}
+        json.dump(doc, sys.stdout, indent=1)
+        sys.stdout.write("\n")
+    else:
+        _print_colour(result, sys.stdout)
+    return 0
