@@ -45,10 +45,11 @@ FRAMES_PASSED_OVER = 2
 FRAMES_BEFORE_UNPLUG = 300
 
 
-def frames_sent():
-    """The sensor's own count of the frames it has sent since the bench began."""
+def sensor_counts():
+    """The sensor's own counts since the bench began: frames sent, and slots
+    of its pace that passed with no frame sent."""
     line = next(l for l in bench("status") if l.startswith("0 "))
-    return int(line.split("frames=", 1)[1].split()[0])
+    return tuple(int(line.split(word, 1)[1].split()[0]) for word in ("frames=", "missed="))
 
 
 def process_cpu_s(pid):
@@ -76,7 +77,7 @@ class Snapshot:
         self.own, self.consumer = own_cpu_s(), time.thread_time()
         self.worker = process_cpu_s(worker_pid)
         self.emulator = process_cpu_s(emulator_pid) if emulator_pid else None
-        self.sent = frames_sent()
+        self.sent, self.slots_missed = sensor_counts()
 
 
 def stream(sensor, seconds):
@@ -85,12 +86,13 @@ def stream(sensor, seconds):
     # The package names its worker process nowhere else.
     worker = supervisor.shared()._worker.process.pid
     emulator = launcher_pid()
-    delivered, lost, first = 0, 0, None
+    delivered, lost, missed, first = 0, 0, 0, None
     frames = sensor.stream()
     try:
         for frame in frames:
             delivered += 1
             lost += frame.lost
+            missed += frame.missed
             if first is None:
                 first = Snapshot(worker, emulator, frame.seq)
             elif time.monotonic() - first.time >= seconds:
@@ -105,7 +107,8 @@ def stream(sensor, seconds):
     sent = last.seq - first.seq
     row = {"seconds": wall, "delivered": delivered, "sent_by_seq": sent + 1,
            "delivered_per_sent": delivered / (sent + 1), "delivered_fps": after_first / wall,
-           "sensor_sent": last.sent - first.sent, "sensor_fps": (last.sent - first.sent) / wall, "lost": lost,
+           "sensor_sent": last.sent - first.sent, "sensor_fps": (last.sent - first.sent) / wall, "lost": lost, "missed": missed,
+           "sensor_slots_missed": last.slots_missed - first.slots_missed,
            "user_cpu_us_per_frame": (last.own - first.own) / after_first * 1e6,
            "consumer_cpu_us_per_frame": (last.consumer - first.consumer) / after_first * 1e6,
            "worker_cpu_us_per_frame": (last.worker - first.worker) / after_first * 1e6,
@@ -196,7 +199,8 @@ def unplug_and_replug(sensor, rounds):
 
 
 UNITS = {"seconds": "s", "delivered": "frames", "sent_by_seq": "frames", "sensor_sent": "frames",
-         "delivered_fps": "frames/s", "sensor_fps": "frames/s", "lost": "frames", "chain_cores": "cores",
+         "delivered_fps": "frames/s", "sensor_fps": "frames/s", "lost": "frames", "missed": "frames",
+         "sensor_slots_missed": "frames", "chain_cores": "cores",
          "frames_after_unplug": "frames", "reads_until_frame": "calls"}
 
 

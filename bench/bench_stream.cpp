@@ -43,6 +43,8 @@ struct StreamRun {
     uint64_t delivered = 0;
     uint32_t first = 0, last = 0;
     uint64_t lost = 0;
+    uint64_t missed = 0;        // the stream's count: slots with no transfer waiting
+    uint64_t slots_missed = 0;  // the emulator's count of the same
     double wall = 0, caller = 0, loop = 0, process = 0;
     uint64_t sensor_sent = 0;
 };
@@ -51,6 +53,7 @@ struct StreamRun {
 bool run_stream(double seconds, StreamRun& run, benchmark::State& state) {
     static orb_stream_frame frame;
     const uint64_t sent0 = rig().sensor().frames_sent();
+    const uint64_t slots0 = rig().sensor().slots_missed();
     if (orb_stream_start(0, 0, 2000) != ORB_STREAM_OK) {
         state.SkipWithError("the stream did not start");
         return false;
@@ -74,8 +77,10 @@ bool run_stream(double seconds, StreamRun& run, benchmark::State& state) {
     orb_stream_stats st{};
     orb_stream_get_stats(0, &st);
     run.lost = st.lost;
+    run.missed = st.missed;
     orb_stream_stop(0, 1000);
     run.sensor_sent = rig().sensor().frames_sent() - sent0;
+    run.slots_missed = rig().sensor().slots_missed() - slots0;
     return true;
 }
 
@@ -87,6 +92,8 @@ void report(benchmark::State& state, const StreamRun& run) {
     state.counters["delivered_per_sent"] = run.delivered / sent;
     state.counters["delivered"] = static_cast<double>(run.delivered);
     state.counters["lost"] = static_cast<double>(run.lost);
+    state.counters["missed"] = static_cast<double>(run.missed);
+    state.counters["sensor_slots_missed"] = static_cast<double>(run.slots_missed);
     state.counters["seconds"] = run.wall;
     state.counters["caller_cpu_us_per_frame"] = us_per_frame(run.caller);
     state.counters["loop_cpu_us_per_frame"] = us_per_frame(run.loop);

@@ -148,6 +148,7 @@ class Snapshot:
         self.events = [c.snapshot() for c in counters]
         self.sent = frames_sent()
         self.lost = [p.FramesLost for p in proxies]
+        self.missed = [p.FramesMissed for p in proxies]
         self.cpu = {"server": cpu_s(server_pid), "worker": sum(cpu_s(pid) for pid in worker_pids),
                     "emulator": cpu_s(os.getppid()), "client": sum(resource.getrusage(resource.RUSAGE_SELF)[:2])}
 
@@ -160,7 +161,7 @@ def measure(proxies, server, rounds, shutter):
         proxy.Start()
     time.sleep(WARM_UP_S)
     workers = children(server.pid)
-    wall, received, missing, delay, sent, lost, delay_max = 0.0, 0, 0, 0.0, 0, 0, 0.0
+    wall, received, missing, delay, sent, lost, missed, delay_max = 0.0, 0, 0, 0.0, 0, 0, 0, 0.0
     cpu = dict.fromkeys(("server", "worker", "emulator", "client"), 0.0)
     for _ in range(rounds):
         counters = [Counter() for _ in proxies]
@@ -181,6 +182,7 @@ def measure(proxies, server, rounds, shutter):
         delay_max = max([delay_max] + [c.delay_max for c in counters])
         sent += sum(b - a for a, b in zip(first.sent, last.sent))
         lost += sum(b - a for a, b in zip(first.lost, last.lost))
+        missed += sum(b - a for a, b in zip(first.missed, last.missed))
         for key in cpu:
             cpu[key] += last.cpu[key] - first.cpu[key]
     for proxy in proxies:
@@ -189,7 +191,8 @@ def measure(proxies, server, rounds, shutter):
     return {"seconds": wall, "sensor_pace_fps": pace, "sensor_sent_fps": sent / wall,
             "events_received": received, "events_per_s": received / wall,
             "events_per_sent": received / sent if sent else 0.0, "events_missing": missing,
-            "frames_lost_by_server": lost, "event_delay_mean_ms": delay / received * 1000 if received else 0.0,
+            "frames_lost_by_server": lost, "frames_missed_by_server": missed,
+            "event_delay_mean_ms": delay / received * 1000 if received else 0.0,
             "event_delay_max_ms": delay_max * 1000,
             "server_cpu_us_per_frame": cpu["server"] / received * 1e6 if received else 0.0,
             "worker_cpu_us_per_frame": cpu["worker"] / received * 1e6 if received else 0.0,
@@ -200,7 +203,8 @@ def measure(proxies, server, rounds, shutter):
 
 UNITS = {"seconds": "s", "sensor_pace_fps": "frames/s", "sensor_sent_fps": "frames/s", "events_received": "events",
          "events_per_s": "events/s", "events_per_sent": "", "events_missing": "events",
-         "frames_lost_by_server": "frames", "event_delay_mean_ms": "ms", "event_delay_max_ms": "ms"}
+         "frames_lost_by_server": "frames", "frames_missed_by_server": "frames", "event_delay_mean_ms": "ms",
+         "event_delay_max_ms": "ms"}
 
 
 def print_table(name, counters):

@@ -129,7 +129,7 @@ def measure(rig, shutter, seconds):
         "shutter": shutter, "exposure_ms": status1["exposure_ms"], "seconds": elapsed,
         "sent": (sent1 - sent0) / elapsed, "received": (status1["frames"] - status0["frames"]) / elapsed,
         "to_page": (page1["received"] - page0["received"]) / elapsed, "painted": painted / elapsed,
-        "lost": status1["lost"] - status0["lost"],
+        "lost": status1["lost"] - status0["lost"], "missed": status1["missed"] - status0["missed"],
         "delay_median": statistics.median(delays), "delay_p95": statistics.quantiles(delays, n=20)[-1],
         "delay_max": max(delays),
         "cpu": {name: 100 * (cpu1[name] - cpu0[name]) / elapsed for name in groups},
@@ -153,13 +153,13 @@ def main():
           f"{args.seconds:g} s a row")
     print()
     print("| Shutter speed (exposure) | Sensor, frames/s | View received, frames/s | Sent to the page/s "
-          "| Painted/s | Painted / received | Lost | Delay median / p95 / max, ms "
+          "| Painted/s | Painted / received | Lost | Missed | Delay median / p95 / max, ms "
           "| CPU % browser | server | worker | emulator |")
-    print("|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|")
+    print("|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|")
     for r in rows:
         cpu = r["cpu"]
         print(f"| {r['shutter']} ({r['exposure_ms']:.3g} ms) | {r['sent']:.1f} | {r['received']:.1f} "
-              f"| {r['to_page']:.1f} | **{r['painted']:.1f}** | {r['painted'] / r['received']:.3f} | {r['lost']} "
+              f"| {r['to_page']:.1f} | **{r['painted']:.1f}** | {r['painted'] / r['received']:.3f} | {r['lost']} | {r['missed']} "
               f"| **{r['delay_median']:.0f}** / {r['delay_p95']:.0f} / {r['delay_max']:.0f} "
               f"| {cpu['browser']:.0f} | {cpu['server']:.0f} | {cpu['worker']:.0f} | {cpu['emulator']:.0f} |")
 

@@ -33,6 +33,14 @@ def fmt(value, digits=1):
     return f"{value:,.{digits}f}"
 
 
+def missed(r, sensor_key):
+    """The stream's missed count, and the emulator's own count of the slots
+    it missed in brackets when the run read it."""
+    if "missed" not in r:
+        return "–"
+    return f"{r['missed']:g} ({r[sensor_key]:g})" if sensor_key in r else f"{r['missed']:g}"
+
+
 def entry_points(table):
     out = ["| Call | Wall ms | Pauses ms | Frame wait ms | Overhead ms | of it USB ms | of it late wake-ups ms "
            "| of it late re-arms ms | Rest ms | Overhead ratio | Library's own ratio |",
@@ -71,8 +79,9 @@ def continuous(table):
 
 def streams(table):
     out = ["| Stream (orb_stream.h) | Timing | Frames delivered in s | Frames/s delivered | Frames/s sent "
-           "| Delivered / sent | Lost | Library CPU µs per frame: host's thread + event loop | Emulator CPU µs per frame |",
-           "|---|---|--:|--:|--:|--:|--:|--:|--:|"]
+           "| Delivered / sent | Lost | Missed (emulator's slots missed) "
+           "| Library CPU µs per frame: host's thread + event loop | Emulator CPU µs per frame |",
+           "|---|---|--:|--:|--:|--:|--:|--:|--:|--:|"]
     rows_ = [("at the sensor's pace", "realistic, shutter speed 1", r) for _, r in find(table, "StreamAtTheSensorsPace")]
     for name, r in sorted(find(table, "StreamFast"), key=lambda nr: -int(nr[0].split("/")[1])):
         period = int(name.split("/")[1])
@@ -80,6 +89,7 @@ def streams(table):
     for label, timing, r in rows_:
         out.append(f"| {label} | {timing} | {r['delivered']:,.0f} in {r['seconds']:.1f} | {fmt(r['delivered_fps'])} "
                    f"| {fmt(r['sent_fps'])} | **{r['delivered_per_sent']:.3f}** | {r['lost']:g} "
+                   f"| {missed(r, 'sensor_slots_missed')} "
                    f"| {fmt(r['caller_cpu_us_per_frame'])} + {fmt(r['loop_cpu_us_per_frame'])} "
                    f"| {fmt(r['emulator_cpu_us_per_frame'])} |")
     return out
@@ -122,14 +132,16 @@ def bus_pace(table):
 
 def python_stream(table):
     out = ["| Python package: Sensor.stream() | Frames delivered in s | Frames/s delivered | Sent: by seq, the sensor's count "
-           "| Delivered / sent | Lost | CPU µs per frame: user's process (its consumer thread) + worker "
+           "| Delivered / sent | Lost | Missed (emulator's slots missed) "
+           "| CPU µs per frame: user's process (its consumer thread) + worker "
            "| Whole chain, cores | Emulator CPU µs per frame |",
-           "|---|--:|--:|--:|--:|--:|--:|--:|--:|"]
+           "|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|"]
     for name, r in find(table, "PythonStream"):
         emulator = fmt(r["emulator_cpu_us_per_frame"]) if "emulator_cpu_us_per_frame" in r else "–"
         out.append(f"| shutter speed {name.split('/')[1].split(':')[1]}, realistic timing "
                    f"| {r['delivered']:,.0f} in {r['seconds']:.1f} | {fmt(r['delivered_fps'])} "
                    f"| {r['sent_by_seq']:,.0f}, {r['sensor_sent']:,.0f} | **{r['delivered_per_sent']:.3f}** | {r['lost']:g} "
+                   f"| {missed(r, 'sensor_slots_missed')} "
                    f"| {fmt(r['user_cpu_us_per_frame'])} ({fmt(r['consumer_cpu_us_per_frame'])}) "
                    f"+ {fmt(r['worker_cpu_us_per_frame'])} | **{r['chain_cores']:.3f}** | {emulator} |")
     return out

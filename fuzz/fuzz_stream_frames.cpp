@@ -2,7 +2,7 @@
 // any bytes, failed ones), reads, settings changes and ring sizes: every
 // frame read is whole 12-bit values with its saturation counted, numbers
 // rise, each gap is exactly what the frame says was lost or stale, and
-// every completion is accounted for.
+// every completion is accounted for, and so is every frame missed.
 
 #include <libusb.h>
 
@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     libusb_transfer t{};
     t.dev_handle = handle;
     t.buffer = wire;
-    uint64_t next_sequence = 0, now = 0;
+    uint64_t next_sequence = 0, now = 0, missed_read = 0;
     bool changing = false;
     static orb_stream_frame f;
     while (in.size > 0) {
@@ -60,13 +60,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             t.status = op % 7 == 6 ? LIBUSB_TRANSFER_ERROR : LIBUSB_TRANSFER_COMPLETED;
             t.actual_length = op & 0x80 ? in.next() * 8 : kFrameBytes;
             for (int i = 0; i < kFrameBytes; i += 61) wire[i] = in.next(), wire[i + 1] = in.next();
-            take_locked(s, &t, ++now);
+            // At the sensor's pace, or up to 255 ms later: frames missed.
+            now += op & 0x40 ? 1 + in.next() * 1000000ull : 1684210;
+            take_locked(s, &t, now);
             break;
         }
         case 2:  // the host reads
             if (pop_locked(s, f)) {
                 check(f.sequence == next_sequence + f.lost_before + f.stale_before);
                 next_sequence = f.sequence + 1;
+                missed_read += f.missed_before;
                 int saturated = 0;
                 for (uint16_t v : f.values) {
                     check(v <= ORB_STREAM_SATURATED);
@@ -91,6 +94,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     const orb_stream_stats& st = s.stats;
     check(st.completed == st.delivered + st.lost + st.stale + s.ring.size());
+    // Every frame missed is told by the frame read after it, or still owed.
+    while (pop_locked(s, f)) missed_read += f.missed_before;
+    check(st.missed == missed_read + s.missed_since);
     check(s.ring.size() <= s.ring.capacity());
     check(st.short_frames <= st.lost);
     s.active = false;

@@ -56,8 +56,9 @@ typedef struct orb_stream_settings {
 } orb_stream_settings;
 
 typedef struct orb_stream_frame {
-    /* Counts every frame the sensor completed since the stream started,
-     * from 0: a gap is lost_before + stale_before frames wide. */
+    /* Counts every frame the host received since the stream started, from
+     * 0: a gap is lost_before + stale_before frames wide. Frames the sensor
+     * took that never reached the host are not numbered (missed_before). */
     uint64_t sequence;
     /* CLOCK_MONOTONIC, ns, when the library saw the transfer complete. */
     uint64_t timestamp_ns;
@@ -69,6 +70,14 @@ typedef struct orb_stream_frame {
     orb_stream_settings settings;
     int saturated; /* filters at ORB_STREAM_SATURATED */
     uint16_t values[ORB_STREAM_FILTERS];
+    /* Since the frame delivered before this one: frames the sensor took
+     * while no transfer of the host was waiting for them, reckoned from the
+     * interval the sensor keeps (its exposure, at least the bus's 32/19 ms)
+     * and the frames that arrived; told once the host is more than seven
+     * frames behind that pace (the frames that may still be on their way:
+     * one in each of the six transfers a stream keeps, one in the sensor).
+     * In what was the record's tail padding: its size is unchanged. */
+    uint32_t missed_before;
 } orb_stream_frame;
 
 typedef struct orb_stream_stats {
@@ -80,6 +89,8 @@ typedef struct orb_stream_stats {
     uint32_t queued;       /* waiting in the ring now */
     uint32_t capacity;     /* ring size, frames */
     uint32_t max_queued;   /* the most ever waiting */
+    uint32_t missed;       /* taken by the sensor, never received (see missed_before);
+                              in what was the tail padding: the size is unchanged */
 } orb_stream_stats;
 
 /* Starts the sensor streaming (continuous mode) into a ring of ring_frames

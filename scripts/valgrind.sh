@@ -48,7 +48,7 @@ start=$SECONDS
 failed=0
 tests=(test_api test_auto_exposure test_bringup test_connection_helper test_device_base test_discovery
        test_facade test_faults test_firmware test_frames test_identity test_led test_lusb_compat test_settings
-       test_stream test_stream_faults)
+       test_stream test_stream_faults test_stream_transfers)
 for t in "${tests[@]}"; do
   "$build/tests/$t" --gtest_list_tests | awk -v bin="$build/tests/$t" '/^[^ ]/ {suite = $1} /^  / {print bin, suite $1}'
 done | xargs -P2 -L1 bash -c 'memcheck "$1" 0 valgrind "$0" --gtest_filter="$1"' || failed=1

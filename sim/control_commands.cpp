@@ -226,11 +226,12 @@ std::string ControlCommands::status() {
     for (std::size_t i = 0; i < testbed_.size(); i++) {
         Sensor& s = testbed_.sensor(i);
         const bool led = s.kind() == SensorModel::Kind::LedModule;
-        char line[192];
-        std::snprintf(line, sizeof line, "%zu %03d/%03d %s plugged=%s streaming=%s shutter=%u frames=%llu unit=%s\n",
-                      i, s.bus(), s.address(), led ? "led" : "sensor", testbed_.plugged(s) ? "yes" : "no",
+        char line[224];
+        std::snprintf(line, sizeof line,
+                      "%zu %03d/%03d %s plugged=%s streaming=%s shutter=%u frames=%llu missed=%llu unit=%s\n", i,
+                      s.bus(), s.address(), led ? "led" : "sensor", testbed_.plugged(s) ? "yes" : "no",
                       s.streaming() ? "yes" : "no", s.shutter(), static_cast<unsigned long long>(s.frames_sent()),
-                      led ? "none" : unit_of(i).name().c_str());
+                      static_cast<unsigned long long>(s.slots_missed()), led ? "none" : unit_of(i).name().c_str());
         out += line;
     }
     return out;

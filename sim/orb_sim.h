@@ -78,6 +78,9 @@ public:
     // A bulk transfer of the host's waits on the sensor's endpoint 0x81 for
     // data (or holds what it got so far).
     bool bulk_waiting(Sensor& sensor) const;
+    // The most bulk transfers on 0x81 the host had at once (submitted, not
+    // yet reaped) since the sensor appeared or the last call; resets it.
+    std::size_t take_most_bulk_in_flight(Sensor& sensor);
 
     // The 0483:5740 devices (sensors and LED modules) in the order added.
     std::size_t size() const;

@@ -261,6 +261,11 @@ uint64_t SensorModel::frames_sent() const {
     return frames_sent_;
 }
 
+uint64_t SensorModel::slots_missed() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return static_cast<uint64_t>(slots_late_);
+}
+
 void SensorModel::set_timing(Timing timing) {
     {
         std::lock_guard<std::mutex> lock(mu_);
@@ -298,7 +303,17 @@ void SensorModel::schedule_next_locked(Clock::time_point now, Clock::time_point 
     // pace, never a burst of the slots it missed.
     const std::chrono::nanoseconds interval = interval_locked(next_shutter_);
     const Clock::time_point owed_from = std::max(next_due_, last_sent_);
-    next_due_ = host_ready - owed_from > interval ? now + interval : next_due_ + interval;
+    const auto late = host_ready - owed_from;
+    // A fresh schedule leaves out every slot from this frame's to the next
+    // one's but this frame: those the host kept the sensor from, and those
+    // a late wake-up of the emulator had not caught up yet. A host cannot
+    // tell the two apart, so both are missed.
+    if (late > interval) {
+        slots_late_ += std::chrono::duration<double>(now - next_due_) / interval;
+        next_due_ = now + interval;
+    } else {
+        next_due_ += interval;
+    }
     last_sent_ = now;
 }
 

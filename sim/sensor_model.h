@@ -184,6 +184,11 @@ public:
     // period after streaming starts. Zero: whenever the host asks.
     void set_frame_period(std::chrono::microseconds period);
     uint64_t frames_sent() const;
+    // Realistic timing: the sensor's slots that passed with no frame sent
+    // (each frame it could have sent at its pace and did not: no transfer of
+    // the host waited, or a late wake-up of the emulator was not made good
+    // before the host fell behind), in whole slots.
+    uint64_t slots_missed() const;
     // Fast (the default) or Realistic; see Timing. In realistic timing the
     // frame period is a floor under the sensor's own frame interval. A
     // change applies from the next frame scheduled.
@@ -259,6 +264,7 @@ private:
     Clock::time_point control_free_{};  // realistic: end of the last control transfer
     uint32_t frame_number_ = 0;
     uint64_t frames_sent_ = 0;
+    double slots_late_ = 0;  // realistic: see slots_missed()
     const Clock::time_point created_ = Clock::now();  // the origin of FrameInfo::seconds
     std::vector<uint8_t> carry_;  // rest of a frame that did not fit the last transfer
 

@@ -13,10 +13,13 @@ namespace orbsim {
 
 void Testbed::Impl::pump(Device& d, Clock::time_point now) {
     for (auto it = d.pending.begin(); it != d.pending.end();) {
-        if (it->type != USBDEVFS_URB_TYPE_BULK || it->held) {
+        if (it->type != USBDEVFS_URB_TYPE_BULK) {
             ++it;
             continue;
         }
+        // The endpoint fills its transfers in the order they were submitted:
+        // one held with part of a frame keeps the rest from those behind it.
+        if (it->held) return;
         BulkReply r = d.sensor->bulk_in(now, it->length, it->submitted);
         if (r.outcome == BulkReply::Nothing) return;
         if (r.outcome == BulkReply::Held) {
@@ -90,8 +93,8 @@ void Testbed::Impl::run_ticker() {
                 deadline = std::min(deadline, land_controls(*d, now));
                 sync_fifo(*d);
                 for (const Urb& u : d->pending) {
-                    if (u.type != USBDEVFS_URB_TYPE_BULK || u.held) continue;
-                    deadline = std::min(deadline, d->sensor->next_bulk_due(now));
+                    if (u.type != USBDEVFS_URB_TYPE_BULK) continue;
+                    if (!u.held) deadline = std::min(deadline, d->sensor->next_bulk_due(now));
                     break;
                 }
             }

@@ -317,6 +317,18 @@ bool Testbed::bulk_waiting(Sensor& sensor) const {
     return false;
 }
 
+std::size_t Testbed::take_most_bulk_in_flight(Sensor& sensor) {
+    Slot& slot = impl_->slot_of(sensor);
+    std::lock_guard<std::mutex> lock(impl_->mu);
+    std::size_t most = slot.current->most_bulk_in_flight;
+    // What is in flight now counts towards the next reading.
+    std::size_t now = 0;
+    for (const auto* list : {&slot.current->pending, &slot.current->done})
+        for (const Urb& u : *list) now += u.type == USBDEVFS_URB_TYPE_BULK;
+    slot.current->most_bulk_in_flight = now;
+    return most;
+}
+
 std::size_t Testbed::size() const {
     std::lock_guard<std::mutex> lock(impl_->mu);
     return impl_->slots.size();

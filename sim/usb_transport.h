@@ -87,6 +87,9 @@ struct Device {
     // then reap the URBs of a dead process and wait for ever on its answer.
     std::vector<UMockdevIoctlClient*> clients;
     bool unplugged = false;
+    // The most bulk transfers the host had on 0x81 at once (submitted and
+    // not yet reaped), since the appearance or the last reset.
+    std::size_t most_bulk_in_flight = 0;
 };
 
 // An emulated 0483:5740 device across its appearances: it keeps its sysfs

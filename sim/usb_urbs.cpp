@@ -201,6 +201,10 @@ void Testbed::Impl::submit(Device& d, UMockdevIoctlClient* client, UMockdevIoctl
         }
     } else if (urb.type == USBDEVFS_URB_TYPE_BULK && endpoint == kBulkInEndpoint) {
         d.pending.push_back(urb);
+        std::size_t in_flight = 0;
+        for (const auto* list : {&d.pending, &d.done})
+            for (const Urb& u : *list) in_flight += u.type == USBDEVFS_URB_TYPE_BULK;
+        d.most_bulk_in_flight = std::max(d.most_bulk_in_flight, in_flight);
         pump(d, Clock::now());
         // A frame that is not due yet is the ticker's to deliver.
         if (!d.pending.empty()) poke();

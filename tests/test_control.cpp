@@ -114,9 +114,9 @@ TEST_F(ControlChannel, StatusSaysWhereEachDeviceIsAndWhatItDoes) {
     s1.bulk_in(orbsim::SensorModel::Clock::now(), orbsim::kFrameBytes);
     tb.unplug(led);
     EXPECT_EQ(control.run("status"),
-              "0 001/002 sensor plugged=yes streaming=no shutter=835 frames=0 unit=109a472885\n"
-              "1 001/003 sensor plugged=yes streaming=yes shutter=0 frames=1 unit=109a472a85\n"
-              "2 001/004 led plugged=no streaming=no shutter=0 frames=0 unit=none\n"
+              "0 001/002 sensor plugged=yes streaming=no shutter=835 frames=0 missed=0 unit=109a472885\n"
+              "1 001/003 sensor plugged=yes streaming=yes shutter=0 frames=1 missed=0 unit=109a472a85\n"
+              "2 001/004 led plugged=no streaming=no shutter=0 frames=0 missed=0 unit=none\n"
               "ok");
 }
 
@@ -159,7 +159,7 @@ TEST_F(ControlChannel, UnitsAreEachSensorsOwnUntilMadeNominal) {
 
     EXPECT_EQ(control.run("units 0 nominal"), "ok");  // the scene in place, through nominal filters
     EXPECT_LT(misfit(frame(s0), orbsim::Unit::nominal()), 1.2);
-    EXPECT_NE(control.run("status").find("0 001/002 sensor plugged=yes streaming=yes shutter=20 frames=2 unit=nominal\n"),
+    EXPECT_NE(control.run("status").find("0 001/002 sensor plugged=yes streaming=yes shutter=20 frames=2 missed=0 unit=nominal\n"),
               std::string::npos);
     EXPECT_EQ(control.run("units 0 own"), "ok");
     EXPECT_LT(misfit(frame(s0), unit0), 1.2);

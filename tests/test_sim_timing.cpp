@@ -161,6 +161,24 @@ TEST(SimTiming, ALateEmulatorCostsAHostThatKeepsUpNoSlots) {
     EXPECT_EQ(p.due(), slow + kBus);
 }
 
+// Frames sent and slots missed add up to the time the stream ran, whoever
+// was late: a host that falls behind before the emulator has made good a
+// late wake-up of its own sees those slots pass without a frame too.
+TEST(SimTiming, SlotsMissedAreEverySlotAFreshScheduleLeavesOut) {
+    Paced p(1);
+    const auto slot = p.due();
+    // The host waited in time; the emulator answered five slots late.
+    const auto answered = slot + 5 * kBus;
+    ASSERT_EQ(p.m.bulk_in(answered, orbsim::kFrameBytes, slot - 100us).outcome, BulkReply::Bytes);
+    EXPECT_EQ(p.due(), slot + kBus);
+    const auto slow = answered + kBus * 3 / 2;
+    ASSERT_EQ(p.m.bulk_in(slow, orbsim::kFrameBytes, slow).outcome, BulkReply::Bytes);
+    EXPECT_EQ(p.due(), slow + kBus);
+    // From the first slot to the next one due: 7.5 slots, 2 frames.
+    EXPECT_EQ(p.m.slots_missed(), 5u);
+    EXPECT_EQ(p.m.frames_sent(), 2u);
+}
+
 // The transport's ticker wakes late by a varying amount; a host that keeps
 // up must still see the sensor's rate, 32/19 ms per frame, over 20 s.
 TEST(SimTiming, NoDriftOverTwentySecondsOfJitteredWakeUps) {

@@ -198,7 +198,15 @@ TEST(StreamFaults, TrickleThatLeavesAPartialFrameTimesReadsOut) {
     EXPECT_ANSWERS_WITHIN(300, ORB_STREAM_ERR_TIMEOUT, orb_stream_read(0, &frame(), 300));
     EXPECT_EQ(orb_sensor_present(0), ORB_STREAM_OK);
     EXPECT_ANSWERS_WITHIN(1000, ORB_STREAM_OK, orb_stream_stop(0, 1000));
-    EXPECT_ANSWERS_WITHIN(300, ORB_STREAM_ERR_TIMEOUT, orb_single_shot(0, filters(), 1, 300));
+    // The held transfer is either of the stream's two. The link's stays held
+    // and a single shot times out; the stream's second one the stop cancels,
+    // and the rest of that frame goes to the link's as a short frame, which
+    // a single shot passes over before its frame.
+    auto shot = within(2300ms, [] { return orb_single_shot(0, filters(), 1, 300); });
+    ASSERT_TRUE(shot);
+    EXPECT_TRUE(shot->result == ORB_STREAM_ERR_TIMEOUT || shot->result == ORB_STREAM_OK)
+        << orb_stream_result_text(shot->result);
+    EXPECT_LE(shot->took.count(), 300 + slack_ms());
 }
 
 TEST(StreamFaults, ShortFrameIsCountedLostAndNeverDelivered) {

@@ -1,6 +1,7 @@
 /* A streaming host in plain C: connects the sensors, streams frames from the
  * first one for the number of seconds given, then prints the frame rate and
- * how many frames were lost.
+ * how many frames were lost (ring full, short) and missed (taken by the
+ * sensor while no transfer waited).
  *   orb_c_stream_host SECONDS
  * Exit status: 0 done, 1 no sensor, 2 bad use, 3 the sensor was lost or the
  * stream failed (at once, not at the end of the time). */
@@ -25,7 +26,7 @@ static double now_s(void) {
 static int stream_for(double seconds) {
     static orb_stream_frame frame;
     orb_stream_stats stats;
-    unsigned long long frames = 0, lost = 0, first_ns = 0, last_ns = 0;
+    unsigned long long frames = 0, lost = 0, missed = 0, first_ns = 0, last_ns = 0;
     double end;
     int r;
 
@@ -45,16 +46,20 @@ static int stream_for(double seconds) {
         if (frames++ == 0) first_ns = frame.timestamp_ns;
         last_ns = frame.timestamp_ns;
         lost += frame.lost_before;
+        missed += frame.missed_before;
     }
-    /* Also the frames lost after the last one read. */
-    if (orb_stream_get_stats(SENSOR, &stats) == ORB_STREAM_OK) lost = stats.lost;
+    /* Also the frames lost or missed after the last one read. */
+    if (orb_stream_get_stats(SENSOR, &stats) == ORB_STREAM_OK) {
+        lost = stats.lost;
+        missed = stats.missed;
+    }
     r = orb_stream_stop(SENSOR, TIMEOUT_MS);
     if (r != ORB_STREAM_OK) {
         fprintf(stderr, "could not stop the stream: %s\n", orb_stream_result_text(r));
         return 3;
     }
-    printf("frames: %llu, rate: %.1f frames/s, lost: %llu\n", frames,
-           frames > 1 ? (frames - 1) / ((last_ns - first_ns) / 1e9) : 0.0, lost);
+    printf("frames: %llu, rate: %.1f frames/s, lost: %llu, missed: %llu\n", frames,
+           frames > 1 ? (frames - 1) / ((last_ns - first_ns) / 1e9) : 0.0, lost, missed);
     return 0;
 }
 

@@ -22,16 +22,19 @@ class Frame:
     saturated     numpy array of the filter numbers (1..1024) that read 4095
                   in any of the frames averaged
     lost          frames lost since the frame delivered before it
+    missed        frames the sensor took since the frame delivered before it
+                  that never reached the host (no transfer waited for
+                  them): not numbered, so not in `lost` (see Stream)
     sensor_id     the sensor's ID text
     dark_corrected  whether the sensor's dark frame was subtracted
     """
 
     __slots__ = ("values", "seq", "timestamp", "shutter_speed", "exposure_ms", "adc", "averages",
-                 "saturated", "lost", "sensor_id", "dark_corrected")
+                 "saturated", "lost", "missed", "sensor_id", "dark_corrected")
 
     def __init__(self, values: np.ndarray, seq: int, timestamp: float, shutter_speed: int,
                  adc: Tuple[int, int], saturated: np.ndarray, lost: int = 0, averages: int = 1,
-                 sensor_id: str = "", dark_corrected: bool = False) -> None:
+                 sensor_id: str = "", dark_corrected: bool = False, missed: int = 0) -> None:
         self.values = values
         self.seq = seq
         self.timestamp = timestamp
@@ -41,6 +44,7 @@ class Frame:
         self.averages = averages
         self.saturated = saturated
         self.lost = lost
+        self.missed = missed
         self.sensor_id = sensor_id
         self.dark_corrected = dark_corrected
 
@@ -55,13 +59,13 @@ class Frame:
         return {"seq": int(self.seq), "timestamp": float(self.timestamp),
                 "shutter_speed": int(self.shutter_speed), "exposure_ms": float(self.exposure_ms),
                 "adc_gain": int(self.adc[0]), "adc_range": int(self.adc[1]),
-                "averages": int(self.averages), "lost": int(self.lost),
+                "averages": int(self.averages), "lost": int(self.lost), "missed": int(self.missed),
                 "saturated": [int(f) for f in self.saturated]}
 
     def __repr__(self) -> str:
         return (f"<Frame {self.seq} of {self.sensor_id or 'sensor'}: shutter {self.shutter_speed}"
                 f" ({self.exposure_ms:g} ms), {self.averages} averaged, "
-                f"{len(self.saturated)} saturated, {self.lost} lost before>")
+                f"{len(self.saturated)} saturated, {self.lost} lost, {self.missed} missed before>")
 
 
 def saturated_filters(raw: np.ndarray) -> np.ndarray:

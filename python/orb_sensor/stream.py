@@ -64,7 +64,13 @@ class Stream:
     itself passes over after a change of settings (exposed partly with the
     old one) are not counted lost.
 
-    `delivered` and `lost` are the totals of the Frames out so far. The
+    Missed: `missed` of a Frame counts the frames the sensor took since the
+    Frame before it that never reached the host, because no transfer
+    waited for them when they were ready (the host was too slow to take
+    them): the sensor does not number them, so they are apart from `lost`.
+    A run is complete when both stay 0.
+
+    `delivered`, `lost` and `missed` are the totals of the Frames out so far. The
     stream ends after `frames` Frames or `seconds` seconds (if given), and
     on close(); it is iterated from one thread at a time.
     """
@@ -110,6 +116,11 @@ class Stream:
     def lost(self) -> int:
         """The sum of `lost` of the Frames out so far."""
         return self._grouper.lost
+
+    @property
+    def missed(self) -> int:
+        """The sum of `missed` of the Frames out so far."""
+        return self._grouper.missed
 
     @property
     def running(self) -> bool:
@@ -243,7 +254,7 @@ class Stream:
 
     def __repr__(self) -> str:
         return (f"<Stream of {self.sensor_id}: {self.averages} averaged, {self.delivered} delivered, "
-                f"{self.lost} lost{'' if self.running else ', stopped'}>")
+                f"{self.lost} lost, {self.missed} missed{'' if self.running else ', stopped'}>")
 
 
 class _Interrupted(Exception):

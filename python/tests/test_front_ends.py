@@ -34,6 +34,7 @@ class Branch:
     averages = property(lambda self: self.stream.averages)
     delivered = property(lambda self: self.stream.delivered)
     lost = property(lambda self: self.stream.lost)
+    missed = property(lambda self: self.stream.missed)
     def __iter__(self):
         return self
     def __next__(self):
@@ -112,17 +113,17 @@ record_writer.close()
 
 with h5py.File("record.h5") as f:
     data = f["entry/data"]
-    record = (len(data["seq"]), int(data["lost"][:].sum()), int(data["seq"][-1]))
+    record = (len(data["seq"]), int(data["lost"][:].sum()), int(data["seq"][-1]), int(data["missed"][:].sum()))
     seqs, averages, lost = data["seq"][:], data["averages"][:], data["lost"][:]
     first_values = data["filter_data"][:, 0]
 with h5py.File(status["recording"]["name"]) as f:
     data = f["entry/data"]
-    view_file = (len(data["seq"]), int(data["lost"][:].sum()), int(data["seq"][-1]))
-totals = (stream.delivered, stream.lost, int(events[-1].seq))
+    view_file = (len(data["seq"]), int(data["lost"][:].sum()), int(data["seq"][-1]), int(data["missed"][:].sum()))
+totals = (stream.delivered, stream.lost, int(events[-1].seq), stream.missed)
 print("stream", totals)
-print("view", (status["frames"], status["lost"], status["frame_number"]))
+print("view", (status["frames"], status["lost"], status["frame_number"], status["missed"]))
 print("view-recording", view_file)
-print("tango", (latest.count, streamer.lost, int(latest.frame.seq)))
+print("tango", (latest.count, streamer.lost, int(latest.frame.seq), streamer.missed))
 print("record", record)
 # The counts follow from the frames: every frame the sensor made is in a
 # Frame or counted lost, and counter frames read their number plus a constant.
@@ -142,7 +143,7 @@ def test_view_tango_and_record_count_the_same_frames_of_one_stream(run_python, t
     assert result.returncode == 0, result.stdout + result.stderr
     said = dict(line.split(" ", 1) for line in result.stdout.splitlines())
     counts = said["stream"]
-    frames, lost, _ = eval(counts)
+    frames, lost, _, _ = eval(counts)
     assert frames > 100 and lost >= 1, said
     for front_end in ("view", "view-recording", "tango", "record"):
         assert said[front_end] == counts, (front_end, said)

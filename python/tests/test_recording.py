@@ -24,7 +24,7 @@ def make_frame(i):
     and counts beyond 32 bits, all derived from i."""
     rng = np.random.default_rng(i)
     return Frame(rng.integers(0, 3 * 4095, 1024) / 3, seq=2**40 + i, timestamp=1.7e9 + i / 601,
-                 shutter_speed=100 + i, adc=(i % 2, 100 + i % 33), averages=3, lost=2**33 * (i % 2),
+                 shutter_speed=100 + i, adc=(i % 2, 100 + i % 33), averages=3, lost=2**33 * (i % 2), missed=2**34 * (i % 3),
                  saturated=np.sort(rng.choice(1024, i % 4, replace=False)) + 1)
 
 
@@ -85,11 +85,11 @@ def test_csv_round_trip(tmp_path):
     lines = (tmp_path / "run.csv").read_text().splitlines()
     assert {k: json.loads(v) for k, v in (line[2:].split(": ", 1) for line in lines[:len(RUN)])} == RUN
     header = lines[len(RUN)].split(",")
-    assert header[8:11] == ["n_saturated", "f1", "f2"] and header[-1] == "f1024"
+    assert header[7:12] == ["lost", "missed", "n_saturated", "f1", "f2"] and header[-1] == "f1024"
     for i, row in enumerate(line.split(",") for line in lines[len(RUN) + 1:]):
         m = dict(make_frame(i).metadata(), n_saturated=i % 4)
-        assert {k: float(v) for k, v in zip(header[:9], row)} == {k: m[k] for k in header[:9]}
-        assert (np.array(row[9:], dtype=float) == make_frame(i).values).all()
+        assert {k: float(v) for k, v in zip(header[:10], row)} == {k: m[k] for k in header[:10]}
+        assert (np.array(row[10:], dtype=float) == make_frame(i).values).all()
     assert i == 2
 
 

@@ -66,6 +66,13 @@ def test_records_have_the_header_size_and_every_field_its_offset_and_size(header
             assert dtype[field].itemsize == header_facts[f"sizeof {struct}.{field}"], f"{struct}.{field}"
 
 
+def test_the_missed_counts_took_the_tail_padding_and_left_the_sizes_as_they_were():
+    # Hosts built before the counts were added pass records of these sizes.
+    assert (FRAME_DTYPE.itemsize, STATS_DTYPE.itemsize) == (2104, 56)
+    assert FRAME_DTYPE.fields["missed_before"][1] == FRAME_DTYPE.fields["values"][1] + 2 * STREAM_FILTERS
+    assert STATS_DTYPE.fields["missed"][1] == STATS_DTYPE.fields["max_queued"][1] + 4
+
+
 def test_result_codes_and_constants_have_the_header_values(header_facts):
     for result in StreamResult:
         assert int(result) == header_facts[f"value {_c_name(result.name)}"], result.name

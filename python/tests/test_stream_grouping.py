@@ -10,10 +10,11 @@ from orb_sensor.facts import FASTEST_FRAME_S
 T0 = 10**12
 
 
-def record(seq, shutter=5, lost_before=0, stale_before=0, ns=None, saturate=()):
+def record(seq, shutter=5, lost_before=0, stale_before=0, ns=None, saturate=(), missed_before=0):
     """Counter frames: frame `seq` of the library reads `seq` in every filter."""
     r = np.zeros(1, FRAME_DTYPE)[0]
     r["sequence"], r["lost_before"], r["stale_before"] = seq, lost_before, stale_before
+    r["missed_before"] = missed_before
     r["timestamp_ns"] = T0 + seq * 1_000_000 if ns is None else ns
     r["settings"]["shutter_speed"], r["settings"]["adc_gain"], r["settings"]["adc_range"] = shutter, 1, 132
     r["values"][:] = seq
@@ -114,3 +115,13 @@ def test_the_dark_frame_of_the_frames_exposure_is_subtracted_from_the_average():
     g = Grouper(1, to_unix=lambda ns: 7.0)
     [frame] = feed(g, [record(3)])
     assert not frame.dark_corrected and frame.timestamp == 7.0 and (frame.values == 3.0).all()
+
+
+def test_missed_frames_are_carried_to_the_next_frame_out_apart_from_lost_and_keep_the_group():
+    g = Grouper(2, "S1")
+    out = feed(g, [record(0, missed_before=3), record(1, missed_before=4), record(2),
+                   record(3, missed_before=5), record(5, lost_before=1, missed_before=2), record(6)])
+    # Missed frames have no number: the groups hold, and they are in no gap
+    # of the count, which only the lost frame 4 makes.
+    assert [(f.seq, f.averages, f.lost, f.missed) for f in out] == [(1, 2, 0, 7), (3, 2, 0, 5), (6, 2, 1, 2)]
+    assert holds_the_count(out) and (g.delivered, g.lost, g.missed) == (3, 1, 14)

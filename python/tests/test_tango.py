@@ -70,7 +70,8 @@ from orb_sensor.facts import exposure_ms
 with one_device(SensorIndex=0) as proxy:
     wait_state(proxy, ON, 20)
     assert proxy.SensorID == "C1234-7-20-33-1"
-    assert proxy.FrameNumber == -1 and proxy.FramesLost == 0 and proxy.FilterData is None
+    assert proxy.FrameNumber == -1 and proxy.FramesLost == 0 and proxy.FramesMissed == 0
+    assert proxy.FilterData is None
     proxy.ShutterSpeed = 120
     assert (proxy.ShutterSpeed, emulated_shutter(0)) == (120, 120)
     assert abs(proxy.ExposureTime - exposure_ms(120)) < 1e-9

@@ -83,6 +83,13 @@ int register_pause_ms() { return g_iSleepTime; }
 
 int stream_request_pause_ms() { return get_sleep_time_for_shutter_speed(g_iCurShutterSpeed); }
 
+bool collecting_frames() {
+    const int skip = iCurrAcqMode == kModeSingleShot ? kSingleShotSkip : 0;
+    // Frames passed over after an acquisition that nobody waits for are not
+    // an acquisition: only frames asked for are.
+    return iCurrAvgNum > 0 && iCurrAvgNum + skip > g_count;
+}
+
 bool moving_average_on() { return g_enable_FMA; }
 
 void arm_single_shot(int averages) {

@@ -40,6 +40,10 @@ int shutter_speed();
 int register_pause_ms();
 int stream_request_pause_ms();
 
+// The link is taking frames into its queue for an acquisition (a du... call
+// or a single shot): its callback's own test, as it runs next.
+bool collecting_frames();
+
 // The frame moving average is on: duGetFilterData then answers from it.
 bool moving_average_on();
 

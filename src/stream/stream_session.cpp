@@ -2,10 +2,13 @@
 
 #include "stream_session.h"
 
+#include <stddef.h>
+
 #include "frame_tap.h"
 #include "frame_watch.h"
 #include "link_seam.h"
 #include "presence.h"
+#include "stream_transfers.h"
 #include "sensor_requests.h"
 #include "../efm32com/orb_frame_samples.h"
 #include "../efm32com/orb_stm_commands.h"
@@ -22,6 +25,9 @@ std::atomic<FrameTap> g_frame_tap{on_frame_transfer};
 
 static_assert(ORB_STREAM_FILTERS == orbframe::kSamples && ORB_STREAM_SATURATED == orbframe::kSampleMax,
               "a stream's frame is the sensor's frame");
+static_assert(offsetof(orb_stream_frame, missed_before) + sizeof(uint32_t) == sizeof(orb_stream_frame) &&
+                  offsetof(orb_stream_stats, missed) + sizeof(uint32_t) == sizeof(orb_stream_stats),
+              "the missed counts sit in what was the records' tail padding");
 
 namespace {
 
@@ -36,6 +42,9 @@ void take(Session& s, const libusb_transfer* t, uint64_t now_ns) {
     std::lock_guard<std::mutex> guard(s.lock);
     // Stopped (or restarted for another handle) since the tap looked.
     if (!s.active || s.handle.load(std::memory_order_relaxed) != t->dev_handle) return;
+    // A du... acquisition takes frames from the link's transfer: the
+    // stream's own ones stop sharing them.
+    if (link::collecting_frames()) let_own_lapse_locked(s);
     take_locked(s, t, now_ns);
 }
 
@@ -95,7 +104,9 @@ void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& 
     s.settings = settings;
     s.stats = orb_stream_stats{};
     s.stats.capacity = s.ring.capacity();
-    s.lost_since = s.stale_since = 0;
+    s.lost_since = s.stale_since = s.missed_since = 0;
+    s.interval_ns = frame_interval_ns(settings.shutter_speed);
+    s.missed_frames.restart();
     s.handle.store(handle, std::memory_order_release);
 }
 
@@ -112,6 +123,13 @@ void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns) {
     }
     orb_stream_stats& st = s.stats;
     const uint64_t sequence = st.completed++;
+    // Around a change the pace is the old one or the new one: the reckoning
+    // starts again after it.
+    if (!s.changing && s.stale_pending == 0) {
+        const uint32_t missed = s.missed_frames.after_frame(now_ns, s.interval_ns);
+        st.missed += missed;
+        s.missed_since += missed;
+    }
     if (s.changing || s.stale_pending > 0) {
         if (!s.changing) s.stale_pending--;
         st.stale++;
@@ -136,10 +154,11 @@ void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns) {
     f.timestamp_ns = now_ns;
     f.lost_before = s.lost_since;
     f.stale_before = s.stale_since;
+    f.missed_before = s.missed_since;
     f.settings = s.settings;
     f.saturated = orbframe::unpack_to_u16(t->buffer, f.values, ORB_STREAM_SATURATED);
     s.ring.push();
-    s.lost_since = s.stale_since = 0;
+    s.lost_since = s.stale_since = s.missed_since = 0;
     if (s.ring.size() > st.max_queued) st.max_queued = s.ring.size();
     s.arrived.notify_one();
 }
@@ -159,6 +178,7 @@ void begin_change_locked(Session& s) {
     while (!s.ring.empty()) {
         s.lost_since += s.ring.front().lost_before;
         s.stale_since += s.ring.front().stale_before + 1;
+        s.missed_since += s.ring.front().missed_before;
         s.stats.stale++;
         s.ring.pop();
     }
@@ -166,11 +186,12 @@ void begin_change_locked(Session& s) {
 
 void end_change_locked(Session& s) {
     s.changing = false;
+    s.interval_ns = frame_interval_ns(s.settings.shutter_speed);
+    s.missed_frames.restart();
     s.stale_pending = kFramesInFlight;
 }
 
 Session& session_at(int index) { return sessions()[index]; }
-
 
 int start_stream(int index, uint32_t ring_frames, int timeout_ms) {
     libusb_device_handle* handle = nullptr;
@@ -211,6 +232,12 @@ int start_stream(int index, uint32_t ring_frames, int timeout_ms) {
         s.ring.release();
         return failed(r, handle);
     }
+    {
+        // Frames from now on have a transfer waiting while another one is
+        // reaped and resubmitted.
+        std::lock_guard<std::mutex> guard(s.lock);
+        submit_own_locked(s, handle);
+    }
     // What continuous acquisition leaves behind: a later single shot of
     // the link then takes frames of this stream instead of restarting it.
     link::mark_streaming(true);
@@ -242,18 +269,25 @@ int stop_stream(int index, int timeout_ms) {
         s.stats.queued = s.ring.size();
         s.ring.release();
         failure = s.failure;
+        // Whatever it takes from now on is the sensor's last frames.
+        let_own_lapse_locked(s);
     }
-    libusb_device_handle* handle = link::handle_at(index);
-    if (handle == nullptr) return ORB_STREAM_ERR_NOT_CONNECTED;
-    if (failure || link::ended()) return loss_result(handle);
-    // Three stops, as the link stops a stream: the controller can miss one
-    // while it is busy with a frame.
     const Deadline deadline = Deadline::in_ms(timeout_ms);
+    libusb_device_handle* handle = link::handle_at(index);
+    if (handle == nullptr || failure || link::ended()) {
+        retire_own(s, deadline);
+        return handle == nullptr ? ORB_STREAM_ERR_NOT_CONNECTED : loss_result(handle);
+    }
+    // Three stops, as the link stops a stream: the controller can miss one
+    // while it is busy with a frame. The stream's transfers go after them, not
+    // before: one cancelled while the sensor fills it would leave the rest of
+    // that frame to the link's transfer.
     int r = stream_request(handle, kCmdStreamStop, deadline);
     for (int i = 0; i < 2 && r == ORB_STREAM_OK; i++) {
         r = rest(kStreamGapMs, deadline);
         if (r == ORB_STREAM_OK) r = stream_request(handle, kCmdStreamStop, deadline);
     }
+    retire_own(s, deadline);
     if (r == ORB_STREAM_OK) link::mark_streaming(false);
     return failed(r, handle);
 }

@@ -4,6 +4,7 @@
 // One stream per sensor index: its ring and counters, shared by the host's
 // thread and the event-loop thread, where the frame tap fills the ring.
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -11,6 +12,7 @@
 
 #include <libusb.h>
 
+#include "frame_pace.h"
 #include "frame_ring.h"
 #include "orb_stream.h"
 #include "../efm32com/orb_stm_commands.h"
@@ -40,6 +42,16 @@ struct Session {
     orb_stream_stats stats{};
     uint32_t lost_since = 0;   // since the last frame queued
     uint32_t stale_since = 0;
+    uint32_t missed_since = 0;
+    uint64_t interval_ns = 0;    // the sensor's pace at the stream's settings
+    MissedFrames missed_frames;  // from the sensor's pace
+
+    // The stream's own frame transfers beside the link's (stream_transfers.h):
+    // allocated at the first stream and kept for the life of the process.
+    std::array<libusb_transfer*, kOwnTransfers> own{};
+    std::array<bool, kOwnTransfers> own_in_flight{};
+    bool own_retiring = false;  // not submitted again once they complete
+    std::condition_variable own_idle;
 };
 
 // The streams as the C entry points (orb_stream.cpp) drive them, their
@@ -60,7 +72,8 @@ void begin_stream_locked(Session& s, FrameRing ring, const orb_stream_settings& 
 
 // What the tap does with one completion of the session's sensor, under
 // the session's lock: frames are numbered, passed over, discarded as stale,
-// counted lost or queued with their time and settings.
+// counted lost or queued with their time and settings, and the time since
+// the previous one tells how many the host missed.
 void take_locked(Session& s, const libusb_transfer* t, uint64_t now_ns);
 // Under the lock: the oldest queued frame into `out`, if there is one.
 bool pop_locked(Session& s, orb_stream_frame& out);

@@ -10,7 +10,7 @@ out=$("$emulate" --sensors 2 -- sh -c '
   "$2" ctl status' sh "$probe" "$emulate")
 printf '%s\n' "$out"
 for line in "register read 36: 3" "register read 4: 67" \
-            "0 001/002 sensor plugged=yes streaming=no shutter=835 frames=0 unit=109a472885" \
-            "1 001/003 sensor plugged=yes streaming=no shutter=0 frames=0 unit=109a472a85" "ok"; do
+            "0 001/002 sensor plugged=yes streaming=no shutter=835 frames=0 missed=0 unit=109a472885" \
+            "1 001/003 sensor plugged=yes streaming=no shutter=0 frames=0 missed=0 unit=109a472a85" "ok"; do
   printf '%s\n' "$out" | grep -qxF "$line" || { echo "missing: $line"; exit 1; }
 done

@@ -46,8 +46,8 @@ class Progress:
 
 class StatusLine:
     """One line on stderr, when it is a terminal, redrawn a few times a
-    second while frames come: frames/s, frames lost (the stream's own
-    totals), saturated filters."""
+    second while frames come: frames/s, frames lost and missed (the
+    stream's own totals), saturated filters."""
 
     REDRAW_S = 0.25
 
@@ -66,7 +66,7 @@ class StatusLine:
         delivered = frames.delivered
         rate = (delivered - self._counted) / (now - self._since)
         self._since, self._counted, self._drawn = now, delivered, now
-        self._stream.write(f"\r\033[K{delivered} frames, {rate:.0f}/s, {frames.lost} lost, "
+        self._stream.write(f"\r\033[K{delivered} frames, {rate:.0f}/s, {frames.lost} lost, {frames.missed} missed, "
                            f"{len(frame.saturated)} saturated")
         self._stream.flush()
         self._shown = True

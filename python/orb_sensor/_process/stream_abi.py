@@ -53,10 +53,10 @@ SETTINGS_DTYPE = np.dtype([("shutter_speed", "<i4"), ("blank_time", "<i4"), ("ad
                           align=True)
 FRAME_DTYPE = np.dtype([("sequence", "<u8"), ("timestamp_ns", "<u8"), ("lost_before", "<u4"),
                         ("stale_before", "<u4"), ("settings", SETTINGS_DTYPE), ("saturated", "<i4"),
-                        ("values", "<u2", (STREAM_FILTERS,))], align=True)
+                        ("values", "<u2", (STREAM_FILTERS,)), ("missed_before", "<u4")], align=True)
 STATS_DTYPE = np.dtype([("completed", "<u8"), ("delivered", "<u8"), ("lost", "<u8"),
                         ("short_frames", "<u8"), ("stale", "<u8"), ("queued", "<u4"),
-                        ("capacity", "<u4"), ("max_queued", "<u4")], align=True)
+                        ("capacity", "<u4"), ("max_queued", "<u4"), ("missed", "<u4")], align=True)
 ACTIVITY_DTYPE = np.dtype([("completed", "<u8"), ("short_frames", "<u8"), ("dropped_short", "<u8"),
                            ("idle_ms", "<u4"), ("patience_ms", "<u4")], align=True)
 EXPOSURE_RESULT_DTYPE = np.dtype([(name, "<i4") for name in ("outcome", "shutter_speed", "level", "target",

@@ -6,7 +6,7 @@
       filter_data          float64 (n, 1024), the signal, in DN
       filter               uint16 (1024,), its axis: filter numbers 1..1024
       seq, timestamp, shutter_speed, exposure_ms, adc_gain, adc_range,
-      averages, lost, n_saturated
+      averages, lost, missed, n_saturated
       saturated            uint8 (n, 128): filter f saturated is bit
                            (f - 1) of the row, most significant bit first
                            (np.packbits order, so np.unpackbits(row) is the
@@ -50,6 +50,7 @@ COLUMNS = {
     "adc_range": ("u2", None),
     "averages": ("u4", None),
     "lost": ("u8", None),
+    "missed": ("u8", None),
     "n_saturated": ("u2", None),
 }
 

@@ -15,7 +15,7 @@ from ..facts import NUM_FILTERS
 from .writer import Writer
 
 CSV_COLUMNS = ("seq", "timestamp", "shutter_speed", "exposure_ms", "adc_gain", "adc_range",
-               "averages", "lost", "n_saturated") + tuple(f"f{n}" for n in range(1, NUM_FILTERS + 1))
+               "averages", "lost", "missed", "n_saturated") + tuple(f"f{n}" for n in range(1, NUM_FILTERS + 1))
 
 
 def _to_json(value):
@@ -84,7 +84,7 @@ class CsvWriter(_TextWriter):
     def _format(self, frame):
         m = frame.metadata()
         head = [m["seq"], m["timestamp"], m["shutter_speed"], m["exposure_ms"], m["adc_gain"],
-                m["adc_range"], m["averages"], m["lost"], len(m["saturated"])]
+                m["adc_range"], m["averages"], m["lost"], m["missed"], len(m["saturated"])]
         return ",".join(map(repr, head + frame.values.tolist()))
 
 

@@ -21,6 +21,11 @@ The rule (Stream's docstring and the package's README say it to users):
   itself after a change of settings (stale: exposed partly with the old
   setting) are passed over, not counted lost. So for each frame out,
   seq - previous seq - averages = lost + stale frames passed over.
+- `missed` of a frame out counts the frames the sensor took since the frame
+  out before it while no transfer of the host waited for them (the
+  library's missed_before): they never reached the host, have no number
+  and are in no gap of the count, so they are neither lost nor break a
+  group.
 """
 
 from typing import Callable, Optional, Tuple
@@ -56,6 +61,7 @@ class Grouper:
         self._last_seq: Optional[int] = None
         self._last_ns = 0
         self._lost = 0
+        self._missed = 0
         self._size = averages
         self._count = 0
         self._key: Tuple[int, ...] = ()
@@ -65,6 +71,7 @@ class Grouper:
         # Totals over every frame out.
         self.delivered = 0
         self.lost = 0
+        self.missed = 0
 
     def restart(self, stopped: bool) -> None:
         """The next record starts a new stream of the library, whose count
@@ -93,6 +100,7 @@ class Grouper:
         if self._count and (gap or record["stale_before"] or key != self._key or self._size != self.averages):
             self._drop_group()
         self._lost += gap
+        self._missed += int(record["missed_before"])
         if not self._count:
             self._size, self._key = self.averages, key
         self._take(record)
@@ -124,10 +132,11 @@ class Grouper:
         frame = Frame(values, seq=self._last_seq, timestamp=self._to_unix(int(last["timestamp_ns"])),
                       shutter_speed=int(settings["shutter_speed"]),
                       adc=(int(settings["adc_gain"]), int(settings["adc_range"])),
-                      saturated=np.flatnonzero(self._saturated) + 1, lost=self._lost, averages=count,
+                      saturated=np.flatnonzero(self._saturated) + 1, lost=self._lost, missed=self._missed, averages=count,
                       sensor_id=self.sensor_id, dark_corrected=dark is not None)
         self._count = 0
         self.delivered += 1
         self.lost += self._lost
-        self._lost = 0
+        self.missed += self._missed
+        self._lost = self._missed = 0
         return frame

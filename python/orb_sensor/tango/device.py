@@ -200,6 +200,12 @@ class OrbSensor(Device):
     def FramesLost(self):
         return self._streamer.lost
 
+    @attribute(dtype=tango.DevLong64, doc="Frames the sensor took since Start that never reached the host: "
+                                          "no transfer was waiting when they were ready (apart from "
+                                          "FramesLost, which counts frames that arrived)")
+    def FramesMissed(self):
+        return self._streamer.missed
+
     @attribute(dtype=str, name="SensorID", doc="The sensor's ID text; empty until it was found")
     def sensor_id(self):
         return self._access.sensor_id or ""

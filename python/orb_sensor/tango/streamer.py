@@ -55,6 +55,12 @@ class Streamer:
         frames = self._frames
         return 0 if frames is None else frames.lost
 
+    @property
+    def missed(self):
+        """Frames the sensor took since Start that never reached the host."""
+        frames = self._frames
+        return 0 if frames is None else frames.missed
+
     def stream(self, on):
         with self._changed:
             if on and not self.wanted:

@@ -239,7 +239,7 @@ class Session:
             "adc": {"gain": self.settings.get("adc_gain"), "range": self.settings.get("adc_range")},
             "frames": self.stream.delivered,
             "frame_number": None if self.current is None else int(self.current.seq),
-            "lost": self.stream.lost, "frame_rate": round(self._rate, 1), "frozen": self.frozen,
+            "lost": self.stream.lost, "missed": self.stream.missed, "frame_rate": round(self._rate, 1), "frozen": self.frozen,
             "auto_exposure": None if self.exposure is None else {
                 "outcome": self.exposure.outcome, "message": self.exposure.message()},
             "dark": self.sensor.dark_frame is not None, "dark_correction": self.sensor.dark_correction,

@@ -98,6 +98,7 @@ export function showStatus(next) {
   $("sensor-id").textContent = next.sensor_id;
   $("frame-rate").textContent = next.frame_rate.toFixed(1);
   $("lost-count").textContent = next.lost;
+  $("missed-count").textContent = next.missed;
 
   const select = $("sensor");
   select.hidden = next.sensors.length < 2;
