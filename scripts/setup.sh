@@ -19,13 +19,20 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
 
-# uPlot draws the live view's plot (orb-sensor view); it stays in the build
-# tree and the install rule copies its two files under share/orb-sensor.
-uplot=uplot@1.6.32
+# Pinned npm packages, kept in the build tree: uPlot draws the live view's
+# plot (the install rule copies its two files under share/orb-sensor), and
+# jcampconverter reads back the JCAMP-DX files the package writes in its
+# tests (an independent reader, run with node). They are installed in one
+# command: npm drops from the prefix what a later install does not name.
+npm_packages=(uplot@1.6.32 jcampconverter@12.5.3)
 npm_dir="$(cd "$(dirname "$0")/.." && pwd)/build/npm"
-if ! grep -qs '"version": "'"${uplot#uplot@}"'"' "$npm_dir/node_modules/uplot/package.json"; then
-  command -v npm >/dev/null || { echo "setup.sh: $uplot needs npm (Node.js 18 or later)" >&2; exit 1; }
-  echo "Installing $uplot into $npm_dir"
-  mkdir -p "$npm_dir"
-  npm install --prefix "$npm_dir" --no-save --no-package-lock --no-audit --no-fund "$uplot" >/dev/null
-fi
+for package in "${npm_packages[@]}"; do
+  name=${package%@*}
+  if ! grep -qs '"version": "'"${package##*@}"'"' "$npm_dir/node_modules/$name/package.json"; then
+    command -v npm >/dev/null || { echo "setup.sh: $package needs npm (Node.js 18 or later)" >&2; exit 1; }
+    echo "Installing ${npm_packages[*]} into $npm_dir"
+    mkdir -p "$npm_dir"
+    npm install --prefix "$npm_dir" --no-save --no-package-lock --no-audit --no-fund "${npm_packages[@]}" >/dev/null
+    break
+  fi
+done

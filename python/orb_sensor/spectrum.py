@@ -18,7 +18,7 @@ from typing import Any, Dict, List, Optional, Tuple, Union
 
 import numpy as np
 
-from ._spectrum import engine
+from ._spectrum import engine, jcamp, notebook
 from ._spectrum.engine import Line, Peak
 from .colour import Colour, colorimetry
 from .errors import OrbValueError
@@ -123,6 +123,36 @@ class Spectrum:
         with open(path, "w", encoding="utf-8") as out:
             out.write(text)
         return None
+
+    def to_jcamp(self, path: Union[str, "os.PathLike[str]", None] = None,
+                 title: Optional[str] = None) -> Optional[str]:
+        """JCAMP-DX 4.24 (`##XYDATA=(X++(Y..Y))`, wavelengths in nm) with
+        the unit, a title, the origin, the sensor ID, the exposure and the
+        calibration. Written to `path`, or returned as text when no path is
+        given."""
+        if title is None:
+            title = f"spectrum of {self.sensor_id}, frame {self.seq}" if self.sensor_id else "spectrum"
+        try:
+            text = jcamp.text(self, title)
+        except ValueError as e:
+            raise OrbValueError(str(e)) from None
+        if path is None:
+            return text
+        with open(path, "w", encoding="ascii", errors="replace") as out:
+            out.write(text)
+        return None
+
+    def to_pandas(self) -> Any:
+        """A pandas DataFrame: column `value`, indexed by `wavelength_nm`,
+        the metadata in its `attrs`. Raises OrbError when pandas is not
+        installed."""
+        return notebook.dataframe(self)
+
+    to_dataframe = to_pandas
+
+    def _repr_html_(self) -> str:
+        # A notebook shows a small plot with the peaks and a summary.
+        return notebook.html_repr(self)
 
     @classmethod
     def from_csv(cls, path: Union[str, "os.PathLike[str]"], name: Optional[str] = None) -> "Spectrum":
