@@ -2,6 +2,8 @@
 
 from typing import TYPE_CHECKING, Any, Callable, Iterator, Optional
 
+import numpy as np
+
 from ._spectrum.frame_spectra import FrameSpectra
 from .frame import Frame
 from .spectrum import CalibrationSource, Spectrum
@@ -29,6 +31,11 @@ class SpectrumStream(Stream):
     def calibration(self) -> CalibrationSource:
         """The calibration file the spectra are made with."""
         return self._spectra.source
+
+    @property
+    def wavelengths(self) -> np.ndarray:
+        """The spectra's wavelengths (nm)."""
+        return self._spectra.operator(self.averages).wavelengths
 
     @property
     def last_frame(self) -> Optional[Frame]:
