@@ -9,6 +9,7 @@ beginning with $ are this package's own (sensor ID, exposure, calibration),
 which readers keep or pass over."""
 
 import datetime
+import textwrap
 from typing import TYPE_CHECKING, List
 
 import numpy as np
@@ -75,8 +76,12 @@ def header(spectrum: "Spectrum", title: str) -> List[str]:
     if spectrum.calibration is not None:
         labels += [("$CALIBRATION SENSOR ID", spectrum.calibration.sensor_id),
                    ("$CALIBRATION CREATED", spectrum.calibration.created),
-                   ("$CALIBRATION SHA256", spectrum.calibration.sha256)]
-    return [f"##{name}={_label_text(value)}" for name, value in labels]
+                   ("$CAL SHA256", spectrum.calibration.sha256)]
+    lines: List[str] = []
+    for name, value in labels:
+        # A long text value goes on over the lines after its label's.
+        lines += textwrap.wrap(f"##{name}={_label_text(value)}", MAX_LINE, break_long_words=False) or [f"##{name}="]
+    return lines
 
 
 def text(spectrum: "Spectrum", title: str) -> str:
