@@ -6,7 +6,7 @@ packages=(cmake gcc g++ make pkg-config libusb-1.0-0-dev umockdev libumockdev-de
           libeigen3-dev libhdf5-dev liblbfgspp-dev
           libgtest-dev libgmock-dev libbenchmark-dev python3
           python3-numpy python3-matplotlib python3-pytest python3-h5py python3-tango clang libclang-rt-14-dev valgrind
-          python3-aiohttp python3-selenium python3-mypy chromium chromium-driver)
+          python3-aiohttp python3-selenium python3-mypy chromium chromium-driver python3-pandas)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

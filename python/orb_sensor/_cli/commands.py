@@ -13,7 +13,6 @@ from ..led import CHANNEL_LABELS, LedModule, NoLedModuleError
 from ..exposure import format_ms
 from ..facts import exposure_ms
 from ..sensor import ACQUISITION_MARGIN_S, Sensor, acquisition_timeout_s
-from .progress import StatusLine
 
 NO_DEVICE_HELP = (
     "Check that it is plugged in and that you may open its USB device node;\n"

@@ -5,7 +5,6 @@ import json
 import math
 import sys
 
-from ..colour import colorimetry
 from ..errors import OrbValueError
 from ..exposure import format_ms
 from ..facts import exposure_ms
