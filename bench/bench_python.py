@@ -1,7 +1,9 @@
 #!/usr/bin/python3
 """orb_sensor, the Python package, against one emulated sensor: a stream at
-the sensor's pace, Sensor.read() against the pauses the protocol takes on
-purpose, and how soon an unplug and a replug show.
+the sensor's pace, of filter data and of spectra (Sensor.stream(spectra=True)
+with a synthetic calibration: the tests' plumbing unit, whose grid sets the
+cost), Sensor.read() against the pauses the protocol takes on purpose, and
+how soon an unplug and a replug show.
 
 usage: orb-emulate --sensors 1 -- /usr/bin/python3 bench/bench_python.py
            [--seconds 60] [--reads 30] [--rounds 5] [--json FILE]
@@ -22,15 +24,18 @@ import resource
 import socket
 import statistics
 import sys
+import tempfile
 import time
 
 # The package of this source tree, not an installed one.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "python"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "python", "tests"))
 
 from orb_sensor import Sensor, SensorLostError  # noqa: E402
 from orb_sensor._process import supervisor  # noqa: E402
 from orb_sensor.facts import FASTEST_FRAME_S, TICKS_EXTRA, TICKS_PER_SHUTTER_STEP, exposure_ms  # noqa: E402
 from emulator_control import bench  # noqa: E402
+import synthetic_calibration  # noqa: E402
 
 SHUTTER = 1
 # What one single shot waits on purpose, as the library's acquisition
@@ -80,14 +85,15 @@ class Snapshot:
         self.sent, self.slots_missed = sensor_counts()
 
 
-def stream(sensor, seconds):
-    """Every frame for `seconds` from the first one; the figures cover the
-    frames after the first, all processes' CPU included."""
+def stream(sensor, seconds, **kwargs):
+    """Every frame (or spectrum, with spectra=True among kwargs) for
+    `seconds` from the first one; the figures cover the frames after the
+    first, all processes' CPU included."""
     # The package names its worker process nowhere else.
     worker = supervisor.shared()._worker.process.pid
     emulator = launcher_pid()
     delivered, lost, missed, first = 0, 0, 0, None
-    frames = sensor.stream()
+    frames = sensor.stream(**kwargs)
     try:
         for frame in frames:
             delivered += 1
@@ -115,6 +121,19 @@ def stream(sensor, seconds):
            "chain_cores": (last.own - first.own + last.worker - first.worker) / wall}
     if emulator:
         row["emulator_cpu_us_per_frame"] = (last.emulator - first.emulator) / after_first * 1e6
+    return row
+
+
+def spectra_stream(sensor, seconds, directory):
+    """The stream of spectra: a dark taken with the emulated light off, the
+    spectra made under the fluorescent tube."""
+    path = os.path.join(directory, "calibration.h5")
+    synthetic_calibration.write(path, sensor.id)
+    bench("scene 0 dark")
+    dark = sensor.dark()
+    bench("scene 0 fluorescent")
+    row = stream(sensor, seconds, spectra=True, calibration=path, dark=dark)
+    row["wavelengths"] = synthetic_calibration.WAVELENGTHS.size
     return row
 
 
@@ -198,7 +217,7 @@ def unplug_and_replug(sensor, rounds):
             "replug_to_frame_max_ms": max(good_after), "reads_until_frame": max(tries)}
 
 
-UNITS = {"seconds": "s", "delivered": "frames", "sent_by_seq": "frames", "sensor_sent": "frames",
+UNITS = {"wavelengths": "values", "seconds": "s", "delivered": "frames", "sent_by_seq": "frames", "sensor_sent": "frames",
          "delivered_fps": "frames/s", "sensor_fps": "frames/s", "lost": "frames", "missed": "frames",
          "sensor_slots_missed": "frames", "chain_cores": "cores",
          "frames_after_unplug": "frames", "reads_until_frame": "calls"}
@@ -248,7 +267,10 @@ def main():
     print(f"{ctx['date']}\nRunning {sys.argv[0]}\nRun on ({ctx['num_cpus']} X {ctx['mhz_per_cpu']} MHz CPU s)\n"
           f"Load Average: {', '.join(f'{x:.2f}' for x in ctx['load_avg'])}", file=sys.stderr)
     seconds = f"{args.seconds:g}"
-    runs = [(f"PythonStream/shutter:{SHUTTER}/seconds:{seconds}", 1, lambda: stream(sensor, args.seconds))]
+    scratch = tempfile.TemporaryDirectory()
+    runs = [(f"PythonStream/shutter:{SHUTTER}/seconds:{seconds}", 1, lambda: stream(sensor, args.seconds)),
+            (f"PythonStream/shutter:{SHUTTER}/seconds:{seconds}/spectra", 1,
+             lambda: spectra_stream(sensor, args.seconds, scratch.name))]
     runs += [(f"PythonRead/averages:{n}", args.reads, lambda n=n: reads(sensor, n, args.reads)) for n in (1, 10)]
     runs.append(("PythonSettings", args.reads, lambda: settings_request(sensor, args.reads)))
     runs.append(("PythonUnplugReplug", args.rounds, lambda: unplug_and_replug(sensor, args.rounds)))

@@ -138,7 +138,9 @@ def python_stream(table):
            "|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|"]
     for name, r in find(table, "PythonStream"):
         emulator = fmt(r["emulator_cpu_us_per_frame"]) if "emulator_cpu_us_per_frame" in r else "–"
-        out.append(f"| shutter speed {name.split('/')[1].split(':')[1]}, realistic timing "
+        what = (f", spectra of {r['wavelengths']:.0f} wavelengths (Sensor.stream(spectra=True))"
+                if name.endswith("/spectra") else "")
+        out.append(f"| shutter speed {name.split('/')[1].split(':')[1]}{what}, realistic timing "
                    f"| {r['delivered']:,.0f} in {r['seconds']:.1f} | {fmt(r['delivered_fps'])} "
                    f"| {r['sent_by_seq']:,.0f}, {r['sensor_sent']:,.0f} | **{r['delivered_per_sent']:.3f}** | {r['lost']:g} "
                    f"| {missed(r, 'sensor_slots_missed')} "

@@ -10,9 +10,12 @@
         s.dark()                         # covered, at the exposure of the spectra to come
         spectrum = s.spectrum(averages=16)   # with the unit's calibration
         print(spectrum.peaks(), spectrum.colour().cct_k)
+        for spectrum in s.stream(spectra=True, seconds=5):
+            print(spectrum.seq, spectrum.peaks()[0].wavelength_nm)
 
 This module is the package's public face: Sensor, Stream (what
-Sensor.stream() returns), Frame, Spectrum (what Sensor.spectrum() returns),
+Sensor.stream() returns; SpectrumStream with spectra=True), Frame, Spectrum
+(what Sensor.spectrum() returns),
 Colour and colorimetry() (the colour of any spectrum), LedModule, the
 exceptions and the sensor's facts (orb_sensor.facts). The library runs in a worker process that the
 package supervises (the private orb_sensor._process): calls are bounded,
@@ -32,9 +35,10 @@ from .frame import Frame  # noqa: E402
 from .led import LedModule, NoLedModuleError  # noqa: E402
 from .sensor import Sensor  # noqa: E402
 from .spectrum import CalibrationSource, Spectrum  # noqa: E402
+from .spectrum_stream import SpectrumStream  # noqa: E402
 from .stream import Stream  # noqa: E402
 
-__all__ = ["Sensor", "Stream", "Frame", "Spectrum", "CalibrationSource", "Colour", "colorimetry",
+__all__ = ["Sensor", "Stream", "SpectrumStream", "Frame", "Spectrum", "CalibrationSource", "Colour", "colorimetry",
            "CalibrationError", "SpectrumError", "OrbError", "NoSensorError", "SensorLostError", "SensorTimeoutError",
            "SensorStalledError", "SensorRefusedError",
            "OrbValueError", "OrbTypeError", "ERROR_CODE_NAMES", "LedModule", "NoLedModuleError",

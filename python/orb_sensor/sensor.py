@@ -19,9 +19,11 @@ from .errors import NoSensorError, OrbTypeError, OrbValueError, SensorLostError
 from .exposure import LIGHT_CHANGED, ON_TARGET, TOO_BRIGHT, TOO_DIM, AutoExposure, format_ms
 from .facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, LED_MODULE_ID,
                     MAX_VALUE, NUM_FILTERS, SHUTTER_SPEED_LIMITS, blank_time, exposure_ms, frame_period_s, shutter_speed_for)
+from ._spectrum.frame_spectra import FrameSpectra
 from ._spectrum.sensor_spectra import SensorSpectra
 from .frame import Frame, saturated_filters
 from .spectrum import CalibrationSource, Spectrum
+from .spectrum_stream import SpectrumStream
 from .stream import Stream
 
 # Time-outs in seconds: for a setting (a few requests of at most 1 s each),
@@ -289,7 +291,9 @@ class Sensor:
         return self.read(averages, timeout).values
 
     def stream(self, averages: int = 1, frames: Optional[int] = None, seconds: Optional[float] = None,
-               timeout: Optional[float] = None, ring_frames: int = 0) -> Stream:
+               timeout: Optional[float] = None, ring_frames: int = 0, spectra: bool = False,
+               dark: Optional[Any] = None, calibration: Union[str, "os.PathLike[str]", None] = None,
+               step: Optional[float] = None) -> Stream:
         """Every frame as the sensor makes it: a Stream, an iterator of
         Frame objects, `averages` frames averaged into each (changeable
         while it runs); gapless while the consumer keeps up (a Frame's
@@ -297,7 +301,13 @@ class Sensor:
         Frames or `seconds` seconds, or when the consumer closes it;
         `timeout` bounds the wait for any one frame. Settings may be
         changed while it runs: every frame after the change was exposed
-        with it."""
+        with it.
+
+        With `spectra`, a SpectrumStream: the same stream, each Frame out
+        made into a Spectrum as spectrum() makes one (`dark`, `calibration`
+        and `step` as there; a given dark is of the current exposure). The
+        operator is built before the first frame; a frame of an exposure
+        with no dark ends the iteration with OrbValueError."""
         averages = checks.integer("averages", averages, 1, checks.INT_MAX)
         frames = checks.optional_count("frames", frames)
         if seconds is not None:
@@ -306,7 +316,18 @@ class Sensor:
         timeout = self._acquisition_timeout(averages, timeout, self._known_settings()["shutter_speed"])
         def open_stream() -> Any:
             return self._supervisor.open_stream(self._id, ring_frames, self._timeout)
-        return Stream(self, open_stream, averages, frames, seconds, timeout)
+        if not isinstance(spectra, (bool, np.bool_)):
+            raise OrbTypeError(f"spectra must be True or False, not {spectra!r}")
+        if not spectra:
+            if dark is not None or calibration is not None or step is not None:
+                raise OrbValueError("dark=, calibration= and step= are for a stream of spectra: give spectra=True")
+            return Stream(self, open_stream, averages, frames, seconds, timeout)
+        shutter = self._known_settings()["shutter_speed"]
+        maker = self._frame_spectra(dark, calibration, step, shutter)
+        maker.operator(averages)
+        if not self._dark_correction:
+            maker.background(shutter)
+        return SpectrumStream(self, open_stream, maker, averages, frames, seconds, timeout)
 
     def open_recording(self, path: str, averages: int = 1, kind: str = "hdf5") -> Any:
         """A writer of this sensor's frames into `path`, as `orb-sensor
@@ -342,33 +363,25 @@ class Sensor:
         averages = checks.integer("averages", averages, 1, checks.INT_MAX)
         if not isinstance(refine, (bool, np.bool_)):
             raise OrbTypeError(f"refine must be True or False, not {refine!r}")
+        maker = self._frame_spectra(dark, calibration, step, self._known_settings()["shutter_speed"])
+        maker.operator(averages)
+        with self._lock:
+            if not self._dark_correction:
+                maker.background(self._known_settings()["shutter_speed"])
+            frame = self.read(averages, timeout)
+        return maker.spectrum(frame, refine=bool(refine))
+
+    def _frame_spectra(self, dark: Optional[Any], calibration: Union[str, "os.PathLike[str]", None],
+                       step: Optional[float], shutter: int) -> FrameSpectra:
+        """What turns this sensor's frames into spectra; a given dark is
+        taken to be of the current exposure `shutter`."""
         if step is not None:
             step = checks.number("step", step, 0.5, 10.0)
         given_dark = None if dark is None else self._check_dark(dark)
         if given_dark is not None and self._dark_correction:
             raise OrbValueError("dark= is given but dark_correction is on, which subtracts dark()'s own: "
                                 "switch it off to subtract this one")
-        operator, source = self._spectra.operator(calibration, step, averages)
-        with self._lock:
-            shutter = self._known_settings()["shutter_speed"]
-            if given_dark is None and not self._dark_correction and shutter not in self._darks:
-                raise OrbValueError(
-                    f"no dark frame at shutter speed {shutter} ({format_ms(exposure_ms(shutter))} ms): a spectrum "
-                    "without one is off by the dark level; cover the sensor and call dark() at this exposure, "
-                    "or pass dark=")
-            frame = self.read(averages, timeout)
-        background = None
-        if not frame.dark_corrected:
-            background = given_dark if given_dark is not None else self._darks[frame.shutter_speed]
-        lines = None
-        if refine:
-            values, lines = operator.refine(frame.values, background, frame.exposure_ms)
-        else:
-            values = operator.apply(frame.values, background, frame.exposure_ms)
-        return Spectrum(operator.wavelengths, values, seq=frame.seq, timestamp=frame.timestamp,
-                        shutter_speed=frame.shutter_speed, exposure_ms=frame.exposure_ms, averages=averages,
-                        lost=frame.lost, saturated=frame.saturated, sensor_id=self._id, calibration=source,
-                        lines=lines)
+        return FrameSpectra(self._spectra, self._id, calibration, step, self._darks.get, given_dark, shutter)
 
     def calibration(self, path: Union[str, "os.PathLike[str]", None] = None) -> CalibrationSource:
         """The calibration spectrum() uses: the file found by the sensor's ID,

@@ -18,7 +18,7 @@ from typing import Any, Dict, List, Optional, Tuple, Union
 
 import numpy as np
 
-from ._spectrum import engine
+from ._spectrum import engine, jcamp, notebook
 from ._spectrum.engine import Line, Peak
 from .colour import Colour, colorimetry
 from .errors import OrbValueError
@@ -46,8 +46,8 @@ class Spectrum:
     wavelengths   numpy float64, nm, ascending
     values        numpy float64, `unit` (a calibrated spectrum: the
                   calibration source's power per nm)
-    seq, timestamp, shutter_speed, exposure_ms, averages, lost, saturated,
-    sensor_id     of the frame it was made from (as Frame has them; 0, None
+    seq, timestamp, shutter_speed, exposure_ms, averages, lost, missed,
+    saturated, sensor_id     of the frame it was made from (as Frame has them; 0, None
                   or empty for a spectrum read from a file)
     calibration   a CalibrationSource, or None
     lines         with the refinement, the lines it found (wavelength_nm,
@@ -55,11 +55,11 @@ class Spectrum:
     """
 
     __slots__ = ("wavelengths", "values", "unit", "seq", "timestamp", "shutter_speed", "exposure_ms",
-                 "averages", "lost", "saturated", "sensor_id", "calibration", "lines")
+                 "averages", "lost", "missed", "saturated", "sensor_id", "calibration", "lines")
 
     def __init__(self, wavelengths: Any, values: Any, unit: str = CALIBRATED_UNIT, *, seq: int = 0,
                  timestamp: float = 0.0, shutter_speed: Optional[int] = None,
-                 exposure_ms: Optional[float] = None, averages: int = 1, lost: int = 0,
+                 exposure_ms: Optional[float] = None, averages: int = 1, lost: int = 0, missed: int = 0,
                  saturated: Any = (), sensor_id: str = "",
                  calibration: Optional[CalibrationSource] = None,
                  lines: Optional[List[Line]] = None) -> None:
@@ -77,6 +77,7 @@ class Spectrum:
         self.exposure_ms = exposure_ms
         self.averages = averages
         self.lost = lost
+        self.missed = missed
         self.saturated = np.array(saturated, dtype=np.int64)
         self.sensor_id = sensor_id
         self.calibration = calibration
@@ -100,7 +101,7 @@ class Spectrum:
         out: Dict[str, Any] = {"unit": self.unit, "sensor_id": self.sensor_id, "seq": int(self.seq),
                                "timestamp": float(self.timestamp), "shutter_speed": self.shutter_speed,
                                "exposure_ms": self.exposure_ms, "averages": int(self.averages),
-                               "lost": int(self.lost), "saturated": [int(f) for f in self.saturated]}
+                               "lost": int(self.lost), "missed": int(self.missed), "saturated": [int(f) for f in self.saturated]}
         if self.calibration is not None:
             out.update(calibration_sensor_id=self.calibration.sensor_id,
                        calibration_created=self.calibration.created,
@@ -123,6 +124,36 @@ class Spectrum:
         with open(path, "w", encoding="utf-8") as out:
             out.write(text)
         return None
+
+    def to_jcamp(self, path: Union[str, "os.PathLike[str]", None] = None,
+                 title: Optional[str] = None) -> Optional[str]:
+        """JCAMP-DX 4.24 (`##XYDATA=(X++(Y..Y))`, wavelengths in nm) with
+        the unit, a title, the origin, the sensor ID, the exposure and the
+        calibration. Written to `path`, or returned as text when no path is
+        given."""
+        if title is None:
+            title = f"spectrum of {self.sensor_id}, frame {self.seq}" if self.sensor_id else "spectrum"
+        try:
+            text = jcamp.text(self, title)
+        except ValueError as e:
+            raise OrbValueError(str(e)) from None
+        if path is None:
+            return text
+        with open(path, "w", encoding="ascii", errors="replace") as out:
+            out.write(text)
+        return None
+
+    def to_pandas(self) -> Any:
+        """A pandas DataFrame: column `value`, indexed by `wavelength_nm`,
+        the metadata in its `attrs`. Raises OrbError when pandas is not
+        installed."""
+        return notebook.dataframe(self)
+
+    to_dataframe = to_pandas
+
+    def _repr_html_(self) -> str:
+        # A notebook shows a small plot with the peaks and a summary.
+        return notebook.html_repr(self)
 
     @classmethod
     def from_csv(cls, path: Union[str, "os.PathLike[str]"], name: Optional[str] = None) -> "Spectrum":

@@ -2,7 +2,6 @@
 exceptions into exit statuses."""
 
 import json
-import os
 import sys
 import time
 
@@ -14,7 +13,6 @@ from ..led import CHANNEL_LABELS, LedModule, NoLedModuleError
 from ..exposure import format_ms
 from ..facts import exposure_ms
 from ..sensor import ACQUISITION_MARGIN_S, Sensor, acquisition_timeout_s
-from .progress import StatusLine
 
 NO_DEVICE_HELP = (
     "Check that it is plugged in and that you may open its USB device node;\n"
@@ -140,12 +138,24 @@ def acquire(args, progress):
 def _frames_to(writer, sensor, args, status):
     """Writes frames until the limit, the end of the sensor, or Ctrl-C
     (which ends a stream or a recording as a stop button does)."""
+    stream = sensor.stream(averages=args.averages, frames=args.frames, seconds=args.seconds, timeout=args.timeout)
+    return items_to(writer.write, stream, status)
+
+
+def items_to(write, stream, status, every=None, count=None, seconds=None):
+    """Hands each item of `stream` (Frames or Spectra) to `write` until the
+    stream ends or Ctrl-C, which ends a run as a stop button does (returns
+    True then). With `every` (seconds), a timed series instead: one item
+    per interval, the stream stopped between them, `count` items or
+    `seconds` seconds at most."""
     try:
-        with sensor.stream(averages=args.averages, frames=args.frames, seconds=args.seconds,
-                           timeout=args.timeout) as frames:
-            for frame in frames:
-                writer.write(frame)
-                status.update(frames, frame)
+        with stream:
+            if every is None:
+                for item in stream:
+                    write(item)
+                    status.update(stream, item)
+            else:
+                _timed(write, stream, status, every, count, seconds)
     except KeyboardInterrupt:
         return True
     finally:
@@ -153,58 +163,25 @@ def _frames_to(writer, sensor, args, status):
     return False
 
 
-class _PerMs:
-    """A writer given frames in DN per ms of exposure."""
-
-    def __init__(self, writer):
-        self._writer = writer
-
-    def write(self, frame):
-        self._writer.write(frame.per_ms())
-
-
-def stream(args, progress):
-    check_output(args.output)
-    progress.step("connecting the sensors")
-    with _open_sensor(args.sensor, args.timeout) as sensor:
-        exposure = _expose(sensor, args, progress, auto_by_default=True)
-        meta = recording.run_metadata(sensor, args.averages)
-        meta.update(exposure, units="DN/ms" if args.per_ms else "DN")
-        progress.done()
-        target = sys.stdout if args.output == "-" else args.output
-        with recording.open_writer(args.form or "csv", target, meta) as writer:
-            _frames_to(_PerMs(writer) if args.per_ms else writer, sensor, args, StatusLine())
-    return 0
-
-
-# What record refuses to write HDF5 into: names a reader would take for text.
-TEXT_SUFFIXES = (".csv", ".json", ".ndjson", ".txt")
-
-
-def record(args, progress):
-    if args.output == "-":
-        raise OrbValueError("record: -o must name a file: HDF5 cannot go to standard output")
-    if os.path.splitext(args.output)[1].lower() in TEXT_SUFFIXES:
-        raise OrbValueError(f"record: {args.output} names a text file, but record writes HDF5: name it .h5, "
-                            "or write text with `orb-sensor stream -o FILE`")
-    if os.path.exists(args.output) and not args.force:
-        raise OrbValueError(f"record: {args.output} exists: give --force to overwrite it")
-    check_output(args.output)
-    progress.step("connecting the sensors")
-    with _open_sensor(args.sensor, args.timeout) as sensor:
-        exposure = _expose(sensor, args, progress, auto_by_default=True)
-        meta = recording.run_metadata(sensor, args.averages)
-        meta.update(exposure)
-        progress.done()
-        writer = recording.open_writer("hdf5", args.output, meta)
-        started = time.monotonic()
-        try:
-            _frames_to(writer, sensor, args, StatusLine())
-        finally:
-            writer.close()
-            sys.stderr.write(f"{args.output}: {writer.frames} frame(s) in "
-                             f"{time.monotonic() - started:.1f} s\n")
-    return 0
+def _timed(write, stream, status, every, count, seconds):
+    start = time.monotonic()
+    due, taken = start, 0
+    while count is None or taken < count:
+        item = next(stream)
+        # The sensor rests until the next interval: a day-long series
+        # neither heats it nor streams for nothing.
+        stream.stop()
+        write(item)
+        taken += 1
+        status.update(stream, item)
+        due += every
+        now = time.monotonic()
+        if due < now:
+            # An interval shorter than one acquisition: the next at once.
+            due = now
+        if seconds is not None and due - start >= seconds:
+            break
+        time.sleep(due - now)
 
 
 def led(args, progress):
@@ -227,4 +204,4 @@ def led(args, progress):
     return 0
 
 
-COMMANDS = {"list": list_sensors, "acquire": acquire, "stream": stream, "record": record, "led": led}
+COMMANDS = {"list": list_sensors, "acquire": acquire, "led": led}

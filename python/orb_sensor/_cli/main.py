@@ -17,7 +17,7 @@ from ..errors import (CalibrationError, NoSensorError, OrbError, OrbTypeError, O
 from ..facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, MAX_VALUE,
                      SHUTTER_SPEED_LIMITS)
 from ..led import MAX_CHANNELS, MAX_INTENSITY, NoLedModuleError
-from . import arguments, calibrate, doctor, emulation, spectra
+from . import arguments, calibrate, doctor, emulation, runs, spectra
 from .commands import COMMANDS, NO_DEVICE_HELP, no_sensor_message
 from .progress import Progress
 
@@ -67,9 +67,22 @@ def _spectrum_options(p):
     _sensor_options(p)
     p.add_argument("-n", "--averages", type=arguments.whole(1, INT_MAX), default=1, metavar="N",
                    help="frames averaged into the spectrum (default 1)")
+    _exposure_options(p)
+    _calibration_and_dark(p)
+
+
+def _spectra_of_a_run(p):
+    p.add_argument("--spectrum", action="store_true",
+                   help="spectra with the unit's calibration (record: beside the filter data); needs a dark: "
+                        "--take-dark or --dark FILE")
+    _calibration_and_dark(p)
+    p.add_argument("--step", type=arguments.step_nm, metavar="NM",
+                   help="with --spectrum, a grid every NM nm, 0.5 to 10 (default: the calibration's wavelengths)")
+
+
+def _calibration_and_dark(p):
     p.add_argument("--calibration", metavar="FILE",
                    help="the sensor's calibration file (default: found by the sensor's ID)")
-    _exposure_options(p)
     dark = p.add_mutually_exclusive_group()
     dark.add_argument("--take-dark", action="store_true",
                       help="take a dark frame at the exposure first: asks you to cover the sensor, then to "
@@ -113,6 +126,7 @@ def parser():
     form.add_argument("--ndjson", action="store_const", dest="form", const="ndjson",
                       help="a JSON object per line")
     s.add_argument("-o", "--output", default="-", metavar="FILE", help="write here (default -: stdout)")
+    _spectra_of_a_run(s)
 
     r = sub.add_parser("record", help="record frames into an HDF5 file as they come")
     _sensor_options(r)
@@ -120,6 +134,10 @@ def parser():
     _exposure_options(r)
     r.add_argument("-o", "--output", required=True, metavar="FILE.h5", help="the HDF5 file to write")
     r.add_argument("--force", action="store_true", help="overwrite FILE.h5 when it exists")
+    r.add_argument("--every", type=arguments.seconds, metavar="S",
+                   help="a timed series: one (averaged) frame or spectrum every S seconds, the sensor stopped "
+                        "between them")
+    _spectra_of_a_run(r)
 
     sp = sub.add_parser("spectrum", help="a spectrum (power per nm) with the sensor unit's calibration",
                         description="A spectrum from the sensor's filter data, with the unit's calibration. "
@@ -134,6 +152,11 @@ def parser():
                     help="print the peaks (and with --refine the lines); the CSV then goes only to -o")
     sp.add_argument("-o", "--output", metavar="FILE",
                     help="write the CSV (wavelength_nm,value after a # header) here (default: stdout)")
+    sp.add_argument("--json", action="store_true",
+                    help="one JSON object (metadata, wavelength_nm, values, peaks) instead of the CSV")
+    sp.add_argument("--jcamp", metavar="FILE", help="also write the spectrum as JCAMP-DX 4.24 into FILE")
+    sp.add_argument("--plot", nargs="?", const="spectrum.png", metavar="FILE.png",
+                    help="also draw it against wavelength, peaks labelled, into FILE.png (default spectrum.png)")
 
     col = sub.add_parser("colour", aliases=["color"],
                          help="CCT, Duv, chromaticity and colour rendering of the light the sensor sees, or of "
@@ -201,8 +224,8 @@ def _fail(progress, text, status):
 
 def _run(args, progress):
     try:
-        return {**COMMANDS, "view": _view, "calibrate": calibrate.run, "spectrum": spectra.spectrum,
-                "colour": spectra.colour, "color": spectra.colour}[args.command](args, progress)
+        return {**COMMANDS, "stream": runs.stream, "record": runs.record, "view": _view, "calibrate": calibrate.run,
+                "spectrum": spectra.spectrum, "colour": spectra.colour, "color": spectra.colour}[args.command](args, progress)
     except NoSensorError as e:
         progress.done()
         sys.stderr.write(no_sensor_message(e))

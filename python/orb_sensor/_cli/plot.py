@@ -30,3 +30,27 @@ def save_frame_plot(path, data, title):
         fig.savefig(path, dpi=DPI)
     finally:
         plt.close(fig)
+
+
+def save_spectrum_plot(path, spectrum, title, peaks):
+    """The spectrum against wavelength, each of `peaks` marked and labelled
+    with its wavelength."""
+    fig, ax = plt.subplots(figsize=FIGURE_SIZE_IN, dpi=DPI)
+    try:
+        ax.plot(spectrum.wavelengths, spectrum.values, linewidth=0.9)
+        top = float(np.max(spectrum.values)) if spectrum.values.size else 1.0
+        for p in peaks:
+            ax.plot([p.wavelength_nm], [p.height], "v", color="tab:red", markersize=4)
+            ax.annotate(f"{p.wavelength_nm:.1f}", (p.wavelength_nm, p.height), textcoords="offset points",
+                        xytext=(0, 5), ha="center", fontsize=8, color="tab:red")
+        ax.set_xlim(spectrum.wavelengths[0], spectrum.wavelengths[-1])
+        if top > 0:
+            ax.set_ylim(top=top * 1.12)
+        ax.axhline(0, color="0.7", linewidth=0.6)
+        ax.set_xlabel("wavelength (nm)")
+        ax.set_ylabel(spectrum.unit)
+        ax.set_title(title, fontsize=9)
+        fig.tight_layout()
+        fig.savefig(path, dpi=DPI)
+    finally:
+        plt.close(fig)

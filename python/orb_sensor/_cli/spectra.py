@@ -5,7 +5,6 @@ import json
 import math
 import sys
 
-from ..colour import colorimetry
 from ..errors import OrbValueError
 from ..exposure import format_ms
 from ..facts import exposure_ms
@@ -30,43 +29,59 @@ def _ask(prompt):
         raise OrbValueError("--take-dark: no answer on standard input")
 
 
-def measure(args, progress):
-    """The Spectrum the options ask for, from the sensor."""
+def dark_option(args):
+    """The dark file of --dark (None with --take-dark); neither is refused.
+    A dark file with no exposure option fixes the exposure, since an
+    auto-exposure would move away from it. Read before any sensor starts."""
     dark_file = read_dark(args.dark) if args.dark is not None else None
     if dark_file is None and not args.take_dark:
         raise OrbValueError(NO_DARK)
     if dark_file is not None and args.shutter is None and args.exposure_ms is None and not args.auto_exposure:
-        # The dark fixes the exposure: an auto-exposure would move away from it.
         args.shutter = dark_file.shutter_speed
         sys.stderr.write(f"exposure of the dark in {args.dark}: shutter speed {args.shutter} "
                          f"({format_ms(exposure_ms(args.shutter))} ms)\n")
+    return dark_file
+
+
+def dark_at_exposure(args, progress, sensor, dark_file):
+    """The dark at the sensor's exposure, now set: the file's, refused at
+    another exposure, or one taken with the user covering the sensor."""
+    shutter = sensor.shutter_speed
+    if dark_file is not None:
+        if dark_file.shutter_speed != shutter:
+            raise OrbValueError(
+                f"--dark {args.dark} was taken at shutter speed {dark_file.shutter_speed}, the spectrum at "
+                f"{shutter}: give --shutter {dark_file.shutter_speed}, or a dark taken at {shutter}")
+        return dark_file.values
+    progress.done()
+    _ask(f"cover the sensor for a dark frame at shutter speed {shutter} ({format_ms(exposure_ms(shutter))} ms)")
+    progress.step("taking the dark frame")
+    dark = sensor.dark(max(DARK_AVERAGES, args.averages), timeout=_read_timeout(args, shutter))
+    progress.done()
+    _ask("uncover the sensor")
+    return dark
+
+
+def say_calibration(source):
+    sys.stderr.write(f"calibration of {source.sensor_id} made {source.created} ({source.path})\n")
+
+
+def measure(args, progress):
+    """The Spectrum the options ask for, from the sensor."""
+    dark_file = dark_option(args)
     progress.step("connecting the sensors")
     with _open_sensor(args.sensor, args.timeout) as sensor:
         progress.step("loading the calibration")
         source = sensor.calibration(args.calibration)
         _expose(sensor, args, progress, auto_by_default=True)
-        shutter = sensor.shutter_speed
-        dark = None
-        if dark_file is not None:
-            if dark_file.shutter_speed != shutter:
-                raise OrbValueError(
-                    f"--dark {args.dark} was taken at shutter speed {dark_file.shutter_speed}, the spectrum at "
-                    f"{shutter}: give --shutter {dark_file.shutter_speed}, or a dark taken at {shutter}")
-            dark = dark_file.values
-        else:
-            progress.done()
-            _ask(f"cover the sensor for a dark frame at shutter speed {shutter} ({format_ms(exposure_ms(shutter))} ms)")
-            progress.step("taking the dark frame")
-            dark = sensor.dark(max(DARK_AVERAGES, args.averages), timeout=_read_timeout(args, shutter))
-            progress.done()
-            _ask("uncover the sensor")
+        dark = dark_at_exposure(args, progress, sensor, dark_file)
         progress.step(f"acquiring {args.averages} frame(s) for the spectrum"
                       + (" and refining it" if getattr(args, "refine", False) else ""))
         spectrum = sensor.spectrum(averages=args.averages, refine=getattr(args, "refine", False), dark=dark,
                                    calibration=args.calibration, step=getattr(args, "step", None),
-                                   timeout=_read_timeout(args, shutter))
+                                   timeout=_read_timeout(args, sensor.shutter_speed))
     progress.done()
-    sys.stderr.write(f"calibration of {source.sensor_id} made {source.created} ({source.path})\n")
+    say_calibration(source)
     if spectrum.saturated.size:
         sys.stderr.write(f"warning: {spectrum.saturated.size} filter(s) saturated: the spectrum is wrong where "
                          "they see; use a shorter exposure\n")
@@ -81,14 +96,31 @@ def _print_peaks(spectrum, out):
         out.write(f"line {line.wavelength_nm:.3f} nm power {line.power:.6g}\n")
 
 
+def _json_text(spectrum):
+    doc = dict(spectrum.metadata(), wavelength_nm=spectrum.wavelengths.tolist(), values=spectrum.values.tolist(),
+               peaks=[{"wavelength_nm": p.wavelength_nm, "height": p.height, "fwhm_nm": p.fwhm_nm,
+                       "prominence": p.prominence} for p in spectrum.peaks()])
+    return json.dumps(doc, indent=1) + "\n"
+
+
 def spectrum(args, progress):
-    if args.output not in (None, "-"):
-        check_output(args.output)
+    for path in (args.output, args.jcamp, args.plot):
+        if path not in (None, "-"):
+            check_output(path)
     result = measure(args, progress)
+    data = _json_text(result) if args.json else result.to_csv()
     if args.output not in (None, "-"):
-        result.to_csv(args.output)
+        with open(args.output, "w", encoding="utf-8") as out:
+            out.write(data)
     elif not args.peaks:
-        sys.stdout.write(result.to_csv())
+        sys.stdout.write(data)
+    if args.jcamp:
+        result.to_jcamp(args.jcamp)
+    if args.plot:
+        from .plot import save_spectrum_plot
+        save_spectrum_plot(args.plot, result, f"{result.sensor_id}: exposure {format_ms(result.exposure_ms)} ms, "
+                           f"{result.averages} frame(s) averaged; calibration {result.calibration.created}",
+                           result.peaks())
     if args.peaks:
         _print_peaks(result, sys.stdout)
     return 0

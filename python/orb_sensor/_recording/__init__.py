@@ -41,13 +41,16 @@ def run_metadata(sensor, averages):
             "dark_correction": sensor.dark_correction}
 
 
-def open_writer(kind, path_or_stream, run_metadata):
+def open_writer(kind, path_or_stream, run_metadata, spectra=None):
     """A writer of `kind` to a path, "-" (standard output) or an open text
-    stream. HDF5 takes a path only."""
+    stream. HDF5 takes a path only, and with `spectra` (a
+    hdf5_spectra.SpectraLayout) records a spectrum with each frame."""
     # Imported here: h5py takes a while to load for a run that does not use it.
     if kind == "hdf5":
         from .hdf5 import Hdf5Writer
-        return Hdf5Writer(path_or_stream, run_metadata)
+        return Hdf5Writer(path_or_stream, run_metadata, spectra)
+    if spectra is not None:
+        raise ValueError(f"{kind} records filter data only")
     if kind in ("csv", "ndjson"):
         from .text import CsvWriter, NdjsonWriter
         return (CsvWriter if kind == "csv" else NdjsonWriter)(path_or_stream, run_metadata)

@@ -22,6 +22,9 @@ killed between flushes leaves a file that opens and holds every flushed
 frame. The `frames` attribute goes in only after the rows it counts are on
 disk: rows past it can only come from a flush the kill interrupted, so a
 reader of such a file takes the first `frames` rows.
+
+A recording of spectra holds them beside the filter data, a row per frame,
+with their calibration and colour (hdf5_spectra.py).
 """
 
 import os
@@ -32,6 +35,7 @@ import h5py
 import numpy as np
 
 from ..facts import NUM_FILTERS
+from .hdf5_spectra import SpectraPart
 from .writer import Writer
 
 FLUSH_FRAMES = 256
@@ -56,7 +60,7 @@ COLUMNS = {
 
 
 class Hdf5Writer(Writer):
-    def __init__(self, path, run_metadata):
+    def __init__(self, path, run_metadata, spectra=None):
         if path == "-":
             raise ValueError("HDF5 cannot go to standard output: it needs a file")
         if not isinstance(path, (str, bytes, os.PathLike)):
@@ -67,6 +71,9 @@ class Hdf5Writer(Writer):
         self._file = h5py.File(path, "w")
         try:
             self._entry = self._start(run_metadata)
+            self._spectra = None if spectra is None else SpectraPart(
+                self._entry, self._entry["data"], spectra, FLUSH_FRAMES, _growing)
+            self._file.flush()
         except BaseException:
             self._file.close()
             raise
@@ -99,11 +106,15 @@ class Hdf5Writer(Writer):
             "filter f saturated: bit f-1 of the row, most significant bit first (numpy.unpackbits)")
         for name, (dtype, units) in COLUMNS.items():
             self._grown[name] = _growing(data, name, dtype, None, 4096, units)
-        self._file.flush()
         return entry
 
-    def write(self, frame):
+    def write(self, frame, spectrum=None):
+        """With spectra (a SpectraLayout given), `spectrum` is the frame's."""
+        if (spectrum is None) != (self._spectra is None):
+            raise ValueError("a recording of spectra takes a spectrum with each frame, and only it")
         i = self._pending
+        if spectrum is not None:
+            self._spectra.add(i, spectrum)
         self._values[i] = frame.values
         m = frame.metadata()
         m["n_saturated"] = len(m["saturated"])
@@ -125,6 +136,8 @@ class Hdf5Writer(Writer):
             for name, dataset in self._grown.items():
                 dataset.resize(end, axis=0)
                 dataset[start:end] = blocks[name][:k]
+            if self._spectra is not None:
+                self._spectra.store(start, end, k)
             self._file.flush()
             self._entry.attrs.modify("frames", end)
             self._file.flush()
