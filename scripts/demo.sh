@@ -11,7 +11,7 @@ build=${ORB_BUILD_DIR:-$top/build}
 mkdir -p "$build"
 log=$build/demo-build.log
 if ! { "$top/scripts/setup.sh" &&
-       ORB_BUILD_TARGETS="orb_device orb-emulate orbsim-access" "$top/scripts/build.sh"; } >"$log" 2>&1; then
+       ORB_BUILD_TARGETS="orb_device orb-emulate orbsim-access orb_spectrum emulated-calibrations" "$top/scripts/build.sh"; } >"$log" 2>&1; then
   tail -n 40 "$log"
   echo "The set-up or the build failed; the whole log is in $log." >&2
   exit 1

@@ -67,3 +67,45 @@ def filters(text):
             raise argparse.ArgumentTypeError(f"range {part!r} runs backwards")
         numbers.extend(range(first, last + 1))
     return numbers
+
+
+def _number(text, what):
+    try:
+        value = float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"{text!r} is not {what}") from None
+    if not math.isfinite(value):
+        raise argparse.ArgumentTypeError(f"{text!r} is not {what}")
+    return value
+
+
+def wavelength(text):
+    """A wavelength within the sensor's range, 340 to 1100 nm."""
+    value = _number(text, "a wavelength in nm")
+    if not 340 <= value <= 1100:
+        raise argparse.ArgumentTypeError(f"must be between 340 and 1100 nm, not {text}")
+    return value
+
+
+def positive_nm(text):
+    """A step in nm, above 0 and at most 100."""
+    value = _number(text, "a step in nm")
+    if not 0 < value <= 100:
+        raise argparse.ArgumentTypeError(f"must be above 0 and at most 100 nm, not {text}")
+    return value
+
+
+def brightness(text):
+    """The emulator's line brightness, above 0 and at most 1000."""
+    value = _number(text, "a brightness")
+    if not 0 < value <= 1000:
+        raise argparse.ArgumentTypeError(f"must be above 0 and at most 1000, not {text}")
+    return value
+
+
+def line_width(text):
+    """The emulator's line width, 0.1 to 100 nm."""
+    value = _number(text, "a width in nm")
+    if not 0.1 <= value <= 100:
+        raise argparse.ArgumentTypeError(f"must be between 0.1 and 100 nm, not {text}")
+    return value

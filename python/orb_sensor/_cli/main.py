@@ -16,7 +16,7 @@ from ..errors import (NoSensorError, OrbError, OrbTypeError, OrbValueError, Sens
 from ..facts import (ADC_GAIN_LIMITS, ADC_RANGE_LIMITS, DEFAULT_MASTER_CLOCK_MHZ, EXPOSURE_MS_LIMITS, MAX_VALUE,
                      SHUTTER_SPEED_LIMITS)
 from ..led import MAX_CHANNELS, MAX_INTENSITY, NoLedModuleError
-from . import arguments, doctor, emulation
+from . import arguments, calibrate, doctor, emulation
 from .commands import COMMANDS, NO_DEVICE_HELP, no_sensor_message
 from .progress import Progress
 
@@ -115,6 +115,8 @@ def parser():
                      help=f"intensity, 0 to {MAX_INTENSITY} (default 0)")
     led.add_argument("--off", action="store_true", help="switch every channel off")
 
+    calibrate.add_parser(sub, _sensor_options)
+
     sub.add_parser("doctor", help="check what a sensor needs on this machine, and say what to fix")
 
     v = sub.add_parser("view", help="the live filter data in a browser, with the sensor's controls")
@@ -157,7 +159,7 @@ def _fail(progress, text, status):
 
 def _run(args, progress):
     try:
-        return {**COMMANDS, "view": _view}[args.command](args, progress)
+        return {**COMMANDS, "view": _view, "calibrate": calibrate.run}[args.command](args, progress)
     except NoSensorError as e:
         progress.done()
         sys.stderr.write(no_sensor_message(e))
@@ -174,7 +176,7 @@ def _run(args, progress):
         return _fail(progress, "interrupted", EXIT_INTERRUPTED)
 
 
-COMMAND_NAMES = ("list", "acquire", "stream", "record", "led", "doctor", "view")
+COMMAND_NAMES = ("list", "acquire", "stream", "record", "led", "doctor", "view", "calibrate")
 
 
 def main(argv=None):
