@@ -63,17 +63,18 @@ def emulated(args):
         frame = unit.frame(b.FRAMES)
         value = engines.many.apply(*frame)
         nm, power, lines = b.truth(args.build, words)
-        true = b.binned(nm, power, engines.grid)
+        true = b.true_density(nm, power, engines.grid, engines.unit)
         keep = (engines.grid >= b.SCORED[0]) & (engines.grid <= b.SCORED[1])
         scale = value[keep].dot(true[keep]) / true[keep].dot(true[keep])
-        ax.plot(nm, power * scale, color="0.6", lw=1, label="true (continuum, scaled)")
+        shown = power * (nm if engines.unit == "photons" else 1) * scale
+        ax.plot(nm, shown, color="0.6", lw=1, label=f"true ({engines.unit} per nm, scaled)")
         ax.plot(engines.grid, value, color="C0", lw=1, label="reconstructed, 16 frames")
         if lines:
             refined, _ = engines.many.refine(*frame)
             ax.plot(engines.grid, refined, color="C3", lw=0.8, label="refined")
             for at, _ in lines:
                 ax.axvline(at, color="0.8", lw=0.5, zorder=0)
-            ax.set_ylim(top=1.2 * max(value.max(), (power * scale).max()))
+            ax.set_ylim(top=1.2 * max(value.max(), shown.max()))
         ax.set(title=words, xlabel="wavelength (nm)", ylabel="density")
         ax.legend(fontsize=7)
     fig.tight_layout()
