@@ -157,6 +157,18 @@ TEST_F(SpectrumTest, TheRefinementMeetsTheLineTargetsFromTheDefaultSweepAndADimF
     EXPECT_LT(dim.max, 0.10);
 }
 
+// Near the end of the range the prior smooths most, and the fast result may
+// only rise to its last sample: the refinement still finds and places the line.
+TEST_F(SpectrumTest, TheRefinementFindsLinesAtTheBlindEndOfTheRange) {
+    prepare(2.0);
+    for (double nm : {1061.3, 1079.3, 1093.7}) {
+        const auto lines = refine(spectrum_, unit_.frame(nullptr, {{nm, 1.0}}, 16));
+        ASSERT_EQ(lines.size(), 1u) << nm;
+        std::printf("line at %.1f nm refined to %+.4f nm\n", nm, lines[0].wavelength_nm - nm);
+        EXPECT_NEAR(lines[0].wavelength_nm, nm, 0.05) << nm;
+    }
+}
+
 // The dip between two equal lines, relative to the lower of their tops.
 double dip(const std::vector<double>& nm, const std::vector<double>& v, double a, double b) {
     double top_a = 0, top_b = 0, low = INFINITY;
