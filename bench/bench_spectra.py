@@ -328,7 +328,7 @@ def inside(args):
             "≤ 1% / 2%")
     r = broadband(unit, engines, args.build, "sun", one_frame=False)["own"]
     row("sun, 16 frames: against its true spectrum / smoothed to 10 nm", f"{100 * r[0]:.2f}% / {100 * r[2]:.2f}%",
-        "(what the absorption lines cost)")
+        "what the absorption lines cost")
     for centre in PAIR_CENTRES:
         fast, refined = pair_resolved(unit, own, centre)
         target = {450.0: 4, 600.0: 3.5, 800.0: 5, 1000.0: 7.5}[centre]
