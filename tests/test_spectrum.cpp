@@ -51,6 +51,22 @@ TEST_F(SpectrumTest, BroadbandLightIsReconstructedWithinOnePercentFromSixteenFra
     }
 }
 
+// The prior is weighted by the filters' width: where they are widest (the
+// red end, where silicon is nearly blind too) a uniform prior at the strength
+// the blue needs let the spectrum ring by several per cent.
+TEST_F(SpectrumTest, TheRedEndWhereTheFiltersAreWidestDoesNotRing) {
+    prepare(2.0);
+    const std::vector<double> got = reconstruct(unit_.frame(halogen, {}, 16));
+    double err = 0, ref = 0;
+    for (size_t j = 0; j < nm_.size(); ++j) {
+        if (nm_[j] < 980 || nm_[j] > 1080) continue;
+        err += std::pow(got[j] - halogen(nm_[j]), 2);
+        ref += std::pow(halogen(nm_[j]), 2);
+    }
+    std::printf("halogen, 980 to 1080 nm: relative rms error %.4f\n", std::sqrt(err / ref));
+    EXPECT_LT(std::sqrt(err / ref), 0.01);
+}
+
 TEST_F(SpectrumTest, GeneralisedCrossValidationChoosesAStrengthNearTheBest) {
     prepare(2.0);
     double chosen = 0;
@@ -74,8 +90,8 @@ TEST_F(SpectrumTest, GeneralisedCrossValidationChoosesAStrengthNearTheBest) {
     }
     std::printf("chosen %.4g: %.4f, best %.4f\n", chosen, at_chosen, best);
     // Broadband light would take a stronger prior than GCV's choice (which
-    // also has to keep lines narrow): within 3x of the best error here.
-    EXPECT_LT(at_chosen, 3 * best);
+    // also has to keep lines narrow): within 1.5x of the best error here.
+    EXPECT_LT(at_chosen, 1.5 * best);
 }
 
 TEST_F(SpectrumTest, SingleLinesArePlacedWithoutTheRefinementFromSixteenFramesOrOneDimFrame) {
@@ -141,6 +157,18 @@ TEST_F(SpectrumTest, TheRefinementMeetsTheLineTargetsFromTheDefaultSweepAndADimF
     EXPECT_LT(dim.max, 0.10);
 }
 
+// Near the end of the range the prior smooths most, and the fast result may
+// only rise to its last sample: the refinement still finds and places the line.
+TEST_F(SpectrumTest, TheRefinementFindsLinesAtTheBlindEndOfTheRange) {
+    prepare(2.0);
+    for (double nm : {1061.3, 1079.3, 1093.7}) {
+        const auto lines = refine(spectrum_, unit_.frame(nullptr, {{nm, 1.0}}, 16));
+        ASSERT_EQ(lines.size(), 1u) << nm;
+        std::printf("line at %.1f nm refined to %+.4f nm\n", nm, lines[0].wavelength_nm - nm);
+        EXPECT_NEAR(lines[0].wavelength_nm, nm, 0.05) << nm;
+    }
+}
+
 // The dip between two equal lines, relative to the lower of their tops.
 double dip(const std::vector<double>& nm, const std::vector<double>& v, double a, double b) {
     double top_a = 0, top_b = 0, low = INFINITY;
@@ -173,7 +201,9 @@ TEST_F(SpectrumTest, TheRefinementResolvesTwoLinesCloserThanAFilterWhereTheFastR
 
 TEST_F(SpectrumTest, TheFastResultResolvesTwoLinesAFilterWidthApart) {
     prepare(2.0);
-    for (auto [centre, separation] : {std::pair{450.0, 10.0}, {600.0, 11.0}, {800.0, 12.0}}) {
+    // The prior smooths per filter width, so the red needs a little more
+    // separation than with a uniform prior (13 nm at 800 nm, not 12).
+    for (auto [centre, separation] : {std::pair{450.0, 10.0}, {600.0, 11.0}, {800.0, 13.0}}) {
         const double a = centre - separation / 2, b = centre + separation / 2;
         EXPECT_GE(dip(nm_, reconstruct(unit_.frame(nullptr, {{a, 1.0}, {b, 1.0}}, 16)), a, b), 0.19) << centre;
     }

@@ -33,6 +33,8 @@ constexpr double kDip = 0.7;
 constexpr double kDoubleLineSpreadNm = 0.5; // a group spread wider than this is tried as two lines
 constexpr double kTwoLineGain = 0.25;      // two lines must leave at most this share of one line's residual
 constexpr double kSameLineNm = 0.3;
+constexpr double kShadowNm = 1.5;          // a line this close to one twenty times stronger is its misfit
+constexpr double kShadowShare = 0.05;
 constexpr double kPositionFreedomNm = 1.0;
 
 // The whitened responses of the filters used to a line at nm (Catmull-Rom
@@ -103,6 +105,17 @@ Region refit_region(const std::vector<double>& nm, const Eigen::VectorXd& densit
     std::vector<double> at;
     for (const auto& p : peaks)
         if (p.prominence > kPeakSignificance * swing && at.size() < kMaxWindows) at.push_back(p.wavelength_nm);
+    // A line near either end of the range, where the filters are wide and the
+    // prior smooths most, may leave the fast result rising to its last sample
+    // with no peak inside: the end itself then marks a window.
+    const Eigen::Index last = density.size() - 1;
+    const double highest = density.maxCoeff();
+    for (Eigen::Index end : {Eigen::Index{0}, last}) {
+        const Eigen::Index inner = end == 0 ? 1 : last - 1;
+        if (last > 0 && density[end] > density[inner] && density[end] > kPeakSignificance * swing &&
+            density[end] >= kPeakProminence * highest && at.size() < kMaxWindows)
+            at.push_back(nm[static_cast<size_t>(end)]);
+    }
     std::sort(at.begin(), at.end());
     std::vector<Window> outer, inner;
     for (double p : at) {
@@ -386,14 +399,21 @@ Refined refine_lines(const Reconstruction& r, const double* filters, const doubl
     for (size_t c = 0; c < fine.size(); ++c)
         if (rest[static_cast<Eigen::Index>(c)] > 0)
             deposit(grid, grid_width, fine[c], rest[static_cast<Eigen::Index>(c)], out.density);
-    // Two seeds that met are one line.
+    // Two seeds that met are one line. A faint line just beside a strong one
+    // is the strong line's misfit (its responses interpolated between the
+    // calibration's wavelengths), not a line: its power goes to the strong
+    // one, whose position stays.
     for (const orb_spectrum_line& line : fit.lines) {
         if (!(line.power > 0)) continue;
-        if (!out.lines.empty() && std::abs(out.lines.back().wavelength_nm - line.wavelength_nm) < kSameLineNm) {
-            orb_spectrum_line& last = out.lines.back();
-            const double power = last.power + line.power;
-            last.wavelength_nm = (last.wavelength_nm * last.power + line.wavelength_nm * line.power) / power;
-            last.power = power;
+        const double apart = out.lines.empty() ? INFINITY : std::abs(out.lines.back().wavelength_nm - line.wavelength_nm);
+        orb_spectrum_line* last = out.lines.empty() ? nullptr : &out.lines.back();
+        if (apart < kSameLineNm) {
+            const double power = last->power + line.power;
+            last->wavelength_nm = (last->wavelength_nm * last->power + line.wavelength_nm * line.power) / power;
+            last->power = power;
+        } else if (apart < kShadowNm && std::min(last->power, line.power) < kShadowShare * std::max(last->power, line.power)) {
+            if (line.power > last->power) last->wavelength_nm = line.wavelength_nm;
+            last->power += line.power;
         } else {
             out.lines.push_back(line);
         }

@@ -1,5 +1,6 @@
 // The reconstruction operator: regularised least squares with a
-// second-difference smoothness prior and a small ridge, the filters weighted
+// second-difference smoothness prior weighted by the filters' width and a
+// small ridge, the filters weighted
 // by their noise, reduced once to one float matrix that a frame meets in a
 // single matrix-vector product.
 
@@ -9,6 +10,7 @@
 #include <cmath>
 
 #include "engine_error.h"
+#include "smoothness_prior.h"
 #include "strength_choice.h"
 
 namespace orbspectrum {
@@ -125,15 +127,10 @@ Reconstruction::Reconstruction(const Calibration& cal, double grid, double stren
     a *= t0;
     const Eigen::VectorXd flat = a.rowwise().sum();
 
-    // The prior P = D^T D + ridge I = L L^T; z = L^T S turns the problem into
-    // ridge regression on A L^-T, whose SVD gives both GCV and the operator.
-    Eigen::MatrixXd prior = kRidge * Eigen::MatrixXd::Identity(n, n);
-    for (Eigen::Index j = 1; j + 1 < n; ++j) {
-        const Eigen::Index idx[3] = {j - 1, j, j + 1};
-        const double c[3] = {1, -2, 1};
-        for (int p = 0; p < 3; ++p)
-            for (int q = 0; q < 3; ++q) prior(idx[p], idx[q]) += c[p] * c[q];
-    }
+    // The prior P = D^T W^2 D + ridge I = L L^T (smoothness_prior.cpp); z = L^T S
+    // turns the problem into ridge regression on A L^-T, whose SVD gives both
+    // GCV and the operator.
+    const Eigen::MatrixXd prior = smoothness_prior(cal, kRidge);
     const Eigen::LLT<Eigen::MatrixXd> llt(prior);
     if (llt.info() != Eigen::Success) throw EngineError(ORB_SPECTRUM_ERR_COMPUTE, "the smoothness prior is not definite");
     const Eigen::MatrixXd whitened = llt.matrixL().solve(a.transpose()).transpose();  // A L^-T
