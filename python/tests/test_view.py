@@ -142,6 +142,10 @@ def page(tmp_path, request):
     driver.quit()
 
 
+def with_axis(url, axis):
+    return url + ("&" if "?" in url else "?") + f"axis={axis}"
+
+
 def text(driver, element_id):
     return driver.find_element("id", element_id).text
 
@@ -232,7 +236,7 @@ def test_settings_on_the_page_reach_the_sensor_and_bad_ones_reach_nothing(view, 
 
 def test_auto_exposure_and_dark_pause_the_stream_and_it_goes_on(view, page):
     v = view("--sensors", "1", "--scene", "halogen")
-    driver = page(v.url)
+    driver = page(with_axis(v.url, "filter"))
     wait_for(lambda: frame_number(driver), 15, "a first frame")
     enter(driver, "shutter_speed", 3000)
     wait_for(lambda: text(driver, "peak") == "4095" and int(text(driver, "saturated-count")) > 0, 10,
