@@ -273,7 +273,7 @@ def test_unplug_shows_lost_at_once_and_replug_brings_frames_back(view, page):
     wait_for(lambda: frame_number(driver), 15, "a first frame")
     driver.execute_script("window.notReloaded = true")
     header = driver.find_element("tag name", "header").size["height"]
-    stale = 'return document.getElementById("plot").classList.contains("stale")'
+    stale = 'return document.getElementById("plots").classList.contains("stale")'
     assert driver.execute_script(stale) is False
     v.ctl("unplug", "0")
     wait_for(lambda: "lost" in text(driver, "state"), 2, "lost shown")
