@@ -120,19 +120,25 @@ def view(tmp_path):
         v.close()
 
 
-@pytest.fixture
-def page(tmp_path, request):
-    """page(url): headless Chromium on the view's page."""
+def chromium(size="1400,800"):
+    """A headless Chromium driven by selenium (also docs/pictures/make_view_picture.py's)."""
     from selenium import webdriver
     from selenium.webdriver.chrome.service import Service
     options = webdriver.ChromeOptions()
     options.binary_location = CHROMIUM
-    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1400,800"):
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", f"--window-size={size}"):
         options.add_argument(argument)
     # The driver is named: selenium would otherwise look for one to download.
     driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
     driver.set_page_load_timeout(30)
     driver.set_script_timeout(30)
+    return driver
+
+
+@pytest.fixture
+def page(tmp_path, request):
+    """page(url): headless Chromium on the view's page."""
+    driver = chromium()
 
     def load(url):
         driver.get(url)

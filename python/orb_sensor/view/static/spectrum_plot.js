@@ -12,6 +12,8 @@ function ticks(u, splits, axis, space, step) {
   return splits.map((v) => v.toFixed(decimals));
 }
 
+const legendValue = (u, v) => (v === null || v === undefined ? "–" : v.toPrecision(4));
+
 function dataRange(low, high) {
   if (!Number.isFinite(low) || !Number.isFinite(high)) return [0, 1];
   const pad = Math.max((high - low) * 0.08, Math.abs(high) * 1e-3, 1e-12);
@@ -48,8 +50,8 @@ export function makeSpectrumPlot(element, yLabel, onCursor) {
     axes: [{label: "wavelength, nm"}, {label: yLabel, size: 70, values: ticks}],
     series: [
       {label: "nm", value: (u, v) => (v === null ? "–" : `${v.toFixed(1)} nm`)},
-      {label: "live", stroke: "#1f5fbf", width: 1, points: {show: false}},
-      {label: "overlay", stroke: "#6d6d6d", dash: [5, 3], width: 1, points: {show: false}},
+      {label: "live", stroke: "#1f5fbf", width: 1, points: {show: false}, value: legendValue},
+      {label: "overlay", stroke: "#6d6d6d", dash: [5, 3], width: 1, points: {show: false}, value: legendValue},
     ],
     hooks: {
       draw: [drawPeaks],
