@@ -371,6 +371,20 @@ class Sensor:
             frame = self.read(averages, timeout)
         return maker.spectrum(frame, refine=bool(refine))
 
+    def spectrum_of(self, frame: Frame, calibration: Union[str, "os.PathLike[str]", None] = None,
+                    step: Optional[float] = None) -> Spectrum:
+        """The Spectrum of a Frame this sensor made (read(), a Stream), as
+        spectrum() makes one: the dark subtracted is the frame's own when it
+        came dark-corrected, else the one dark() took at its shutter speed.
+        For front ends that show filter data and spectra of one stream:
+        raises OrbValueError when there is no dark of the frame's exposure,
+        CalibrationError without a calibration. Asks the sensor nothing."""
+        if not isinstance(frame, Frame):
+            raise OrbTypeError(f"frame must be a Frame, not {type(frame).__name__}")
+        if frame.sensor_id != self._id:
+            raise OrbValueError(f"the frame is of sensor {frame.sensor_id}, not of {self._id}")
+        return self._frame_spectra(None, calibration, step, frame.shutter_speed).spectrum(frame)
+
     def _frame_spectra(self, dark: Optional[Any], calibration: Union[str, "os.PathLike[str]", None],
                        step: Optional[float], shutter: int) -> FrameSpectra:
         """What turns this sensor's frames into spectra; a given dark is

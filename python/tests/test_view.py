@@ -120,19 +120,25 @@ def view(tmp_path):
         v.close()
 
 
-@pytest.fixture
-def page(tmp_path, request):
-    """page(url): headless Chromium on the view's page."""
+def chromium(size="1400,800"):
+    """A headless Chromium driven by selenium (also docs/pictures/make_view_picture.py's)."""
     from selenium import webdriver
     from selenium.webdriver.chrome.service import Service
     options = webdriver.ChromeOptions()
     options.binary_location = CHROMIUM
-    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--window-size=1400,800"):
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", f"--window-size={size}"):
         options.add_argument(argument)
     # The driver is named: selenium would otherwise look for one to download.
     driver = webdriver.Chrome(service=Service(CHROMEDRIVER), options=options)
     driver.set_page_load_timeout(30)
     driver.set_script_timeout(30)
+    return driver
+
+
+@pytest.fixture
+def page(tmp_path, request):
+    """page(url): headless Chromium on the view's page."""
+    driver = chromium()
 
     def load(url):
         driver.get(url)
@@ -140,6 +146,10 @@ def page(tmp_path, request):
     yield load
     driver.save_screenshot(str(tmp_path / f"{request.node.name}.png"))
     driver.quit()
+
+
+def with_axis(url, axis):
+    return url + ("&" if "?" in url else "?") + f"axis={axis}"
 
 
 def text(driver, element_id):
@@ -232,7 +242,7 @@ def test_settings_on_the_page_reach_the_sensor_and_bad_ones_reach_nothing(view, 
 
 def test_auto_exposure_and_dark_pause_the_stream_and_it_goes_on(view, page):
     v = view("--sensors", "1", "--scene", "halogen")
-    driver = page(v.url)
+    driver = page(with_axis(v.url, "filter"))
     wait_for(lambda: frame_number(driver), 15, "a first frame")
     enter(driver, "shutter_speed", 3000)
     wait_for(lambda: text(driver, "peak") == "4095" and int(text(driver, "saturated-count")) > 0, 10,
@@ -269,7 +279,7 @@ def test_unplug_shows_lost_at_once_and_replug_brings_frames_back(view, page):
     wait_for(lambda: frame_number(driver), 15, "a first frame")
     driver.execute_script("window.notReloaded = true")
     header = driver.find_element("tag name", "header").size["height"]
-    stale = 'return document.getElementById("plot").classList.contains("stale")'
+    stale = 'return document.getElementById("plots").classList.contains("stale")'
     assert driver.execute_script(stale) is False
     v.ctl("unplug", "0")
     wait_for(lambda: "lost" in text(driver, "state"), 2, "lost shown")

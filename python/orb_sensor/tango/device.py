@@ -19,14 +19,19 @@ from tango.server import Device, attribute, command, device_property
 
 from ..errors import OrbError
 from ..facts import EXPOSURE_FORMULA, MAX_VALUE, NUM_FILTERS, SHUTTER_SPEED_LIMITS, exposure_ms, shutter_speed_for
+from ..spectrum import CALIBRATED_UNIT
 from ..sensor import AUTO_EXPOSE_TIMEOUT_S, DARK_AVERAGES, REPLY_MARGIN_S, acquisition_timeout_s
 from . import failures, health, led_command, limits
 from .frames import LatestFrame
 from .outbox import Outbox
 from .sensor_access import WAIT_S, SensorAccess
+from .spectra import LatestSpectrum, calibration_of
 from .streamer import Streamer
 
 RW = AttrWriteType.READ_WRITE
+# The most wavelengths a calibration gives a spectrum (1 nm over the
+# sensor's range needs under 800).
+MAX_WAVELENGTHS = 8192
 # How long a command waits for a running stream to close before it takes
 # the sensor (the package stops a stream within 0.8 s).
 STREAM_CLOSE_S = 1.5
@@ -76,10 +81,16 @@ class OrbSensor(Device):
         # Whether the exposure was chosen: by a client, or at the first Start.
         self._exposed = False
         self._latest = LatestFrame()
+        self._spectrum = LatestSpectrum()
+        # The wavelengths last sent: a Wavelengths event goes with the first
+        # Spectrum and whenever the axis changes (another calibration).
+        self._sent_wavelengths = None
         self._sent_state = None
         # The last AutoExpose's outcome; off target, Status warns of it.
         self._exposure = None
         self.set_change_event("FilterData", True, False)
+        self.set_change_event("Spectrum", True, False)
+        self.set_change_event("Wavelengths", True, False)
         self.set_change_event("State", True, False)
         self._outbox = Outbox(self, self._send_state, self._send_frame)
         sensor_id = self.SensorID.strip() or None
@@ -124,16 +135,28 @@ class OrbSensor(Device):
             self.push_change_event("State")
             self._sent_state = state
 
-    def _send_frame(self, frame):
+    def _send_frame(self, item):
+        frame, spectrum = item
         self.push_change_event("FilterData", frame.values, frame.timestamp, AttrQuality.ATTR_VALID)
+        if spectrum is None:
+            return
+        if self._sent_wavelengths is None or not np.array_equal(self._sent_wavelengths, spectrum.wavelengths):
+            self.push_change_event("Wavelengths", spectrum.wavelengths, frame.timestamp, AttrQuality.ATTR_VALID)
+            self._sent_wavelengths = spectrum.wavelengths
+        self.push_change_event("Spectrum", spectrum.values, frame.timestamp, AttrQuality.ATTR_VALID)
+
+    def _with_spectrum(self, frame):
+        # On the thread that delivers the frame: the outbox's thread holds
+        # the device's monitor while it sends, and should do no more.
+        return frame, self._spectrum.make(self._access.sensor, frame)
 
     def _deliver(self, frame):
         self._latest.put(frame)
-        self._outbox.frame(frame)
+        self._outbox.frame(self._with_spectrum(frame))
 
     def _stream_frame(self, frame):
         self._latest.put(frame)
-        self._outbox.frame(frame, wanted=self._streamer.should_stream)
+        self._outbox.frame(self._with_spectrum(frame), wanted=self._streamer.should_stream)
 
     def _set_shutter(self, value):
         self._access.call(lambda sensor: setattr(sensor, "shutter_speed", value), "setting the shutter speed")
@@ -209,6 +232,71 @@ class OrbSensor(Device):
     @attribute(dtype=str, name="SensorID", doc="The sensor's ID text; empty until it was found")
     def sensor_id(self):
         return self._access.sensor_id or ""
+
+    # The latest frame's spectrum and its colour.
+
+    @attribute(dtype=(float,), max_dim_x=MAX_WAVELENGTHS, unit=CALIBRATED_UNIT,
+               doc="The spectrum of FilterData's frame against Wavelengths, made with the sensor's "
+                   "calibration and the dark frame of the frame's exposure (TakeDark, the sensor covered). "
+                   "A change event with every frame that has one; INVALID when there is none "
+                   "(SpectrumProblem says why)")
+    def Spectrum(self):
+        spectrum = self._spectrum.spectrum
+        if spectrum is None:
+            return np.zeros(0), time.time(), AttrQuality.ATTR_INVALID
+        return spectrum.values, spectrum.timestamp, AttrQuality.ATTR_VALID
+
+    @attribute(dtype=(float,), max_dim_x=MAX_WAVELENGTHS, unit="nm",
+               doc="The wavelengths of Spectrum, ascending. A change event with the first Spectrum and "
+                   "whenever they change (another calibration); INVALID before the first Spectrum")
+    def Wavelengths(self):
+        spectrum = self._spectrum.spectrum
+        if spectrum is None:
+            return np.zeros(0), time.time(), AttrQuality.ATTR_INVALID
+        return spectrum.wavelengths, spectrum.timestamp, AttrQuality.ATTR_VALID
+
+    @attribute(dtype=str, doc="Why the latest frame has no Spectrum (no calibration: make one with "
+                              "`orb-sensor calibrate`; no dark frame of its exposure); empty when it has one")
+    def SpectrumProblem(self):
+        return self._spectrum.problem
+
+    @attribute(dtype=str, doc="The sensor ID the calibration file was made for; empty without one")
+    def CalibrationSensorID(self):
+        return calibration_of(self._access.sensor)[0]
+
+    @attribute(dtype=str, doc="When the calibration was made (as the file says); empty without one")
+    def CalibrationDate(self):
+        return calibration_of(self._access.sensor)[1]
+
+    def _colour(self, name):
+        value = self._spectrum.quantity(name)
+        if value is None:
+            return 0.0, time.time(), AttrQuality.ATTR_INVALID
+        return value, self._spectrum.spectrum.timestamp, AttrQuality.ATTR_VALID
+
+    @attribute(dtype=float, unit="K", format="%.0f",
+               doc="Correlated colour temperature of Spectrum (Ohno 2013; 1000 to 100000 K); INVALID "
+                   "without a spectrum or outside that range")
+    def CCT(self):
+        return self._colour("cct_k")
+
+    @attribute(dtype=float, format="%.4f", doc="Distance of Spectrum's colour from the Planckian locus in "
+                                               "the CIE 1960 UCS, positive above it")
+    def Duv(self):
+        return self._colour("duv")
+
+    @attribute(dtype=float, format="%.4f", doc="CIE 1931 chromaticity x of Spectrum (2 degree observer)")
+    def ChromaticityX(self):
+        return self._colour("x")
+
+    @attribute(dtype=float, format="%.4f", doc="CIE 1931 chromaticity y of Spectrum (2 degree observer)")
+    def ChromaticityY(self):
+        return self._colour("y")
+
+    @attribute(dtype=float, format="%.1f", doc="CIE 13.3 general colour rendering index Ra of Spectrum; not "
+                                               "meaningful when |Duv| exceeds 0.0054")
+    def Ra(self):
+        return self._colour("ra")
 
     # Settings.
 

@@ -8,7 +8,7 @@ import asyncio
 from aiohttp import web
 
 from ..errors import OrbError, OrbTypeError, OrbValueError, SensorLostError, SensorTimeoutError
-from . import controls, downloads
+from . import chromaticity, controls, downloads
 
 
 def _error(status, e):
@@ -85,6 +85,53 @@ async def led(body, session):
     if session.lights is None:
         raise web.HTTPConflict(text="no LED module on the bus\n")
     await _blocking(session.set_lights, *controls.lights(body))
+
+
+@_control
+async def spectrum(body, session):
+    session.spectra.set_mode(body.get("mode"))
+    session.spectra_changed()
+
+
+@_control
+async def reference(body, session):
+    if body.get("clear") is True:
+        session.spectra.clear_reference()
+    elif body.get("take") is True:
+        await asyncio.wrap_future(session.take_reference())
+    else:
+        raise OrbValueError('a reference takes {"take": true} (the light, no sample) or {"clear": true}')
+    session.spectra_changed()
+
+
+@_control
+async def overlay(body, session):
+    if body.get("clear") is True:
+        session.spectra.clear_overlay()
+    else:
+        await _blocking(session.spectra.set_overlay, body.get("name"), body.get("csv"))
+    session.spectra_changed()
+
+
+async def chromaticity_diagram(request):
+    try:
+        return web.json_response(await _blocking(chromaticity.diagram))
+    except OrbError as e:
+        return _error(503, e)
+
+
+async def spectrum_file(request):
+    session = request.app["session"]
+    frame = session.current
+    if frame is None:
+        return _error(409, OrbError("no frame yet"))
+    shown = await _blocking(session.spectra.shown, session.sensor, frame)
+    if shown.curve is None:
+        return _error(409, OrbError(shown.problem))
+    text = downloads.spectrum_csv(shown, session.spectra.mode)
+    name = downloads.spectrum_file_name(frame)
+    return web.Response(text=text, content_type="text/csv",
+                        headers={"Content-Disposition": f'attachment; filename="{name}"'})
 
 
 def frame_file(extension, render, content_type):

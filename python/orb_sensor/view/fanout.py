@@ -38,6 +38,11 @@ class Slot:
     def status(self):
         self._offer(status=True)
 
+    def repaint(self, frame):
+        """Sends `frame` (the one on the page) without waiting for a paint."""
+        if frame is not None:
+            self._offer(frame=frame, painted=True)
+
     def painted(self):
         self._offer(painted=True)
 
@@ -85,3 +90,7 @@ class Fanout:
     def status(self):
         for slot in self._each():
             slot.status()
+
+    def repaint(self, frame):
+        for slot in self._each():
+            slot.repaint(frame)

@@ -21,6 +21,7 @@ from ..facts import exposure_ms
 from ..sensor import Sensor
 from .fanout import Fanout
 from .recorder import Recorder
+from .spectra import Spectra
 
 RETRY_S = 0.5
 # States the thread tries again from, each a fault the page names.
@@ -46,6 +47,7 @@ class Session:
         # from it: one tuple, so that the two are read together.
         self.shown = None
         self.lights = None
+        self.spectra = Spectra()
         self.fanout = Fanout()
         self.recorder = Recorder(directory or os.getcwd())
         # The sensor's frame rate, from the numbers of the frames: the
@@ -187,6 +189,16 @@ class Session:
     def take_dark(self):
         return self.submit(lambda sensor: sensor.dark(), "taking a dark frame")
 
+    def take_reference(self):
+        return self.submit(lambda sensor: self.spectra.take_reference(sensor, self.averages),
+                           "taking a reference spectrum")
+
+    def spectra_changed(self):
+        """The spectrum's mode, reference or overlay changed: the page
+        draws the frame on it again (also when frozen)."""
+        self.fanout.repaint(self.current)
+        self.fanout.status()
+
     def switch(self, sensor_id):
         def job(_):
             self.recorder.stop()
@@ -199,6 +211,8 @@ class Session:
             self.stream = self.sensor.stream(averages=averages)
             old.close()
             self.settings, self.shown, self.exposure = {}, None, None
+            # Another sensor's reference is no reference of this one.
+            self.spectra.clear_reference()
             self._latest_seq, self._rate_mark = None, (time.monotonic(), None)
             # A sensor the view switches to is exposed for its own light.
             self._set_state("busy", f"auto-exposure of sensor {sensor_id}")
@@ -245,4 +259,5 @@ class Session:
             "dark": self.sensor.dark_frame is not None, "dark_correction": self.sensor.dark_correction,
             "recording": self.recorder.status(),
             "led": None if self.lights is None else self.lights.status(),
+            **self.spectra.status(self.sensor),
         }

@@ -4,6 +4,12 @@
 
 const $ = (id) => document.getElementById(id);
 let status = null;
+// The axis: nm once a calibration is known, unless the user chose (or
+// the address did: ?axis=filter or ?axis=nm).
+const askedAxis = new URLSearchParams(location.search).get("axis");
+let axisChosen = askedAxis === "filter" || askedAxis === "nm";
+if (axisChosen) document.getElementById("axis").value = askedAxis;
+let axisChanged = () => {};
 
 function showMessage(text) {
   $("message").textContent = text;
@@ -77,6 +83,42 @@ export function bindControls() {
   action($("record"), "/api/recording", () => ({on: !status.recording.on}));
   $("sensor").addEventListener("change", () => post("/api/sensor", {id: $("sensor").value}));
   $("led").addEventListener("change", sendLights);
+  $("axis").addEventListener("change", () => {
+    axisChosen = true;
+    axisChanged($("axis").value === "nm");
+  });
+  $("spectrum-mode").addEventListener("change", () => post("/api/spectrum", {mode: $("spectrum-mode").value}));
+  action($("take-reference"), "/api/reference", () => ({take: true}));
+  action($("clear-reference"), "/api/reference", () => ({clear: true}));
+  action($("clear-overlay"), "/api/overlay", () => ({clear: true}));
+  $("overlay-file").addEventListener("change", async () => {
+    const file = $("overlay-file").files[0];
+    if (file) await post("/api/overlay", {name: file.name, csv: await file.text()});
+    $("overlay-file").value = "";
+  });
+}
+
+// callback(nm) now and whenever the axis changes.
+export function onAxis(callback) {
+  axisChanged = callback;
+  callback($("axis").value === "nm");
+}
+
+function showSpectrumStatus(next) {
+  const calibration = next.calibration;
+  $("calibration").textContent = calibration
+    ? `calibration of ${calibration.sensor_id}, made ${calibration.created}`
+    : "no calibration of this sensor: make one with `orb-sensor calibrate` (docs/spectra.md)";
+  $("calibration").title = next.calibration_problem || "";
+  if (calibration && !axisChosen && $("axis").value !== "nm") {
+    $("axis").value = "nm";
+    axisChanged(true);
+  }
+  show("spectrum-mode", next.spectrum_mode);
+  const reference = next.reference;
+  $("reference").textContent = reference
+    ? `reference at shutter speed ${reference.shutter_speed} (${reference.exposure_ms.toFixed(2)} ms)` : "";
+  $("overlay").textContent = next.overlay ? `overlay: ${next.overlay}` : "";
 }
 
 // What the user is typing into is left alone.
@@ -94,7 +136,7 @@ export function showStatus(next) {
   state.textContent = next.state;
   $("state-message").textContent = next.message;
   $("state-message").hidden = !next.message;
-  $("plot").classList.toggle("stale", ["lost", "not answering", "endpoint stalled", "failed"].includes(next.state));
+  $("plots").classList.toggle("stale", ["lost", "not answering", "endpoint stalled", "failed"].includes(next.state));
   $("sensor-id").textContent = next.sensor_id;
   $("frame-rate").textContent = next.frame_rate.toFixed(1);
   $("lost-count").textContent = next.lost;
@@ -118,6 +160,8 @@ export function showStatus(next) {
   // refuses its frames: switching it off must stay possible.
   $("dark_correction").disabled = !next.dark && !next.dark_correction;
   $("freeze").textContent = next.frozen ? "Resume" : "Freeze";
+
+  showSpectrumStatus(next);
 
   const recording = next.recording;
   $("record").textContent = recording.on ? "Stop" : "Start";
