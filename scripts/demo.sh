@@ -36,7 +36,7 @@ sensor=("${emulator[@]}" "$top/tools/orb-sensor")
 "${sensor[@]}" list
 "${sensor[@]}" acquire --auto-exposure -n 10 -o frame.csv --plot frame.png
 echo "Wrote $PWD/frame.csv (a row of 1024 values after the settings) and $PWD/frame.png."
-"${sensor[@]}" spectrum --take-dark -n 16 -o spectrum.csv --plot spectrum.png
+"${sensor[@]}" spectrum --auto-exposure --take-dark -n 16 -o spectrum.csv --plot spectrum.png
 echo "Wrote $PWD/spectrum.csv (wavelength_nm,value after the metadata) and $PWD/spectrum.png. Its colour:"
 "$top/tools/orb-sensor" colour --from-file spectrum.csv | grep -E "^(x|y|CCT|Duv|Ra|peak) " | paste -sd ' ' |
   sed 's/^/  /'
