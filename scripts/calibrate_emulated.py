@@ -7,11 +7,19 @@ name the spectrum engine finds by the sensor's ID. DIR is the build tree's
 share/orb-sensor/calibrations, which the engine searches for a library in
 the build tree's src/ as it does an installed tree's share directory.
 
+The emulator's monochromator sends the same number of photons at every
+wavelength (sim/README.md, "The monochromator"), so its power falls as
+1/wavelength. As a lab hands its monochromator's measured output to the
+sweep, the sweep gets that as --source-power (DIR/emulator-line-power.csv):
+the calibrations then give power per nm, which colorimetry needs, rather than
+photons per nm.
+
     calibrate_emulated.py --launcher build/sim/orb-emulate \
         --library build/src/liborb_device.so.1 --into DIR [--units N]
 
-Files already there are kept; with every unit's file there (the list in
-DIR/emulated-units.txt, a line "ID FILE" per unit) nothing is started."""
+Files already there and made with that source power are kept; with every
+unit's file so (the list in DIR/emulated-units.txt, a line "ID FILE" per
+unit) nothing is started."""
 
 import argparse
 import os
@@ -23,6 +31,28 @@ TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 TOOL = [sys.executable, os.path.join(TOP, "tools", "orb-sensor")]
 MANIFEST = "emulated-units.txt"
 SWEEP_TIMEOUT_S = 900
+LINE_POWER = "emulator-line-power.csv"
+
+
+def write_line_power(path):
+    """The emulator's line's relative power at each nm of the sensor's range:
+    equal photon flux, so power as 1/wavelength (1 at 550 nm)."""
+    with open(path + ".new", "w") as f:
+        f.write("wavelength_nm,relative_power\n# the emulator's monochromator: equal photon flux at every "
+                "wavelength\n")
+        f.write("".join(f"{nm},{550 / nm:.9g}\n" for nm in range(340, 1101)))
+    os.replace(path + ".new", path)
+
+
+def made_with(path, line_power):
+    """Whether the calibration at path exists and was swept with line_power."""
+    import h5py
+    try:
+        with h5py.File(path, "r") as f:
+            used = f["sweep"].attrs.get("source_power", "")
+    except OSError:
+        return False
+    return (used.decode() if isinstance(used, bytes) else used) == line_power
 
 
 def under_emulator(args, units, command, **kwargs):
@@ -49,20 +79,23 @@ def main():
             listed = [line.split() for line in f if line.strip()]
     except OSError:
         listed = []
-    if len(listed) >= args.units and all(os.path.exists(os.path.join(args.into, name))
+    line_power = os.path.abspath(os.path.join(args.into, LINE_POWER))
+    if len(listed) >= args.units and all(made_with(os.path.join(args.into, name), line_power)
                                          for _, name in listed[:args.units]):
         return 0
+    write_line_power(line_power)
     ids = [line.split()[1] for line in under_emulator(args, args.units, ["list"]).stdout.splitlines()]
     for index, sensor_id in enumerate(ids):
         target = os.path.join(args.into, file_name(sensor_id))
-        if os.path.exists(target):
+        if made_with(target, line_power):
             continue
         print(f"calibrating emulated unit {sensor_id} (orb-sensor calibrate under orb-emulate --timing fast)",
               flush=True)
         # Written beside the target first: a sweep cut short leaves nothing under its name.
         with tempfile.TemporaryDirectory(dir=args.into) as scratch:
             made = os.path.join(scratch, file_name(sensor_id))
-            under_emulator(args, args.units, ["calibrate", "--sensor", str(index), "-o", made])
+            under_emulator(args, args.units, ["calibrate", "--sensor", str(index), "-o", made,
+                                                    "--source-power", line_power])
             os.replace(made, target)
     with open(manifest + ".new", "w") as f:
         f.write("".join(f"{i} {file_name(i)}\n" for i in ids))

@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # The main job, end to end: lists the sensors, searches the shutter speed
 # (auto-exposure), then saves an averaged frame of the first sensor as
-# frame.csv and frame.png in the current directory. Without a sensor plugged
-# in, it runs against two emulated sensors.
+# frame.csv and frame.png in the current directory, and its spectrum, through
+# the unit's calibration, as spectrum.csv and spectrum.png, with the light's
+# colour. Without a sensor plugged in, it runs against two emulated sensors
+# (their calibrations are made by the build's sweep; the tool covers the
+# emulated sensor for the dark itself, where a plugged one asks you to).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=${ORB_BUILD_DIR:-$top/build}
@@ -33,6 +36,10 @@ sensor=("${emulator[@]}" "$top/tools/orb-sensor")
 "${sensor[@]}" list
 "${sensor[@]}" acquire --auto-exposure -n 10 -o frame.csv --plot frame.png
 echo "Wrote $PWD/frame.csv (a row of 1024 values after the settings) and $PWD/frame.png."
+"${sensor[@]}" spectrum --auto-exposure --take-dark -n 16 -o spectrum.csv --plot spectrum.png
+echo "Wrote $PWD/spectrum.csv (wavelength_nm,value after the metadata) and $PWD/spectrum.png. Its colour:"
+"$top/tools/orb-sensor" colour --from-file spectrum.csv | grep -E "^(x|y|CCT|Duv|Ra|peak) " | paste -sd ' ' |
+  sed 's/^/  /'
 if [ "$plugged" = 0 ]; then
   echo "Live view in the browser: $top/tools/orb-sensor --emulate 1 view --open"
 else

@@ -65,7 +65,7 @@ ControlCommands::ControlCommands(Testbed& testbed, uint64_t seed, bool nominal_u
 }
 
 ControlCommands::Light& ControlCommands::light_of(std::size_t index) {
-    while (lights_.size() <= index) lights_.push_back(Light{nominal_units_, false, Scene{}});
+    while (lights_.size() <= index) lights_.push_back(Light{nominal_units_, false, false, Scene{}});
     return lights_[index];
 }
 
@@ -82,7 +82,15 @@ void ControlCommands::show_locked(std::size_t index, const Scene& scene) {
     Light& light = light_of(index);
     light.scene = scene;
     light.has_scene = true;
-    testbed_.sensor(index).set_frame_generator(scene_frames(scene, seed_ + index, unit_of(index)));
+    // A covered sensor keeps its scene for when it is uncovered, and sees
+    // the dark of its own unit meanwhile.
+    Scene covered;
+    if (light.covered) {
+        covered.lights.emplace_back();
+        covered.lights.back().name = "dark";
+    }
+    testbed_.sensor(index).set_frame_generator(
+        scene_frames(light.covered ? covered : scene, seed_ + index, unit_of(index)));
 }
 
 const char* ControlCommands::usage() {
@@ -100,11 +108,12 @@ const char* ControlCommands::usage() {
            "                              line --nm NM [--fwhm NM] [BRIGHTNESS]   a monochromator's band\n"
            "                              file PATH [BRIGHTNESS]   CSV rows wavelength_nm,value\n"
            "  units N nominal|own         sensor N's filters: the nominal model, or its own unit's\n"
+           "  cover N on|off              a cap over sensor N: dark frames, its scene kept for later\n"
            "  frames N light|counter|constant=V\n";
 }
 
 bool ControlCommands::is_command(const std::string& verb) {
-    for (const char* v : {"status", "help", "unplug", "replug", "fault", "clear", "scene", "frames", "units"})
+    for (const char* v : {"status", "help", "unplug", "replug", "fault", "clear", "scene", "frames", "units", "cover"})
         if (verb == v) return true;
     return false;
 }
@@ -206,6 +215,15 @@ std::string ControlCommands::light_source(Sensor& sensor, std::size_t index, con
             throw Refusal("usage: frames N light|counter|constant=V (V from 0 to 4095)");
         sensor.set_frame_generator(std::move(generator));
         light.has_scene = false;
+        light.covered = false;
+        return "ok";
+    }
+    if (words[0] == "cover") {
+        if (rest.size() != 1 || (rest[0] != "on" && rest[0] != "off")) throw Refusal("usage: cover N on|off");
+        if (!light.has_scene)
+            throw Refusal("device " + words[1] + " shows test frames, not a scene: a cover changes nothing on them");
+        light.covered = rest[0] == "on";
+        show_locked(index, light.scene);
         return "ok";
     }
     if (words[0] == "units") {

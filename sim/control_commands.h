@@ -11,6 +11,7 @@
 //   scene N LIGHT [+ LIGHT...]   (the words of parse_scene, scenes.h)
 //   frames N light|counter|constant=V
 //   units N nominal|own
+//   cover N on|off               (dark frames; the scene stays, shown again when uncovered)
 //
 // The answer's last line is "ok" or "error: <why>"; status puts one line per
 // device before it.
@@ -49,13 +50,14 @@ private:
     struct Light {
         bool nominal = false;      // the unit: nominal, or the sensor's own
         bool has_scene = false;    // a scene (else frames of another kind, which no unit changes)
+        bool covered = false;      // the scene is kept but the sensor sees dark
         Scene scene;
     };
 
     std::string run_locked(const std::vector<std::string>& words);
     std::string status();
     std::string fault(Sensor& sensor, const std::vector<std::string>& words);
-    // `frames`, `scene` and `units`: what the sensor's frames show.
+    // `frames`, `scene`, `units` and `cover`: what the sensor's frames show.
     std::string light_source(Sensor& sensor, std::size_t index, const std::vector<std::string>& words);
     void show_locked(std::size_t index, const Scene& scene);
     Light& light_of(std::size_t index);

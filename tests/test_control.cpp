@@ -186,6 +186,45 @@ TEST_F(ControlChannel, ABadSpectrumFileLeavesTheSceneInPlace) {
     EXPECT_EQ(control.run("scene 0 file " + path + " 0.5 + laser --nm 700 0.1"), "ok");
 }
 
+// A cover darkens the sensor without touching what it looks at: the dark is
+// the unit's own, a scene or unit set meanwhile waits under it, and the
+// latest scene comes back when it is lifted.
+TEST_F(ControlChannel, ACoverDarkensTheSensorAndKeepsItsScene) {
+    for (const auto& [line, why] : std::vector<std::pair<std::string, std::string>>{
+             {"cover 0", "usage: cover N on|off"},
+             {"cover 0 maybe", "usage: cover N on|off"},
+             {"cover 2 on", "device 2 is an LED module"},
+             {"cover 0 on", "device 0 shows test frames, not a scene"}})
+        EXPECT_NE(control.run(line).find(why), std::string::npos) << line;
+    s0.set_reg(37, 3), s0.set_reg(5, 132);  // shutter speed 900
+    s0.handle_control({0x21, orbsim::kStartStreaming, 0, 1, 0});
+    const auto mean = [&] {
+        const auto r = s0.bulk_in(orbsim::SensorModel::Clock::now(), orbsim::kFrameBytes);
+        double sum = 0;
+        for (std::size_t i = 0; i < orbsim::kFilters; i++) sum += r.data.at(2 * i) << 4 | r.data.at(2 * i + 1) >> 4;
+        return sum / orbsim::kFilters;
+    };
+    EXPECT_EQ(control.run("scene 0 dark"), "ok");
+    const double dark = mean();
+    EXPECT_EQ(control.run("scene 0 halogen"), "ok");
+    const double halogen = mean();
+    EXPECT_GT(halogen, dark + 500);
+    EXPECT_EQ(control.run("cover 0 on"), "ok");
+    EXPECT_NEAR(mean(), dark, 2);
+    EXPECT_EQ(control.run("scene 0 white-led"), "ok");
+    EXPECT_EQ(control.run("units 0 nominal"), "ok");
+    EXPECT_LT(mean(), dark + 10);  // the nominal unit's dark current differs a little
+    EXPECT_EQ(control.run("units 0 own"), "ok");
+    EXPECT_EQ(control.run("cover 0 off"), "ok");
+    const double led = mean();
+    EXPECT_GT(led, dark + 300);
+    EXPECT_GT(std::abs(led - halogen), 50);  // the scene set under the cover, not the one before
+    EXPECT_EQ(control.run("cover 0 on"), "ok");
+    EXPECT_EQ(control.run("frames 0 constant=777"), "ok");  // test frames take the cover off
+    EXPECT_NEAR(mean(), 777, 0.5);
+    EXPECT_NE(control.run("cover 0 on").find("not a scene"), std::string::npos);
+}
+
 // A replugged sensor is a new device to a host: its old handle is dead, it
 // lists at a new address, its registers and stream start over, and it is
 // the same sensor (identity) where it was plugged.

@@ -94,7 +94,15 @@ def test_source_power_divides_the_response(orb_sensor, tmp_path):
     brightest = response_flat.argmax(axis=0)
     columns = np.arange(nm.size)
     ratio = response_flat[brightest, columns] / response_lamp[brightest, columns]
-    np.testing.assert_allclose(ratio, power, rtol=0.05)
+    # Two sweeps of one light differ by their frames' noise: about 0.7% a
+    # step with 4 frames near 55% of full scale. A step that took even one
+    # frame of the line before it is off by more.
+    np.testing.assert_allclose(ratio, power, rtol=0.03)
+    # The darks, taken right after the last line, hold none of it: the
+    # filters that saw it best scatter in the dark as the others do.
+    with h5py.File(tmp_path / "flat.h5", "r") as f:
+        noise = f["noise"][:]
+    assert noise[np.argsort(response_flat[:, -1])[-5:]].max() < 2 * np.median(noise)
     with h5py.File(tmp_path / "lamp.h5", "r") as f:
         assert f["sweep"].attrs["source_power"] == str(tmp_path / "lamp.csv")
 

@@ -2,6 +2,7 @@
 
 #include "colour_context.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "colour_rendering.h"
@@ -15,6 +16,10 @@ namespace {
 
 // The equal-energy white, from which dominant wavelength and purity are seen.
 constexpr double kWhiteX = 1.0 / 3.0, kWhiteY = 1.0 / 3.0;
+// Grids whose tables are kept: a host alternating between a few grids (two
+// sensors, a coarser preview) keeps them all; at 761 points the tables of a
+// grid are about 0.2 MB.
+constexpr size_t kCachedGrids = 4;
 
 int check_spectrum(const double* wl, const double* value, int count) {
     if (wl == nullptr || value == nullptr || count < 2) return ORB_COLOUR_ERR_INVALID;
@@ -29,13 +34,41 @@ int check_spectrum(const double* wl, const double* value, int count) {
 }  // namespace
 
 ColourContext::ColourContext(const std::string& data_dir)
-    : tables_(load_cie_tables(data_dir)), locus_(tables_), spectrum_locus_(tables_) {}
+    : tables_(load_cie_tables(data_dir)),
+      base_(&tables_, [](const CieTables*) {}),
+      locus_(tables_),
+      spectrum_locus_(tables_) {}
+
+std::shared_ptr<const CieTables> ColourContext::tables_on(const double* wl, int count) const {
+    const auto same_grid = [&](const Cached& c) {
+        return c.grid.size() == static_cast<size_t>(count) && std::equal(c.grid.begin(), c.grid.end(), wl);
+    };
+    {
+        std::lock_guard<std::mutex> guard(cache_lock_);
+        const auto hit = std::find_if(cache_.begin(), cache_.end(), same_grid);
+        if (hit != cache_.end()) {
+            cache_.splice(cache_.begin(), cache_, hit);
+            return cache_.front().tables;
+        }
+    }
+    // Interpolated outside the lock: another thread's look-up need not wait
+    // for it. Two threads meeting a new grid at once both interpolate it.
+    auto own = std::make_shared<CieTables>();
+    if (&integration_tables(tables_, wl, count, *own) == &tables_) own.reset();
+    std::shared_ptr<const CieTables> result = own ? std::shared_ptr<const CieTables>(own) : base_;
+    std::lock_guard<std::mutex> guard(cache_lock_);
+    if (std::none_of(cache_.begin(), cache_.end(), same_grid)) {
+        cache_.push_front(Cached{std::vector<double>(wl, wl + count), result});
+        if (cache_.size() > kCachedGrids) cache_.pop_back();
+    }
+    return result;
+}
 
 int ColourContext::compute(const double* wl, const double* value, int count, orb_colorimetry& out) const {
     const int status = check_spectrum(wl, value, count);
     if (status != ORB_COLOUR_OK) return status;
-    CieTables own;
-    const CieTables& on = integration_tables(tables_, wl, count, own);
+    const std::shared_ptr<const CieTables> tables = tables_on(wl, count);
+    const CieTables& on = *tables;
     std::vector<double> s;
     resample(wl, value, count, on.wavelength_nm, s);
     const Xyz c2 = tristimulus(s, on.cmf_2deg, on.weight_nm);

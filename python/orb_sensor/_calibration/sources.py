@@ -3,16 +3,14 @@ its control channel, a command that sets a real one, or the user's hand.
 Each sets a wavelength, turns the light off for the darks, and leaves the
 light off when the sweep ends, however it ends."""
 
-import os
 import shlex
-import socket
 import subprocess
 import sys
 from typing import Callable, Optional, TextIO
 
+from .._emulator_control import Channel, ControlError
 from ..errors import OrbError
 
-CONTROL_ENV = "ORB_EMULATE_CONTROL"
 # The emulator's line at this brightness saturates the nominal unit's
 # brightest filter after 0.5 ms at 675 nm, and after about 70 ms at 1100 nm:
 # short enough for a 1 nm sweep of the whole range within ten minutes at the
@@ -49,31 +47,16 @@ class EmulatorLine:
         self._device = device
         self._brightness = brightness
         self._fwhm = fwhm_nm
-        self._socket = socket.socket(socket.AF_UNIX)
-        self._socket.settimeout(10.0)
         try:
-            self._socket.connect(path)
-        except OSError as e:
-            self._socket.close()
-            raise SourceError(f"the emulator's control channel {path} does not answer: {e.strerror or e}") from None
-        self._pending = b""
+            self._channel = Channel(path)
+        except ControlError as e:
+            raise SourceError(str(e)) from None
 
     def _command(self, line: str) -> None:
-        self._socket.sendall(line.encode() + b"\n")
-        answer = []
-        while True:
-            while b"\n" not in self._pending:
-                chunk = self._socket.recv(4096)
-                if not chunk:
-                    raise SourceError(f"the emulator closed its control channel during '{line}'")
-                self._pending += chunk
-            text, self._pending = self._pending.split(b"\n", 1)
-            word = text.decode(errors="replace")
-            answer.append(word)
-            if word == "ok":
-                return
-            if word.startswith("error:"):
-                raise SourceError(f"the emulator refused '{line}': {word[6:].strip()}")
+        try:
+            self._channel.command(line)
+        except ControlError as e:
+            raise SourceError(str(e)) from None
 
     def set_wavelength(self, nm: float) -> None:
         self._command(f"scene {self._device} line --nm {format_nm(nm)} --fwhm {self._fwhm:g} {self._brightness:g}")
@@ -85,10 +68,10 @@ class EmulatorLine:
         """Leaves the line off."""
         try:
             self.dark()
-        except (OSError, SourceError):
+        except SourceError:
             pass
         finally:
-            self._socket.close()
+            self._channel.close()
 
 
 class CommandSource:
@@ -161,9 +144,3 @@ def prompter(before: Callable[[], None], answers: TextIO = sys.stdin, out: TextI
         if not answers.readline():
             raise SourceError("the input ended while waiting for the light source to be set")
     return ask
-
-
-def emulator_control() -> Optional[str]:
-    """The emulator's control socket, when this runs under orb-emulate."""
-    path = os.environ.get(CONTROL_ENV)
-    return path or None

@@ -24,6 +24,14 @@ MAX_ROUNDS = 12
 # A frame is taken to show the light set only if its exposure began after
 # the source answered; this covers the rest of a frame on the bus then.
 SETTLE_S = FASTEST_FRAME_S + 0.0005
+# A frame's time stamp is when the host saw it, which a busy host makes late:
+# frames taken before a change of the light or the exposure can reach it
+# after the change, at most one in each of the six transfers a stream keeps
+# in flight, the one the sensor holds for a transfer, and the one it was
+# exposing. These many frames seen after a change are passed over whatever
+# their time stamps say. (Time stamps alone let whole steps of 4 frames take
+# the previous step's line, and darks the last line, on a loaded machine.)
+FRAMES_ON_THE_WAY = 8
 # The longest wait for one frame (--timeout replaces it): the longest
 # exposure's frames come every 0.27 s, and a busy machine holds a stream
 # back for seconds now and then.
@@ -85,6 +93,8 @@ class Sweep:
         self._shutter = 0
         self._used: set = set()
         self._started = 0.0
+        self._changed_at = 0.0                # time.time() of the last change of light or exposure
+        self._first_after: Optional[int] = None  # the number of the first frame seen after it
 
     def run(self) -> Measured:
         self._started = time.monotonic()
@@ -104,41 +114,53 @@ class Sweep:
 
     # Frames.
 
+    def _changed(self) -> None:
+        self._changed_at = time.time()
+        self._first_after = None
+
     def _set_shutter(self, shutter: int) -> None:
         if shutter != self._shutter:
             self._sensor.shutter_speed = shutter
             self._shutter = shutter
+            self._changed()
 
-    def _fresh(self, since: float) -> Frame:
-        """The next frame at the current shutter speed whose exposure began
-        after `since` (time.time())."""
+    def _fresh(self) -> Frame:
+        """The next frame at the current shutter speed exposed wholly after
+        the last change of light or exposure: seen after it, past the frames
+        that may have been on their way then, and begun after it by its
+        time stamp."""
         assert self._frames is not None
-        after = since + exposure_ms(self._shutter) / 1000 + SETTLE_S
+        after = self._changed_at + exposure_ms(self._shutter) / 1000 + SETTLE_S
         for frame in self._frames:
-            if frame.shutter_speed == self._shutter and frame.timestamp >= after:
+            if frame.timestamp < self._changed_at:
+                continue
+            if self._first_after is None:
+                self._first_after = frame.seq
+            if (frame.seq - self._first_after >= FRAMES_ON_THE_WAY and frame.shutter_speed == self._shutter
+                    and frame.timestamp >= after):
                 return frame
         raise SweepError("the sensor's stream ended")
 
-    def _light(self, set_light: Callable[[], None]) -> float:
+    def _light(self, set_light: Callable[[], None]) -> None:
         if self._pause_stream and self._stream is not None:
             self._stream.stop()
         set_light()
-        return time.time()
+        self._changed()
 
     # A step.
 
     def _measure(self, j: int, nm: float, rung: int):
         plan = self._plan
-        since = self._light(lambda: self._source.set_wavelength(nm))
+        self._light(lambda: self._source.set_wavelength(nm))
         for _ in range(MAX_ROUNDS):
             self._set_shutter(self._ladder.speeds[rung])
             self._progress(j, nm)
-            frame = self._fresh(since)
+            frame = self._fresh()
             values = frame.values
             rung, good = self._ladder.judge(rung, float(values.max()), float(np.median(values)))
             if not good:
                 continue
-            stack = [values] + [self._fresh(since).values for _ in range(plan.frames - 1)]
+            stack = [values] + [self._fresh().values for _ in range(plan.frames - 1)]
             frames = np.array(stack)
             if (frames >= MAX_VALUE).any():
                 # Noise took a filter to saturation: a rung down and again.
@@ -154,14 +176,14 @@ class Sweep:
     def _darks(self, shutters: List[int]) -> Dict[int, np.ndarray]:
         """Mean and variance of `dark_frames` frames at each shutter speed,
         the light off."""
-        since = self._light(self._source.dark)
+        self._light(self._source.dark)
         out = {}
         for k, shutter in enumerate(shutters):
             self._set_shutter(shutter)
             left = sum(self._plan.dark_frames * frame_period_s(s) for s in shutters[k:])
             self._report(f"darks at {format_ms(exposure_ms(shutter))} ms ({k + 1} of {len(shutters)}), "
                          f"{_duration(left)} left")
-            frames = np.array([self._fresh(since).values for _ in range(self._plan.dark_frames)])
+            frames = np.array([self._fresh().values for _ in range(self._plan.dark_frames)])
             out[shutter] = np.stack([frames.mean(axis=0), frames.var(axis=0, ddof=1)])
         return out
 

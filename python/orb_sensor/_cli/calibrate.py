@@ -10,6 +10,7 @@ import numpy as np
 from .. import __version__
 from .._calibration import source_power, sources
 from .._calibration.sweep import Plan, Sweep, SweepError
+from .._emulator_control import control_path
 from .._spectrum import calibration
 from ..errors import OrbValueError
 from ..exposure import format_ms
@@ -114,7 +115,7 @@ def _source(args, sensor, control, progress):
 
 
 def run(args, progress):
-    control = sources.emulator_control()
+    control = control_path()
     _check_source_options(args, control)
     wavelengths = _wavelengths(args)
     power = np.ones(wavelengths.size)

@@ -86,7 +86,8 @@ def _calibration_and_dark(p):
     dark = p.add_mutually_exclusive_group()
     dark.add_argument("--take-dark", action="store_true",
                       help="take a dark frame at the exposure first: asks you to cover the sensor, then to "
-                           "uncover it (Enter on standard input)")
+                           "uncover it (Enter on standard input); under orb-emulate the tool covers the "
+                           "emulated sensor itself")
     dark.add_argument("--dark", metavar="FILE",
                       help="a dark frame from `orb-sensor acquire` (CSV or --json), taken covered at the "
                            "exposure; without exposure options the spectrum is taken at its exposure")

@@ -5,6 +5,7 @@ import json
 import math
 import sys
 
+from .._emulator_control import Channel, ControlError, control_path
 from ..errors import OrbValueError
 from ..exposure import format_ms
 from ..facts import exposure_ms
@@ -45,7 +46,9 @@ def dark_option(args):
 
 def dark_at_exposure(args, progress, sensor, dark_file):
     """The dark at the sensor's exposure, now set: the file's, refused at
-    another exposure, or one taken with the user covering the sensor."""
+    another exposure, or one taken with the sensor covered: by the user, or
+    under the emulator by its control channel, so that the tool runs
+    unattended there."""
     shutter = sensor.shutter_speed
     if dark_file is not None:
         if dark_file.shutter_speed != shutter:
@@ -53,13 +56,32 @@ def dark_at_exposure(args, progress, sensor, dark_file):
                 f"--dark {args.dark} was taken at shutter speed {dark_file.shutter_speed}, the spectrum at "
                 f"{shutter}: give --shutter {dark_file.shutter_speed}, or a dark taken at {shutter}")
         return dark_file.values
+    averages = max(DARK_AVERAGES, args.averages)
+    timeout = _read_timeout(args, shutter)
+    control = control_path()
+    if control is not None:
+        progress.step(f"taking the dark frame with the emulated sensor {sensor.index} covered")
+        return _covered_dark(control, sensor, averages, timeout)
     progress.done()
     _ask(f"cover the sensor for a dark frame at shutter speed {shutter} ({format_ms(exposure_ms(shutter))} ms)")
     progress.step("taking the dark frame")
-    dark = sensor.dark(max(DARK_AVERAGES, args.averages), timeout=_read_timeout(args, shutter))
+    dark = sensor.dark(averages, timeout=timeout)
     progress.done()
     _ask("uncover the sensor")
     return dark
+
+
+def _covered_dark(control, sensor, averages, timeout):
+    """The dark under the emulator's cap, lifted again whatever happens."""
+    try:
+        with Channel(control) as channel:
+            channel.command(f"cover {sensor.index} on")
+            try:
+                return sensor.dark(averages, timeout=timeout)
+            finally:
+                channel.command(f"cover {sensor.index} off")
+    except ControlError as e:
+        raise OrbValueError(f"--take-dark: {e}") from None
 
 
 def say_calibration(source):
