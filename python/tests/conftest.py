@@ -5,6 +5,8 @@ that touches a sensor runs in a child process under orb-emulate.
 """
 
 import os
+import pty
+import select
 import signal
 import subprocess
 import sys
@@ -64,4 +66,32 @@ def orb_sensor(tmp_path):
             args = tuple(a for a in args if a != "--emulate")
         return _bounded([*tool, *args], 300, env=_env(), cwd=tmp_path, stdout=subprocess.PIPE, stderr=stderr,
                         text=True)
+    return run
+
+
+@pytest.fixture
+def orb_sensor_on_terminal(orb_sensor):
+    """orb_sensor_on_terminal(*args, **kwargs): the tool's process with its
+    standard error on a pseudo-terminal, and the bytes the terminal was shown
+    (what a user sees, progress lines included)."""
+    def run(*args, **kwargs):
+        master, slave = pty.openpty()
+        try:
+            result = orb_sensor(*args, stderr=slave, **kwargs)
+            os.close(slave)
+            slave = None
+            shown = b""
+            while select.select([master], [], [], 0)[0]:
+                try:
+                    chunk = os.read(master, 65536)
+                except OSError:
+                    break
+                if not chunk:
+                    break
+                shown += chunk
+        finally:
+            if slave is not None:
+                os.close(slave)
+            os.close(master)
+        return result, shown
     return run

@@ -2,10 +2,7 @@
 that load as the unit's, with the line where it was set; the command
 source is called at every wavelength; --source-power divides the response."""
 
-import os
-import pty
 import re
-import select
 
 import h5py
 import numpy as np
@@ -107,25 +104,8 @@ def test_source_power_divides_the_response(orb_sensor, tmp_path):
         assert f["sweep"].attrs["source_power"] == str(tmp_path / "lamp.csv")
 
 
-def test_a_terminal_sees_the_step_the_wavelength_the_exposure_and_the_time_left(orb_sensor):
-    master, slave = pty.openpty()
-    try:
-        result = orb_sensor("calibrate", "-o", "unit.h5", *SHORT, emulate=FAST, stderr=slave)
-        os.close(slave)
-        slave = None
-        shown = b""
-        while select.select([master], [], [], 0)[0]:
-            try:
-                chunk = os.read(master, 65536)
-            except OSError:
-                break
-            if not chunk:
-                break
-            shown += chunk
-    finally:
-        if slave is not None:
-            os.close(slave)
-        os.close(master)
+def test_a_terminal_sees_the_step_the_wavelength_the_exposure_and_the_time_left(orb_sensor_on_terminal):
+    result, shown = orb_sensor_on_terminal("calibrate", "-o", "unit.h5", *SHORT, emulate=FAST)
     assert result.returncode == 0
     assert re.search(rb"step 21/21: 540 nm at 0\.\d+ ms, about \d+ s left", shown), shown[-400:]
     assert re.search(rb"darks at 0\.\d+ ms \(1 of \d+\), \d+ s left", shown), shown[-400:]

@@ -8,6 +8,8 @@ import ctypes
 import ctypes.util
 import os
 
+from .._native import declare, open_first
+
 LIBRARY_ENV = "ORB_DEVICE_LIBRARY"
 SONAME = "liborb_device.so.1"
 BASE_SONAME = "libVarnelBase.so.1"
@@ -99,24 +101,8 @@ def load():
     global _lib
     if _lib is not None:
         return _lib
-    errors = []
-    for path in candidates():
-        if os.sep in path and not os.path.exists(path):
-            errors.append(f"{path}: no such file")
-            continue
-        try:
-            _load_base_beside(path)
-            lib = ctypes.CDLL(path)
-            break
-        except OSError as e:
-            errors.append(str(e))
-    else:
-        raise OSError(f"cannot load the sensor library (set {LIBRARY_ENV} to its full path): "
-                      + "; ".join(errors))
-    for name, (restype, argtypes) in _PROTOTYPES.items():
-        fn = getattr(lib, name)
-        fn.restype = restype
-        fn.argtypes = argtypes
+    lib = open_first(candidates(), "sensor", LIBRARY_ENV, _load_base_beside)
+    declare(lib, _PROTOTYPES)
     for name, (symbol, restype, argtypes) in _LED_PROTOTYPES.items():
         fn = getattr(lib, symbol)
         fn.restype = restype

@@ -5,6 +5,7 @@ import ctypes
 import ctypes.util
 import os
 
+from .._native import declare, open_first
 from .._process import library as device_library
 
 LIBRARY_ENV = "ORB_SPECTRUM_LIBRARY"
@@ -113,23 +114,8 @@ def load():
     global _lib
     if _lib is not None:
         return _lib
-    errors = []
-    for path in candidates():
-        if os.sep in path and not os.path.exists(path):
-            errors.append(f"{path}: no such file")
-            continue
-        try:
-            lib = ctypes.CDLL(path)
-            break
-        except OSError as e:
-            errors.append(str(e))
-    else:
-        raise OSError(f"cannot load the spectrum library (set {LIBRARY_ENV} to its full path): "
-                      + "; ".join(errors))
-    for name, (restype, argtypes) in _PROTOTYPES.items():
-        fn = getattr(lib, name)
-        fn.restype = restype
-        fn.argtypes = argtypes
+    lib = open_first(candidates(), "spectrum", LIBRARY_ENV)
+    declare(lib, _PROTOTYPES)
     _lib = lib
     return lib
 
