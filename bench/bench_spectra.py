@@ -207,9 +207,8 @@ class Engines:
 
 
 def fast_peak(op, frame):
-    from orb_sensor._spectrum import engine
     value = op.apply(*frame)
-    found = engine.peaks(op.wavelengths, value, 0.05)
+    found = op.line_peaks(value, 0.05)
     return found[0].wavelength_nm if found else float("nan")
 
 

@@ -185,6 +185,17 @@ typedef struct orb_spectrum_peak {
 ORB_EXPORT int orb_spectrum_peaks(const double* wavelength_nm, const double* value, int count,
                                   double min_prominence, orb_spectrum_peak* peaks, int capacity, int* found);
 
+/* Peaks of a spectrum this operator made with orb_spectrum_apply (value has
+ * orb_spectrum_size samples), as orb_spectrum_peaks finds them, except that a
+ * peak as narrow as a line is moved to the wavelength of the line that makes
+ * it. The smoothness prior pulls a line's peak toward where the filters see
+ * more (by up to a few nm past 1000 nm, where they are widest and silicon
+ * fades); the operator's own spectra of the calibration's lines tell by how
+ * much. A peak twice a line's width or wider (a band) is left where it is,
+ * and one in between is moved part of the way. */
+ORB_EXPORT int orb_spectrum_line_peaks(const orb_spectrum* spectrum, const double* value, double min_prominence,
+                                       orb_spectrum_peak* peaks, int capacity, int* found);
+
 /* A short English text for a result of these calls. */
 ORB_EXPORT const char* orb_spectrum_result_text(int result);
 

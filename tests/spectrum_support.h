@@ -31,9 +31,12 @@ protected:
         nm_.resize(static_cast<size_t>(orb_spectrum_size(spectrum_)));
         ASSERT_EQ(orb_spectrum_wavelengths(spectrum_, nm_.data()), ORB_SPECTRUM_OK);
     }
+    // Also called within a test before another prepare().
     void TearDown() override {
         orb_spectrum_destroy(spectrum_);
         orb_calibration_destroy(calibration_);
+        spectrum_ = nullptr;
+        calibration_ = nullptr;
     }
 
     std::vector<double> reconstruct(const synthetic::Unit::Frame& f) {

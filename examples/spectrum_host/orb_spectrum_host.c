@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
         orb_spectrum_wavelengths(spectrum, wavelength);
         status = orb_spectrum_apply(spectrum, filters, dark, exposure_ms, value);
         if (status == ORB_SPECTRUM_OK)
-            status = orb_spectrum_peaks(wavelength, value, size, 0.05, peaks, MAX_PEAKS, &found);
+            status = orb_spectrum_line_peaks(spectrum, value, 0.05, peaks, MAX_PEAKS, &found);
         if (status != ORB_SPECTRUM_OK) fprintf(stderr, "%s\n", orb_spectrum_result_text(status));
     }
     if (status == ORB_SPECTRUM_OK) {

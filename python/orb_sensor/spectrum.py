@@ -55,14 +55,14 @@ class Spectrum:
     """
 
     __slots__ = ("wavelengths", "values", "unit", "seq", "timestamp", "shutter_speed", "exposure_ms",
-                 "averages", "lost", "missed", "saturated", "sensor_id", "calibration", "lines")
+                 "averages", "lost", "missed", "saturated", "sensor_id", "calibration", "lines", "_operator")
 
     def __init__(self, wavelengths: Any, values: Any, unit: str = CALIBRATED_UNIT, *, seq: int = 0,
                  timestamp: float = 0.0, shutter_speed: Optional[int] = None,
                  exposure_ms: Optional[float] = None, averages: int = 1, lost: int = 0, missed: int = 0,
                  saturated: Any = (), sensor_id: str = "",
                  calibration: Optional[CalibrationSource] = None,
-                 lines: Optional[List[Line]] = None) -> None:
+                 lines: Optional[List[Line]] = None, operator: Optional[engine.Operator] = None) -> None:
         self.wavelengths = np.array(wavelengths, dtype=np.float64)
         self.values = np.array(values, dtype=np.float64)
         if self.wavelengths.ndim != 1 or self.wavelengths.shape != self.values.shape:
@@ -82,14 +82,22 @@ class Spectrum:
         self.sensor_id = sensor_id
         self.calibration = calibration
         self.lines = lines
+        # The operator that made these values, which knows where it puts a
+        # line's peak; None once they are another spectrum's or refined.
+        self._operator = operator
 
     def peaks(self, min_prominence: float = 0.05) -> List[Peak]:
         """Peaks whose prominence is at least `min_prominence` times the
         highest value, highest first: position between samples (nm),
-        height, full width at half height (nm), prominence."""
+        height, full width at half height (nm), prominence. In a spectrum
+        made from a frame, a peak as narrow as a line is placed at the line
+        that makes it (the reconstruction moves a line's peak toward where
+        the filters see more, by up to a few nm past 1000 nm)."""
         if isinstance(min_prominence, bool) or not isinstance(min_prominence, (int, float)) \
                 or not 0 <= min_prominence <= 1:
             raise OrbValueError(f"min_prominence must be a number from 0 to 1, not {min_prominence!r}")
+        if self._operator is not None and self.lines is None:
+            return self._operator.line_peaks(self.values, float(min_prominence))
         return engine.peaks(self.wavelengths, self.values, float(min_prominence))
 
     def colour(self) -> Colour:

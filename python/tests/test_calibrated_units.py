@@ -1,6 +1,7 @@
 """The emulated units come with calibrations made by the sweep, found by
 their IDs in the build tree's share directory as in an installed tree's."""
 
+import json
 import os
 
 import h5py
@@ -27,3 +28,31 @@ def test_each_emulated_unit_has_its_own_swept_calibration_found_by_id(calibrated
     # Two units, two measurements: their filters differ as units do.
     a, b = responses
     assert np.abs(a - b).max() > 0.1 * np.abs(a).max()
+
+
+LINE_CODE = r"""
+import json, os, subprocess
+from orb_sensor import Sensor
+from orb_sensor._spectrum import engine
+from orb_sensor.facts import shutter_speed_for
+
+def ctl(*words):
+    subprocess.run([os.environ["ORB_EMULATE"], "ctl", *words], check=True, capture_output=True, timeout=10)
+
+with Sensor(index=0) as s:
+    s.shutter_speed = shutter_speed_for(13.6)
+    ctl("scene", "0", "dark")
+    s.dark()
+    ctl("scene", "0", "line --nm 1066.3 --fwhm 0.1 1")
+    spectrum = s.spectrum(averages=16)
+    print(json.dumps([spectrum.peaks()[0].wavelength_nm,
+                      engine.peaks(spectrum.wavelengths, spectrum.values)[0].wavelength_nm]))
+"""
+
+
+def test_a_line_near_the_blind_end_is_placed_where_the_spectrums_own_peak_is_not(run_python, calibrated_units):  # noqa: F811
+    result = run_python(1, LINE_CODE, "--timing", "fast")
+    assert result.returncode == 0, result.stderr
+    placed, own_peak = json.loads(result.stdout)
+    assert abs(placed - 1066.3) < 0.4
+    assert abs(own_peak - 1066.3) > 0.4

@@ -12,13 +12,15 @@
 #include "calibration.h"
 #include "engine_error.h"
 #include "line_refinement.h"
+#include "line_response.h"
 #include "reconstruction.h"
 #include "spectral_peaks.h"
 
 struct orb_spectrum {
     orb_spectrum(const orbspectrum::Calibration& c, double grid, double strength, int averages)
-        : reconstruction(c, grid, strength, averages) {}
+        : reconstruction(c, grid, strength, averages), line_response(c, reconstruction) {}
     orbspectrum::Reconstruction reconstruction;
+    orbspectrum::LineResponse line_response;
 };
 
 namespace {
@@ -209,6 +211,22 @@ extern "C" int orb_spectrum_peaks(const double* wavelength_nm, const double* val
     }
     return guarded(nullptr, 0, [&] {
         const auto p = orbspectrum::find_peaks(wavelength_nm, value, count, min_prominence);
+        *found = static_cast<int>(p.size());
+        for (int i = 0; i < capacity && i < *found; ++i) peaks[i] = p[static_cast<size_t>(i)];
+    });
+}
+
+extern "C" int orb_spectrum_line_peaks(const orb_spectrum* spectrum, const double* value, double min_prominence,
+                                       orb_spectrum_peak* peaks, int capacity, int* found) {
+    if (spectrum == nullptr || found == nullptr || capacity < 0 || (capacity > 0 && peaks == nullptr) ||
+        !(min_prominence >= 0))
+        return ORB_SPECTRUM_ERR_INVALID;
+    if (value == nullptr) return ORB_SPECTRUM_ERR_NULL_SPECTRUM;
+    const size_t count = spectrum->reconstruction.wavelengths().size();
+    for (size_t i = 0; i < count; ++i)
+        if (!std::isfinite(value[i])) return ORB_SPECTRUM_ERR_NOT_A_NUMBER;
+    return guarded(nullptr, 0, [&] {
+        const auto p = spectrum->line_response.peaks(value, min_prominence);
         *found = static_cast<int>(p.size());
         for (int i = 0; i < capacity && i < *found; ++i) peaks[i] = p[static_cast<size_t>(i)];
     });

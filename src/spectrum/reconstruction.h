@@ -29,6 +29,8 @@ public:
     double strength() const { return strength_; }
     int filters_used() const { return static_cast<int>(weighted_.filters.size()); }
     const WeightedResponse& weighted() const { return weighted_; }
+    // Output grid x 1024: a frame's density is gain * (filters - dark) / exposure.
+    const Eigen::MatrixXf& gain() const { return gain_; }
 
     // Density on the output grid; filters and dark are 1024 counts.
     void apply(const double* filters, const double* dark, double exposure_ms, double* out) const;

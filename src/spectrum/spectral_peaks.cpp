@@ -35,6 +35,15 @@ double crossing(const double* nm, const double* v, int count, int i, int step, d
 
 }  // namespace
 
+double line_width(const double* nm, const double* value, int count, int i, double height) {
+    const double at = nm[i];
+    const double left = at - crossing(nm, value, count, i, -1, 0.5 * height);
+    const double right = crossing(nm, value, count, i, +1, 0.5 * height) - at;
+    if (std::isnan(left)) return 2 * right;
+    if (std::isnan(right)) return 2 * left;
+    return 2 * std::min(left, right);
+}
+
 std::vector<orb_spectrum_peak> find_peaks(const double* nm, const double* v, int count, double min_prominence) {
     std::vector<orb_spectrum_peak> peaks;
     if (count < 3) return peaks;

@@ -88,6 +88,15 @@ class Operator:
                                               ctypes.byref(count)))
         return value, [Line(l.wavelength_nm, l.power) for l in lines[:min(count.value, capacity)]]
 
+    def line_peaks(self, value, min_prominence: float = 0.05) -> List[Peak]:
+        """Peaks of a spectrum this operator made (apply), those as narrow
+        as a line placed at the line that makes them (orb_spectrum_line_peaks)."""
+        values = np.ascontiguousarray(value, dtype=np.float64)
+        if values.shape != self.wavelengths.shape:
+            raise ValueError("the spectrum is not on this operator's grid")
+        return _peaks_found(lambda out, capacity, found: self._lib.orb_spectrum_line_peaks(
+            self._handle, library.doubles(values), float(min_prominence), out, capacity, found), values.size)
+
     def close(self) -> None:
         if self._handle:
             self._lib.orb_spectrum_destroy(self._handle)
@@ -106,11 +115,15 @@ def peaks(wavelength_nm, value, min_prominence: float = 0.05,
     values = np.ascontiguousarray(value, dtype=np.float64)
     if nm.shape != values.shape or nm.ndim != 1:
         raise ValueError("wavelengths and values differ in shape")
-    capacity = capacity or max(1, nm.size // 2)
+    return _peaks_found(lambda out, size, found: lib.orb_spectrum_peaks(
+        library.doubles(nm), library.doubles(values), nm.size, float(min_prominence), out, size, found),
+        nm.size, capacity)
+
+
+def _peaks_found(call, samples: int, capacity: Optional[int] = None) -> List[Peak]:
+    capacity = capacity or max(1, samples // 2)
     found_peaks = (library.Peak * capacity)()
     found = ctypes.c_int()
-    checked(lib.orb_spectrum_peaks(library.doubles(nm), library.doubles(values), nm.size,
-                                   float(min_prominence), found_peaks, capacity,
-                                   ctypes.byref(found)))
+    checked(call(found_peaks, capacity, ctypes.byref(found)))
     return [Peak(p.wavelength_nm, p.height, p.fwhm_nm, p.prominence)
             for p in found_peaks[:min(found.value, capacity)]]

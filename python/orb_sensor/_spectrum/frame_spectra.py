@@ -74,4 +74,5 @@ class FrameSpectra:
                         shutter_speed=frame.shutter_speed, exposure_ms=frame.exposure_ms,
                         averages=frame.averages, lost=frame.lost, missed=frame.missed,
                         saturated=frame.saturated,
-                        sensor_id=self._sensor_id, calibration=self.source, lines=lines)
+                        sensor_id=self._sensor_id, calibration=self.source, lines=lines,
+                        operator=None if refine else op)

@@ -81,6 +81,7 @@ _PROTOTYPES = {
     "orb_spectrum_apply": (_i, [_vp, _dp, _dp, _d, _dp]),
     "orb_spectrum_refine": (_i, [_vp, _dp, _dp, _d, _dp, ctypes.POINTER(Line), _i, _ip]),
     "orb_spectrum_peaks": (_i, [_dp, _dp, _i, _d, ctypes.POINTER(Peak), _i, _ip]),
+    "orb_spectrum_line_peaks": (_i, [_vp, _dp, _d, ctypes.POINTER(Peak), _i, _ip]),
     "orb_spectrum_result_text": (_cp, [_i]),
     "orb_colour_create": (_i, [ctypes.POINTER(_vp), _cp, _cp, _i]),
     "orb_colour_destroy": (None, [_vp]),
