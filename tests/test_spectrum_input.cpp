@@ -96,6 +96,20 @@ TEST(SpectrumPeaks, GaussianPeaksArePlacedBetweenSamplesWithTheirHeightAndWidth)
     EXPECT_NEAR(p[0].wavelength_nm, 500.37, 0.01);  // the highest, when there is room for one
 }
 
+// A line drawn into two samples (as the refinement draws one) peaks above
+// what either sample holds: its half height is above them both.
+TEST(SpectrumPeaks, APeakNarrowerThanTheSamplesHasTheWidthOfItsGaussianNeverANegativeOne) {
+    const std::vector<double> nm{600, 602, 604, 606, 608};
+    const std::vector<double> value{0.001, 0.001, 1.0, 1.0, 0.001};
+    orb_spectrum_peak p[2];
+    int found = 0;
+    ASSERT_EQ(orb_spectrum_peaks(nm.data(), value.data(), 5, 0.05, p, 2, &found), ORB_SPECTRUM_OK);
+    ASSERT_EQ(found, 1);
+    EXPECT_NEAR(p[0].wavelength_nm, 605.0, 0.01);
+    EXPECT_GT(p[0].height, 2 * 1.0);
+    EXPECT_NEAR(p[0].fwhm_nm, 1.79, 0.01);  // exp(-0.8635 (x - 605)^2) through the top three
+}
+
 TEST(SpectrumPeaks, PeaksOfASpectrumThatCannotBeReadAreRefused) {
     Sampled s = gaussians({{500, 1.0, 8.0}});
     orb_spectrum_peak p[2];

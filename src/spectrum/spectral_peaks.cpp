@@ -10,18 +10,20 @@ namespace orbspectrum {
 
 namespace {
 
-// Vertex of the parabola through three points (any spacing).
-void vertex(const double x[3], const double y[3], double& at, double& top) {
+// Vertex of the parabola through three points (any spacing); returns its
+// curvature (the coefficient of the square).
+double vertex(const double x[3], const double y[3], double& at, double& top) {
     const double d1 = (y[1] - y[0]) / (x[1] - x[0]), d2 = (y[2] - y[1]) / (x[2] - x[1]);
     const double curvature = (d2 - d1) / (x[2] - x[0]);
     if (!(curvature < 0)) {
         at = x[1];
         top = y[1];
-        return;
+        return curvature;
     }
     const double slope_mid = d1 + curvature * (x[1] - x[0]);  // slope at x[1]
     at = std::clamp(x[1] - slope_mid / (2 * curvature), x[0], x[2]);
     top = y[1] + slope_mid * (at - x[1]) + curvature * (at - x[1]) * (at - x[1]);
+    return curvature;
 }
 
 // Where the spectrum falls through `level`, walking from sample i by step.
@@ -61,18 +63,26 @@ std::vector<orb_spectrum_peak> find_peaks(const double* nm, const double* v, int
 
         orb_spectrum_peak p{};
         const double x[3] = {nm[i - 1], nm[i], nm[i + 1]};
+        double log_curvature = NAN;
         if (v[i - 1] > 0 && v[i + 1] > 0) {
             // A Gaussian through the three: a parabola in the log.
             const double y[3] = {std::log(v[i - 1]), std::log(v[i]), std::log(v[i + 1])};
             double top = 0;
-            vertex(x, y, p.wavelength_nm, top);
+            log_curvature = vertex(x, y, p.wavelength_nm, top);
             p.height = std::exp(top);
         } else {
             const double y[3] = {v[i - 1], v[i], v[i + 1]};
             vertex(x, y, p.wavelength_nm, p.height);
         }
         const double half = 0.5 * p.height;
-        p.fwhm_nm = crossing(nm, v, count, i, +1, half) - crossing(nm, v, count, i, -1, half);
+        if (half < v[i]) {
+            p.fwhm_nm = crossing(nm, v, count, i, +1, half) - crossing(nm, v, count, i, -1, half);
+        } else {
+            // Narrower than the samples (a line drawn into two of them): the
+            // samples never reach half the vertex, so the width is the
+            // Gaussian's through the three, exp(c (x - at)^2) with c < 0.
+            p.fwhm_nm = log_curvature < 0 ? 2 * std::sqrt(std::log(2.0) / -log_curvature) : NAN;
+        }
         p.prominence = p.height - std::max(left, right);
         peaks.push_back(p);
     }
