@@ -89,8 +89,8 @@ void ControlCommands::show_locked(std::size_t index, const Scene& scene) {
         covered.lights.emplace_back();
         covered.lights.back().name = "dark";
     }
-    testbed_.sensor(index).set_frame_generator(
-        scene_frames(light.covered ? covered : scene, seed_ + index, unit_of(index)));
+    const uint64_t seed = seed_ + index + (light.shown++ << 32);
+    testbed_.sensor(index).set_frame_generator(scene_frames(light.covered ? covered : scene, seed, unit_of(index)));
 }
 
 const char* ControlCommands::usage() {

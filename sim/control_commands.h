@@ -29,7 +29,11 @@ namespace orbsim {
 class ControlCommands {
 public:
     // Scenes draw their noise from `seed`, offset by the device index, so
-    // that two sensors in one scene do not show the same noise. Each sensor
+    // that two sensors in one scene do not show the same noise, and by the
+    // scenes the sensor was shown before, so that a scene shown again (or a
+    // sweep's next line) does not repeat the noise of the one before: a
+    // sensor's noise never repeats, and a calibration that averaged the
+    // same noise into every step would carry it into every spectrum. Each sensor
     // is its own unit (units.h) unless `nominal_units`; its filters are
     // worked out here, so that a scene command later answers at once.
     ControlCommands(Testbed& testbed, uint64_t seed, bool nominal_units = false);
@@ -52,6 +56,7 @@ private:
         bool has_scene = false;    // a scene (else frames of another kind, which no unit changes)
         bool covered = false;      // the scene is kept but the sensor sees dark
         Scene scene;
+        uint64_t shown = 0;        // scenes shown so far: each draws noise of its own
     };
 
     std::string run_locked(const std::vector<std::string>& words);

@@ -107,6 +107,27 @@ TEST_F(ControlChannel, FramesAndScenesChangeWhatTheSensorSends) {
     EXPECT_NEAR(frame(), 64, 20);  // dark level and read noise
 }
 
+// A sweep shows one line after another and averages the first frames of
+// each: were each scene's noise drawn afresh from the same seed, every step
+// would average the same noise, and the calibration would carry it into
+// every spectrum made with it.
+TEST_F(ControlChannel, ASceneShownAgainDrawsNoiseOfItsOwn) {
+    s0.handle_control({0x21, orbsim::kStartStreaming, 0, 1, 0});
+    const auto frame = [&] {
+        const auto r = s0.bulk_in(orbsim::SensorModel::Clock::now(), orbsim::kFrameBytes);
+        std::vector<int> v(orbsim::kFilters);
+        for (std::size_t i = 0; i < orbsim::kFilters; i++) v[i] = r.data.at(2 * i) << 4 | r.data.at(2 * i + 1) >> 4;
+        return v;
+    };
+    EXPECT_EQ(control.run("scene 0 dark"), "ok");
+    const std::vector<int> first = frame();
+    EXPECT_EQ(control.run("scene 0 dark"), "ok");
+    const std::vector<int> again = frame();
+    int same = 0;
+    for (std::size_t i = 0; i < first.size(); i++) same += first[i] == again[i];
+    EXPECT_LT(same, 300) << "of 1024 filters read the same after the scene was shown again";
+}
+
 TEST_F(ControlChannel, StatusSaysWhereEachDeviceIsAndWhatItDoes) {
     s0.handle_control({0xA1, 37, 3, 0, 1});
     s0.handle_control({0xA1, 5, 67, 0, 1});
