@@ -16,7 +16,8 @@ prints its counters; --json writes them in Google Benchmark's JSON layout.
 
 With --spectrum every device takes a dark frame at the shutter speed
 (TakeDark) before it streams, so each frame has a spectrum (each emulated
-unit needs its calibration: scripts/calibrate_emulated.py --units N), and
+unit needs its calibration: scripts/calibrate_emulated.py --units N, into
+a directory of ORB_CALIBRATION_PATH), and
 the client subscribes to Spectrum beside FilterData. A spectrum carries no
 frame number; its event has its frame's time stamp, as the frame's
 FilterData event has, so a frame whose FilterData came and whose Spectrum
@@ -49,6 +50,7 @@ REPO = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 sys.path.insert(0, os.path.join(REPO, "python"))
 
 from orb_sensor.facts import FASTEST_FRAME_S, exposure_ms  # noqa: E402
+from orb_sensor.tango.spectra import NO_FRAME  # noqa: E402
 from emulator_control import bench  # noqa: E402
 from tango_events import FilterDataEvents, SpectrumEvents, spectra_missing  # noqa: E402
 
@@ -64,6 +66,8 @@ ROUND_S = 6.5
 PAIRING_S = 0.5
 # TakeDark averages frames at the shutter speed set: seconds at the slowest.
 DARK_TIMEOUT_MS = 30000
+# Ten streams take a few seconds to start.
+FIRST_FRAME_S = 20.0
 
 
 def frames_sent():
@@ -150,12 +154,15 @@ def prepare(proxies, shutter, spectrum):
 
 
 def check_spectra(proxies):
-    """Every device makes spectra of its frames: its calibration and
-    dark are there."""
+    """Every device makes spectra of its frames (its calibration and dark
+    are there), once its first frame came."""
+    deadline = time.monotonic() + FIRST_FRAME_S
     for proxy in proxies:
-        problem = proxy.SpectrumProblem
+        while (problem := proxy.SpectrumProblem) == NO_FRAME and time.monotonic() < deadline:
+            time.sleep(0.1)
         if problem:
-            raise RuntimeError(f"{proxy.dev_name()} makes no spectrum: {problem}")
+            raise RuntimeError(f"{proxy.dev_name()} makes no spectrum: {problem} (every emulated unit "
+                               "needs one: scripts/calibrate_emulated.py --units N)")
 
 
 def measure(proxies, server, rounds, shutter, spectrum):
