@@ -43,7 +43,7 @@ TOOL = os.path.join(REPO, "tools", "orb-sensor")
 CHROMIUM, CHROMEDRIVER = "/usr/bin/chromium", "/usr/bin/chromedriver"
 SETTLE_S = 3.0
 TICKS = os.sysconf("SC_CLK_TCK")
-DARK_WAIT_S = 30.0
+DARK_WAIT_S = 60.0
 # At brightness 1 the emulator's lights just saturate the nominal unit's
 # brightest filter at shutter speed 900; this share of that is the target.
 FOLLOWED_LEVEL = 0.8
@@ -111,10 +111,10 @@ class Rig:
         self.driver.set_script_timeout(30)
         self.driver.get(page)
 
-    def post(self, path, body):
+    def post(self, path, body, timeout=10):
         request = urllib.request.Request(self.url + path, json.dumps(body).encode(),
                                          {"Content-Type": "application/json"})
-        with urllib.request.urlopen(request, timeout=10) as response:
+        with urllib.request.urlopen(request, timeout=timeout) as response:
             return json.load(response)
 
     def status(self):
@@ -132,7 +132,8 @@ class Rig:
         """A dark frame of the current exposure, through the page's API."""
         self.ctl("cover", "0", "on")
         try:
-            self.post("api/dark", {})
+            # It answers once the dark is taken: 16 frames, 4.4 s at shutter speed 3000.
+            self.post("api/dark", {}, DARK_WAIT_S)
             deadline = time.monotonic() + DARK_WAIT_S
             while not (self.status()["dark"] and self.status()["state"] == "streaming"):
                 if time.monotonic() > deadline:
@@ -204,7 +205,7 @@ def measure(rig, shutter, axis, seconds):
         "sent": (sent1 - sent0) / elapsed, "received": (status1["frames"] - status0["frames"]) / elapsed,
         "to_page": (page1["received"] - page0["received"]) / elapsed, "painted": painted / elapsed,
         "lost": status1["lost"] - status0["lost"], "missed": status1["missed"] - status0["missed"],
-        "delay_median": statistics.median(delays), "delay_p95": statistics.quantiles(delays, n=20)[-1],
+        "delay_median": statistics.median(delays), "delay_p95": statistics.quantiles(delays, n=20, method="inclusive")[-1],
         "delay_max": max(delays),
         "cpu": {name: 100 * (cpu1[name] - cpu0[name]) / elapsed for name in groups},
     }
