@@ -174,7 +174,7 @@ def measure(proxies, server, rounds, shutter, spectrum):
     if spectrum:
         check_spectra(proxies)
     workers = children(server.pid)
-    wall, received, missing, delay, sent, lost, missed, delay_max = 0.0, 0, 0, 0.0, 0, 0, 0, 0.0
+    wall, received, missing, delay, sent, lost, missed, delay_max, behind = 0.0, 0, 0, 0.0, 0, 0, 0, 0.0, 0
     s_received, s_missing, s_delay, s_delay_max, wavelengths = 0, 0, 0.0, 0.0, 0
     cpu = dict.fromkeys(("server", "worker", "emulator", "client"), 0.0)
     for _ in range(rounds):
@@ -198,6 +198,7 @@ def measure(proxies, server, rounds, shutter, spectrum):
         received += sum(b[0] - a[0] for a, b in zip(first.events, last.events))
         missing += sum(b[1] - a[1] for a, b in zip(first.events, last.events))
         delay += sum(b[2] - a[2] for a, b in zip(first.events, last.events))
+        behind += sum(b[3] - a[3] for a, b in zip(first.events, last.events))
         delay_max = max([delay_max] + [c.delay_max for c in counters])
         s_received += sum(b[0] - a[0] for a, b in zip(first.spectra, last.spectra))
         s_delay += sum(b[2] - a[2] for a, b in zip(first.spectra, last.spectra))
@@ -218,7 +219,7 @@ def measure(proxies, server, rounds, shutter, spectrum):
     figures = {"seconds": wall, "sensor_pace_fps": pace, "sensor_sent_fps": sent / wall,
                "events_received": received, "events_per_s": received / wall,
                "events_per_sent": received / sent if sent else 0.0, "events_missing": missing,
-               "frames_lost_by_server": lost, "frames_missed_by_server": missed,
+               "events_behind": behind, "frames_lost_by_server": lost, "frames_missed_by_server": missed,
                "event_delay_mean_ms": delay / received * 1000 if received else 0.0,
                "event_delay_max_ms": delay_max * 1000}
     if spectrum:
@@ -239,7 +240,7 @@ def measure(proxies, server, rounds, shutter, spectrum):
 
 
 UNITS = {"seconds": "s", "sensor_pace_fps": "frames/s", "sensor_sent_fps": "frames/s", "events_received": "events",
-         "events_per_s": "events/s", "events_per_sent": "", "events_missing": "events",
+         "events_per_s": "events/s", "events_per_sent": "", "events_missing": "events", "events_behind": "events",
          "frames_lost_by_server": "frames", "frames_missed_by_server": "frames", "event_delay_mean_ms": "ms",
          "event_delay_max_ms": "ms", "spectrum_wavelengths": "wavelengths", "spectrum_events_received": "events",
          "spectrum_events_per_s": "events/s", "spectrum_events_per_sent": "", "spectra_missing": "events",

@@ -13,6 +13,12 @@ import threading
 import time
 
 COUNTER_MODULO = 4096
+# Subscribing reads the attribute: the client's first value is the latest
+# frame, while the events of the frames before it are still on their way
+# (the device's outbox holds up to 1024). Those come after it, behind, and
+# are counted apart. (A gap of over 3072 frames would read as events behind
+# too: their count is in the table.)
+BEHIND_AT_MOST = 1024
 
 
 def _stamp(value):
@@ -22,13 +28,13 @@ def _stamp(value):
 
 class Events:
     """Events of one attribute: how many, and how late they came after
-    their frame (the event's time stamp is the frame's). `missing` is what
-    the events themselves show missing: FilterData's counters do; a
-    Spectrum's are found by pairing (spectra_missing)."""
+    their frame (the event's time stamp is the frame's). `missing` and
+    `behind` are what the events themselves show: FilterData's counters
+    do; a Spectrum's missing are found by pairing (spectra_missing)."""
 
     def __init__(self):
         self.lock = threading.Lock()
-        self.received = self.missing = 0
+        self.received = self.missing = self.behind = 0
         self.delay_sum = self.delay_max = 0.0
 
     def _value(self, event):
@@ -42,15 +48,17 @@ class Events:
         self.delay_max = max(self.delay_max, delay)
 
     def snapshot(self):
-        """(received, missing by the events' own evidence, sum of delays)."""
+        """(received, missing by the events' own evidence, sum of delays,
+        behind)."""
         with self.lock:
-            return self.received, self.missing, self.delay_sum
+            return self.received, self.missing, self.delay_sum, self.behind
 
 
 class FilterDataEvents(Events):
     """Also how many went missing between two received, by their counter
-    values; with `stamps`, the time stamp of each event in the order
-    received, for pairing with Spectrum's."""
+    values, and how many came behind a frame already received (counted
+    apart, neither received nor missing); with `stamps`, the time stamp of
+    each event received, in order, for pairing with Spectrum's."""
 
     def __init__(self, stamps=False):
         super().__init__()
@@ -64,7 +72,11 @@ class FilterDataEvents(Events):
         k = int(value[0])
         with self.lock:
             if self.last is not None:
-                self.missing += (k - self.last - 1) % COUNTER_MODULO
+                step = (k - self.last) % COUNTER_MODULO
+                if step == 0 or step > COUNTER_MODULO - BEHIND_AT_MOST:
+                    self.behind += 1
+                    return
+                self.missing += step - 1
             self.last = k
             self._count(event)
             if self.stamps is not None:

@@ -1,6 +1,7 @@
 """bench_tango.py's counting of missing events, on events made here: gaps
-in FilterData's counters (across their wrap), and frames whose Spectrum
-never came, told apart by time stamp within the window only."""
+in FilterData's counters (across their wrap), events behind the value read
+on subscribing, and frames whose Spectrum never came, told apart by time
+stamp within the window only."""
 
 from types import SimpleNamespace
 
@@ -26,8 +27,19 @@ def test_counter_gaps_are_counted_across_the_wrap_and_failed_events_are_not_fram
         events(event(frame(k), 1700 * i))
     events(event(None, 99_000, err=True))
     events(event([], 99_500))
-    received, missing, _ = events.snapshot()
-    assert (received, missing) == (5, 4)
+    received, missing, _, behind = events.snapshot()
+    assert (received, missing, behind) == (5, 4, 0)
+
+
+def test_events_behind_the_value_read_on_subscribing_are_neither_frames_nor_gaps():
+    events = FilterDataEvents(stamps=True)
+    # The read gives frame 4095; the events of 4090 to 4095 were on their
+    # way; then the stream goes on across the wrap, 1 never came.
+    for i, k in enumerate((4095, 4090, 4091, 4092, 4093, 4094, 4095, 0, 2)):
+        events(event(frame(k), 1700 * i))
+    received, missing, _, behind = events.snapshot()
+    assert (received, missing, behind) == (3, 1, 6)
+    assert len(events.stamps) == received
 
 
 def test_a_spectrum_missing_is_a_frame_of_the_window_without_one():
