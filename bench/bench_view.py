@@ -147,8 +147,8 @@ class Rig:
                                    "axis.dispatchEvent(new Event('change'));", axis)
 
     def spectrum_shown(self):
-        """Whether the page draws a spectrum (and has no problem to show),
-        and whether it has a colour."""
+        """Whether the page's spectrum has a colour; raises unless the page
+        draws a spectrum and shows no problem."""
         shown = self.driver.execute_script(
             "const p = document.getElementById('spectrum-problem'); "
             "return {problem: p.hidden ? null : p.textContent, spectrum: window.orbView.spectrum !== null, "
