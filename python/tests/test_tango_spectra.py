@@ -58,3 +58,45 @@ with devices({"SensorIndex": 0}, {"SensorIndex": 2}) as context:
     cct, duv, x, y, ra = map(float, out[2].split()[1:])
     assert 2500 < cct < 7000 and abs(duv) < 0.02 and 0.3 < x < 0.5 and 0.3 < y < 0.5 and 40 < ra < 100, out[2]
     assert out[3] == "invalid True True"
+
+
+def test_a_calibration_rewritten_while_streaming_makes_the_spectra_within_seconds(run_python, calibrated_units,
+                                                                                  tmp_path):
+    # The device looks for the file again every few seconds, not with
+    # every frame; a new file must still reach the stream's spectra.
+    unit = "C1234-7-20-33-1"
+    out = run(run_python, 1, f"""
+import shutil, h5py, numpy as np
+os.environ["ORB_CALIBRATION_PATH"] = {str(tmp_path)!r}
+path = os.path.join({str(tmp_path)!r}, os.path.basename({calibrated_units[unit]!r}))
+shutil.copy({calibrated_units[unit]!r}, path)
+with devices({{"SensorIndex": 0}}) as context:
+    proxy = context.get_device("test/orb/0")
+    wait_state(proxy, ON, 20)
+    proxy.ShutterSpeed = 600
+    ctl("cover", "0", "on")
+    proxy.TakeDark()
+    ctl("cover", "0", "off")
+    proxy.Start()
+    def level():
+        values = proxy.Spectrum
+        return None if values is None else float(np.mean(values))
+    t = time.monotonic()
+    while level() is None:
+        assert time.monotonic() - t < 10, proxy.SpectrumProblem
+        time.sleep(0.1)
+    before = level()
+    # A unit twice as responsive: its spectra read half as much.
+    shutil.copy(path, path + ".new")
+    with h5py.File(path + ".new", "r+") as f:
+        f["response"][...] = 2 * f["response"][...]
+    os.replace(path + ".new", path)
+    t = time.monotonic()
+    while level() / before > 0.6:
+        assert time.monotonic() - t < 8, (level(), before)
+        time.sleep(0.1)
+    print("ratio", level() / before, "after", round(time.monotonic() - t, 1))
+    proxy.Stop()
+""", "--scene", "halogen")
+    ratio = float(out[0].split()[1])
+    assert 0.4 < ratio < 0.6, out[0]
