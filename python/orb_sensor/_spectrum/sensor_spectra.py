@@ -5,6 +5,7 @@ since building one takes far longer than applying it."""
 import hashlib
 import os
 import threading
+import time
 from typing import Dict, Optional, Tuple, Union
 
 from ..errors import CalibrationError
@@ -16,6 +17,13 @@ from .engine import Operator
 # A file is known by its path and what the file system says of it: a file
 # rewritten in place (a new calibration) is loaded afresh.
 _FileKey = Tuple[str, int, int]
+
+# Where the file is, and its status, are looked at again after this long,
+# not with every spectrum: finding it (the search path, the real path, the
+# status) costs several times the spectrum itself, and a front end making
+# spectra at the sensor's pace for ten sensors would spend a core on it. A
+# calibration replaced is used within this time.
+LOOK_AGAIN_S = 2.0
 
 
 def _file_key(path: str) -> _FileKey:
@@ -39,6 +47,8 @@ class SensorSpectra:
         self._lock = threading.Lock()
         self._calibrations: Dict[_FileKey, Tuple[Calibration, CalibrationSource]] = {}
         self._operators: Dict[Tuple[_FileKey, float, int], Operator] = {}
+        # path given (None: found by ID) -> (when looked, the path, its key)
+        self._looked: Dict[Optional[str], Tuple[float, str, _FileKey]] = {}
 
     def source(self, path: Union[str, "os.PathLike[str]", None]) -> CalibrationSource:
         """The calibration file that would be used: found by the sensor's ID
@@ -59,11 +69,7 @@ class SensorSpectra:
 
     def _load(self, path: Union[str, "os.PathLike[str]", None]) -> Tuple[_FileKey, Calibration,
                                                                          CalibrationSource]:
-        path = find(self._sensor_id) if path is None else os.fspath(path)
-        try:
-            key = _file_key(path)
-        except OSError as e:
-            raise CalibrationError(f"calibration {path}: {e.strerror}", code=12) from None
+        path, key = self._located(None if path is None else os.fspath(path))
         if key not in self._calibrations:
             # Only the newest version of a file is kept.
             self._forget(key[0])
@@ -73,6 +79,19 @@ class SensorSpectra:
                 info.sensor_id, info.created, _sha256(path), info.path))
         calibration, source = self._calibrations[key]
         return key, calibration, source
+
+    def _located(self, given: Optional[str]) -> Tuple[str, _FileKey]:
+        now = time.monotonic()
+        looked = self._looked.get(given)
+        if looked is not None and now - looked[0] < LOOK_AGAIN_S:
+            return looked[1], looked[2]
+        path = find(self._sensor_id) if given is None else given
+        try:
+            key = _file_key(path)
+        except OSError as e:
+            raise CalibrationError(f"calibration {path}: {e.strerror}", code=12) from None
+        self._looked[given] = (now, path, key)
+        return path, key
 
     def _forget(self, real_path: str) -> None:
         for key in [k for k in self._calibrations if k[0] == real_path]:
