@@ -358,6 +358,50 @@ void join_neighbours(const WeightedResponse& w, const Eigen::VectorXd& weight, c
     }
 }
 
+// All lines together, each held near where it is.
+FittedLines polished(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
+                     const std::vector<orb_spectrum_line>& lines) {
+    std::vector<LineSeed> seeds;
+    for (const orb_spectrum_line& line : lines)
+        seeds.push_back({line.wavelength_nm, line.wavelength_nm - kPolishNm, line.wavelength_nm + kPolishNm, line.power});
+    return fit_lines(w, weight, z, seeds);
+}
+
+// Drops, weakest first, each line that the rule for one line more would not
+// add to its neighbours (the lines within kJoinNm, refitted with it and
+// without it); true when one was. A line that only made up for its
+// neighbours' misfit goes.
+bool drop_needless(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
+                   std::vector<orb_spectrum_line>& lines) {
+    std::vector<size_t> order(lines.size());
+    for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::sort(order.begin(), order.end(), [&](size_t p, size_t q) { return lines[p].power < lines[q].power; });
+    std::vector<bool> dropped(lines.size(), false);
+    bool any = false;
+    for (size_t i : order) {
+        std::vector<orb_spectrum_line> near, others;
+        for (size_t j = 0; j < lines.size(); ++j) {
+            if (j == i || dropped[j]) continue;
+            (std::abs(lines[j].wavelength_nm - lines[i].wavelength_nm) < kJoinNm ? near : others).push_back(lines[j]);
+        }
+        const Eigen::VectorXd target = z - line_model(w, others);
+        std::vector<orb_spectrum_line> with = near;
+        with.push_back(lines[i]);
+        const FittedLines more = polished(w, weight, target, with), fewer = polished(w, weight, target, near);
+        const Local local = seen_by(line_model(w, {more.lines.back()}), weight);
+        if (more_lines_better(fewer, more, local.chi2(line_model(w, fewer.lines) - target, weight),
+                              local.chi2(line_model(w, more.lines) - target, weight)))
+            continue;
+        if (std::getenv("ORB_REFINE_DEBUG")) std::fprintf(stderr, "dropped %.3f (%.3g)\n", lines[i].wavelength_nm, lines[i].power);
+        dropped[i] = any = true;
+    }
+    std::vector<orb_spectrum_line> kept;
+    for (size_t i = 0; i < lines.size(); ++i)
+        if (!dropped[i]) kept.push_back(lines[i]);
+    lines = std::move(kept);
+    return any;
+}
+
 // A group spread too wide for one line may be two: it is, when two lines
 // leave the filters that see it little more than its own non-negative powers
 // do (broad light leaves far more). z is the frame less all else.
@@ -504,10 +548,10 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
     const Eigen::VectorXd z_lines = z - basis * rest;
     join_neighbours(w, weight, z_lines, chosen);
     // And all together from there, each line held near where it was found.
-    seeds.clear();
-    for (const orb_spectrum_line& line : chosen)
-        seeds.push_back({line.wavelength_nm, line.wavelength_nm - kPolishNm, line.wavelength_nm + kPolishNm, line.power});
-    FittedLines fit = fit_lines(w, weight, z_lines, seeds);
+    FittedLines fit = polished(w, weight, z_lines, chosen);
+    // Lines the others, moved, no longer need are dropped, and the rest
+    // polished again.
+    if (drop_needless(w, weight, z_lines, fit.lines)) fit = polished(w, weight, z_lines, fit.lines);
     std::sort(fit.lines.begin(), fit.lines.end(),
               [](const auto& p, const auto& q) { return p.wavelength_nm < q.wavelength_nm; });
 
