@@ -72,7 +72,8 @@ double FrameNoise::response_error(Eigen::Index row, double nm) const {
     j = std::clamp<size_t>(j, 1, x.size() - 1);
     const double t = std::clamp((nm - x[j - 1]) / (x[j] - x[j - 1]), 0.0, 1.0);
     const auto a = static_cast<Eigen::Index>(j - 1);
-    // Two samples' errors are independent: their variances mix.
+    // Mixed as variances: between two samples the interpolation adds an
+    // error of their order.
     return std::sqrt((1 - t) * std::pow(response_error_(row, a), 2) + t * std::pow(response_error_(row, a + 1), 2));
 }
 

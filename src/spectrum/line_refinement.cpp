@@ -2,17 +2,16 @@
 // the lines are; within a window around each of its peaks the spectrum is
 // fitted again as non-negative powers on a 0.25 nm grid (which separates lines
 // closer than a filter's width), and each group of powers that forms a line is
-// then fitted as one line of free position and power against the filters'
-// responses interpolated between the calibration's wavelengths, which places
-// it to a hundredth of a nm. Both fits are bound-constrained quasi-Newton
-// (LBFGS++'s L-BFGS-B).
+// then fitted as lines of free position and power (line_fit.h). How many
+// lines a group is, and whether neighbouring groups are one line, is judged
+// by the frame's chi-square: every filter weighted by the noise its counts
+// carry (frame_noise.h), shot noise and the calibration's error included.
+// The fits are bound-constrained quasi-Newton (LBFGS++'s L-BFGS-B).
 
 #include "line_refinement.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 
 #include "bounded_minimum.h"
 #include "line_fit.h"
@@ -26,7 +25,7 @@ constexpr double kWindowHalfNm = 40.0;     // wider than the broadest filter wit
 constexpr double kFineHalfNm = 12.0;
 constexpr double kFineStepNm = 0.25;
 constexpr double kCoarseStepNm = 1.0;
-constexpr double kBlockNm = 40.0;         // outside the windows, the fast result is scaled in blocks this wide
+constexpr double kBlockNm = 40.0;          // outside the windows, the fast result is scaled in blocks this wide
 constexpr double kPeakProminence = 0.05;   // of the fast result's highest value
 constexpr double kPeakSignificance = 5.0;  // times the fast result's noise
 constexpr size_t kMaxWindows = 8;
@@ -37,10 +36,14 @@ constexpr double kWideSlack = 0.25;        // of what a wide group's own powers 
 constexpr double kDip = 0.7;
 constexpr double kMinHalfSplitNm = 0.25;   // two lines are first tried at least this far to either side
 constexpr double kSeenShare = 0.01;        // a filter sees a line that puts this share of the brightest's counts on it
-constexpr double kMinDrop = 25;            // two lines must take this much chi-square off one (5 sigma)
-constexpr double kTwoLineShare = 0.5;      // and leave at most this share of what one line leaves
-constexpr double kPolishNm = 0.5;
-constexpr double kJoinNm = 8.0;
+constexpr double kMinDrop = 25;            // one line more must take this much chi-square off (5 sigma)
+constexpr double kTwoLineShare = 0.5;      // and leave at most this share of what was left
+constexpr double kPolishNm = 0.5;          // how far the joint fits move a line
+constexpr double kJoinNm = 8.0;            // lines closer are tried as one
+constexpr double kUnderHalfNm = 8.0;       // the light a line stands on, to either side
+constexpr double kUnderShare = 0.05;       // of the line's power, beside it, for the line to stand on light
+constexpr double kTwoLinesOnLight = 0.25;  // the share of one line's chi-square two may leave there
+constexpr double kMaxLineOnLightSpreadNm = 2.5;  // a group spread wider is two lines, not one on light
 constexpr double kSameLineNm = 0.3;
 constexpr double kShadowNm = 1.5;          // a line this close to one twenty times stronger is its misfit
 constexpr double kShadowShare = 0.05;
@@ -280,43 +283,61 @@ bool more_lines_better(const FittedLines& one, const FittedLines& two, double le
 // Two lines, one to either side of centre, each within [lo, hi], started as
 // far apart as a group's powers are spread and twice that: the better fit.
 FittedLines two_lines(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z, double centre,
-                      double power, double spread, double lo, double hi) {
+                      double power, double spread, double lo, double hi, const Eigen::VectorXd& under) {
     FittedLines two;
     two.chi2 = INFINITY;
     for (double half : {std::max(spread, kMinHalfSplitNm), 2 * std::max(spread, kMinHalfSplitNm)}) {
         FittedLines t = fit_lines(w, weight, z,
                                   {{centre - half, std::max(lo, centre - 2 * half), centre, power / 2},
-                                   {centre + half, centre, std::min(hi, centre + 2 * half), power / 2}});
+                                   {centre + half, centre, std::min(hi, centre + 2 * half), power / 2}},
+                                  under);
         if (t.chi2 < two.chi2) two = std::move(t);
     }
     return two;
 }
 
-// A group of powers as the lines it is: none when a line takes off the
-// frame's chi-square no more than noise would; two when two lines take away
-// at least half of what one leaves on the filters that see it (a single
-// line's misfit, from the responses' interpolation and the calibration's
-// error, takes a few per cent); else one. z is the frame less all else.
-std::vector<orb_spectrum_line> one_or_two(const WeightedResponse& w, const Eigen::VectorXd& weight,
-                                          const Eigen::VectorXd& z, const Group& g, const std::vector<double>& fine,
-                                          const orb_spectrum_line& start) {
-    const FittedLines one =
-        fit_lines(w, weight, z, {{start.wavelength_nm, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm,
-                                  start.power}});
-    const Eigen::VectorXd one_model = line_model(w, one.lines);
-    const Local local = seen_by(one_model, weight);
-    const double left_one = local.chi2(one_model - z, weight);
+// What a fit puts on the filters, whitened as w is.
+Eigen::VectorXd model_of(const WeightedResponse& w, const FittedLines& fit, const Eigen::VectorXd& under) {
+    Eigen::VectorXd model = line_model(w, fit.lines);
+    if (under.size() > 0) model += fit.under * under;
+    return model;
+}
+
+// A group of powers as the lines it is, standing on light as broad as the
+// group (under, whitened as w: a fluorescent tube's lines stand on its
+// phosphors' light, which a second line would otherwise take the place of):
+// none when the rule for one line more would not add one, two when it would
+// add a second. z is the frame less all else.
+FittedLines one_or_two(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
+                       const Group& g, const std::vector<double>& fine, const orb_spectrum_line& start,
+                       const Eigen::VectorXd& under) {
+    const FittedLines one = fit_lines(
+        w, weight, z, {{start.wavelength_nm, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm, start.power}},
+        under);
+    // Whether it is a line at all is judged without the light under it,
+    // which over a few nm a filter cannot tell from a line.
+    const FittedLines alone = fit_lines(
+        w, weight, z, {{start.wavelength_nm, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm, start.power}});
     FittedLines none;
     none.chi2 = z.cwiseProduct(weight).squaredNorm();
-    if (!more_lines_better(none, one, local.chi2(-z, weight), left_one)) return {};
+    const Local local = seen_by(line_model(w, alone.lines), weight);
     const double lo = fine[g.first] - kPositionFreedomNm, hi = fine[g.last] + kPositionFreedomNm;
-    const FittedLines two = two_lines(w, weight, z, one.lines[0].wavelength_nm, one.lines[0].power, g.spread, lo, hi);
-    const double left_two = local.chi2(line_model(w, two.lines) - z, weight);
-    if (std::getenv("ORB_REFINE_DEBUG"))
-        std::fprintf(stderr, "group %.2f spread %.2f: one %.3f (%.3g) chi2 %.1f local %.1f; two %.3f %.3f (%.3g %.3g) chi2 %.1f local %.1f\n",
-                     g.centroid, g.spread, one.lines[0].wavelength_nm, one.lines[0].power, one.chi2, left_one,
-                     two.lines[0].wavelength_nm, two.lines[1].wavelength_nm, two.lines[0].power, two.lines[1].power, two.chi2, left_two);
-    return more_lines_better(one, two, left_one, left_two) ? two.lines : one.lines;
+    if (!more_lines_better(none, alone, local.chi2(-z, weight), local.chi2(line_model(w, alone.lines) - z, weight))) {
+        // Nor is it two lines that one line cannot stand for.
+        const FittedLines pair = two_lines(w, weight, z, alone.lines[0].wavelength_nm, alone.lines[0].power, g.spread, lo,
+                                           hi, Eigen::VectorXd());
+        if (!more_lines_better(none, pair, local.chi2(-z, weight), local.chi2(line_model(w, pair.lines) - z, weight)))
+            return none;
+    }
+    const double left_one = local.chi2(model_of(w, one, under) - z, weight);
+    const FittedLines two =
+        two_lines(w, weight, z, one.lines[0].wavelength_nm, one.lines[0].power, g.spread, lo, hi, under);
+    const double left_two = local.chi2(model_of(w, two, under) - z, weight);
+    // On broad light a line's own breadth (a tube's lines are broader than
+    // the sweep's) leaves a misfit two lines also take away: there two must
+    // explain the whole frame far better.
+    if (under.size() > 0 && !(two.chi2 < kTwoLinesOnLight * one.chi2)) return one;
+    return more_lines_better(one, two, left_one, left_two) ? two : one;
 }
 
 // Neighbouring lines closer than kJoinNm (from two groups the non-negative
@@ -344,9 +365,6 @@ void join_neighbours(const WeightedResponse& w, const Eigen::VectorXd& weight, c
         const Local local = seen_by(one_model, weight);
         const double left_one = local.chi2(one_model - target, weight);
         const double left_two = local.chi2(line_model(w, two.lines) - target, weight);
-        if (std::getenv("ORB_REFINE_DEBUG"))
-            std::fprintf(stderr, "join %.3f %.3f: one %.3f chi2 %.1f local %.1f; two chi2 %.1f local %.1f\n", p.wavelength_nm,
-                         q.wavelength_nm, one.lines[0].wavelength_nm, one.chi2, left_one, two.chi2, left_two);
         if (more_lines_better(one, two, left_one, left_two)) {
             ++i;
             continue;
@@ -392,7 +410,6 @@ bool drop_needless(const WeightedResponse& w, const Eigen::VectorXd& weight, con
         if (more_lines_better(fewer, more, local.chi2(line_model(w, fewer.lines) - target, weight),
                               local.chi2(line_model(w, more.lines) - target, weight)))
             continue;
-        if (std::getenv("ORB_REFINE_DEBUG")) std::fprintf(stderr, "dropped %.3f (%.3g)\n", lines[i].wavelength_nm, lines[i].power);
         dropped[i] = any = true;
     }
     std::vector<orb_spectrum_line> kept;
@@ -408,13 +425,10 @@ bool drop_needless(const WeightedResponse& w, const Eigen::VectorXd& weight, con
 std::vector<orb_spectrum_line> wide_pair(const WeightedResponse& w, const Eigen::VectorXd& weight,
                                          const Eigen::VectorXd& z, const Group& g, const std::vector<double>& fine,
                                          const Eigen::VectorXd& powers_model) {
-    const FittedLines two = two_lines(w, weight, z, g.centroid, g.power, g.spread, fine[g.first], fine[g.last]);
+    const FittedLines two =
+        two_lines(w, weight, z, g.centroid, g.power, g.spread, fine[g.first], fine[g.last], Eigen::VectorXd());
     const Local local = seen_by(powers_model, weight);
     const double left_powers = local.chi2(powers_model - z, weight), left_two = local.chi2(line_model(w, two.lines) - z, weight);
-    if (std::getenv("ORB_REFINE_DEBUG"))
-        std::fprintf(stderr, "wide group %.2f spread %.2f: powers local %.1f; two %.3f %.3f (%.3g %.3g) local %.1f\n",
-                     g.centroid, g.spread, left_powers, two.lines[0].wavelength_nm, two.lines[1].wavelength_nm,
-                     two.lines[0].power, two.lines[1].power, left_two);
     if (left_two < left_powers + std::max(kMinDrop, kWideSlack * left_powers)) return two.lines;
     return {};
 }
@@ -518,22 +532,30 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
     for (const Group& g : lines)
         seeds.push_back({g.centroid, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm, g.power});
     const FittedLines single = fit_lines(w, weight, z - basis * rest, seeds);
-    if (std::getenv("ORB_REFINE_DEBUG")) {
-        std::fprintf(stderr, "chi2: z %.1f nnls %.1f single %.1f; windows", weighted_z.squaredNorm(),
-                     (weighted_z - weighted_basis * a).squaredNorm(), single.chi2);
-        for (const Window& v : region.outer) std::fprintf(stderr, " %.1f-%.1f", v.lo, v.hi);
-        std::fprintf(stderr, "\n");
-        for (const Group& g : groups) std::fprintf(stderr, "  group %.2f spread %.2f power %.3g\n", g.centroid, g.spread, g.power);
-    }
     weight = noise_weights(w, noise, counts, exposure_ms, single.lines);
 
     // Each group again, one line or two, against the frame less the others.
     std::vector<orb_spectrum_line> chosen;
     const Eigen::VectorXd all = line_model(w, single.lines);
+    const std::vector<double> fine_width = widths(fine);
+    const Eigen::VectorXd rest_of_groups = rest;
     for (size_t g = 0; g < lines.size(); ++g) {
-        const Eigen::VectorXd others = basis * rest + all - line_model(w, {single.lines[g]});
-        for (const orb_spectrum_line& line : one_or_two(w, weight, z - others, lines[g], fine, single.lines[g]))
-            chosen.push_back(line);
+        const Eigen::VectorXd others = basis * rest_of_groups + all - line_model(w, {single.lines[g]});
+        // The light under the group: a flat density over its span.
+        const Group& group = lines[g];
+        Eigen::VectorXd flat = Eigen::VectorXd::Zero(k + blocks);
+        for (size_t c = 0; c < fine.size(); ++c)
+            if (std::abs(fine[c] - group.centroid) <= kUnderHalfNm) flat[static_cast<Eigen::Index>(c)] = fine_width[c];
+        // Only where the non-negative fit left such light at both ends of the
+        // group (a group cut from its neighbour at a dip ends near zero on
+        // its other side).
+        const double level = std::min(a[static_cast<Eigen::Index>(group.first)] / fine_width[group.first],
+                                      a[static_cast<Eigen::Index>(group.last)] / fine_width[group.last]);
+        const bool on_light = group.spread < kMaxLineOnLightSpreadNm && level * 2 * kUnderHalfNm > kUnderShare * group.power;
+        const Eigen::VectorXd under = on_light ? Eigen::VectorXd(basis * flat) : Eigen::VectorXd();
+        const FittedLines found = one_or_two(w, weight, z - others, group, fine, single.lines[g], under);
+        chosen.insert(chosen.end(), found.lines.begin(), found.lines.end());
+        if (under.size() > 0) rest += found.under * flat;
     }
     for (const Group& g : wide) {
         Eigen::VectorXd own = Eigen::VectorXd::Zero(a.size());
