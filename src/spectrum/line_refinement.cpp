@@ -516,8 +516,19 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
     double strongest = 0;
     for (const Group& g : groups) strongest = std::max(strongest, g.power);
     std::vector<Group> lines, wide;
+    const Eigen::VectorXd misfit = weighted_basis * a - weighted_z;
     for (const Group& g : groups) {
-        if (g.power < kLineShare * strongest || g.spread > kMaxPairSpreadNm) continue;
+        if (g.power < kLineShare * strongest) {
+            // A hump too faint to be a line that the frame does not need
+            // either (noise, which one dim frame puts beside its line) goes.
+            Eigen::VectorXd own = Eigen::VectorXd::Zero(a.size());
+            for (size_t c = g.first; c <= g.last; ++c) own[static_cast<Eigen::Index>(c)] = a[static_cast<Eigen::Index>(c)];
+            const Eigen::VectorXd model = weighted_basis * own;
+            if ((misfit - model).squaredNorm() - misfit.squaredNorm() < kMinDrop)
+                for (size_t c = g.first; c <= g.last; ++c) rest[static_cast<Eigen::Index>(c)] = 0;
+            continue;
+        }
+        if (g.spread > kMaxPairSpreadNm) continue;
         if (g.spread > kMaxLineSpreadNm) {
             wide.push_back(g);
             continue;
