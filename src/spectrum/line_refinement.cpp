@@ -310,7 +310,7 @@ Eigen::VectorXd model_of(const WeightedResponse& w, const FittedLines& fit, cons
 // add a second. z is the frame less all else.
 FittedLines one_or_two(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
                        const Group& g, const std::vector<double>& fine, const orb_spectrum_line& start,
-                       const Eigen::VectorXd& under) {
+                       const Eigen::VectorXd& under, bool on_light) {
     const FittedLines one = fit_lines(
         w, weight, z, {{start.wavelength_nm, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm, start.power}},
         under);
@@ -336,7 +336,7 @@ FittedLines one_or_two(const WeightedResponse& w, const Eigen::VectorXd& weight,
     // On broad light a line's own breadth (a tube's lines are broader than
     // the sweep's) leaves a misfit two lines also take away: there two must
     // explain the whole frame far better.
-    if (under.size() > 0 && !(two.chi2 < kTwoLinesOnLight * one.chi2)) return one;
+    if (on_light && !(two.chi2 < kTwoLinesOnLight * one.chi2)) return one;
     return more_lines_better(one, two, left_one, left_two) ? two : one;
 }
 
@@ -546,6 +546,13 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
     weight = noise_weights(w, noise, counts, exposure_ms, single.lines);
 
     // Each group again, one line or two, against the frame less the others.
+    // Broad light in the windows (as much as a twentieth of the lines'
+    // power: a fluorescent tube's phosphors) changes the rules: there a
+    // line's own breadth and the light's bands leave misfits that a second
+    // line, or two humps joined, would also take away.
+    double line_power = 0;
+    for (const Group& g : lines) line_power += g.power;
+    const bool light = rest.head(k).sum() > kUnderShare * line_power;
     std::vector<orb_spectrum_line> chosen;
     const Eigen::VectorXd all = line_model(w, single.lines);
     const std::vector<double> fine_width = widths(fine);
@@ -564,7 +571,7 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
                                       a[static_cast<Eigen::Index>(group.last)] / fine_width[group.last]);
         const bool on_light = group.spread < kMaxLineOnLightSpreadNm && level * 2 * kUnderHalfNm > kUnderShare * group.power;
         const Eigen::VectorXd under = on_light ? Eigen::VectorXd(basis * flat) : Eigen::VectorXd();
-        const FittedLines found = one_or_two(w, weight, z - others, group, fine, single.lines[g], under);
+        const FittedLines found = one_or_two(w, weight, z - others, group, fine, single.lines[g], under, light);
         chosen.insert(chosen.end(), found.lines.begin(), found.lines.end());
         if (under.size() > 0) rest += found.under * flat;
     }
@@ -579,7 +586,7 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
         rest -= own;
     }
     const Eigen::VectorXd z_lines = z - basis * rest;
-    join_neighbours(w, weight, z_lines, chosen);
+    if (!light) join_neighbours(w, weight, z_lines, chosen);
     // And all together from there, each line held near where it was found.
     FittedLines fit = polished(w, weight, z_lines, chosen);
     // Lines the others, moved, no longer need are dropped, and the rest
