@@ -41,7 +41,7 @@ constexpr double kTwoLineShare = 0.5;      // and leave at most this share of wh
 constexpr double kPolishNm = 0.5;          // how far the joint fits move a line
 constexpr double kJoinNm = 8.0;            // lines closer are tried as one
 constexpr double kUnderHalfNm = 8.0;       // the light a line stands on, to either side
-constexpr double kUnderShare = 0.05;       // of the line's power, beside it, for the line to stand on light
+constexpr double kUnderShare = 0.05;       // of the lines' power, beside them, for broad light
 constexpr double kTwoLinesOnLight = 0.25;  // the share of one line's chi-square two may leave there
 constexpr double kMaxLineOnLightSpreadNm = 2.5;  // a group spread wider is two lines, not one on light
 constexpr double kSameLineNm = 0.3;
@@ -307,10 +307,11 @@ Eigen::VectorXd model_of(const WeightedResponse& w, const FittedLines& fit, cons
 // group (under, whitened as w: a fluorescent tube's lines stand on its
 // phosphors' light, which a second line would otherwise take the place of):
 // none when the rule for one line more would not add one, two when it would
-// add a second. z is the frame less all else.
+// add a second (among broad light, by kTwoLinesOnLight). z is the frame less
+// all else.
 FittedLines one_or_two(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
                        const Group& g, const std::vector<double>& fine, const orb_spectrum_line& start,
-                       const Eigen::VectorXd& under, bool on_light) {
+                       const Eigen::VectorXd& under, bool broad_light) {
     const FittedLines one = fit_lines(
         w, weight, z, {{start.wavelength_nm, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm, start.power}},
         under);
@@ -333,10 +334,10 @@ FittedLines one_or_two(const WeightedResponse& w, const Eigen::VectorXd& weight,
     const FittedLines two =
         two_lines(w, weight, z, one.lines[0].wavelength_nm, one.lines[0].power, g.spread, lo, hi, under);
     const double left_two = local.chi2(model_of(w, two, under) - z, weight);
-    // On broad light a line's own breadth (a tube's lines are broader than
-    // the sweep's) leaves a misfit two lines also take away: there two must
-    // explain the whole frame far better.
-    if (on_light && !(two.chi2 < kTwoLinesOnLight * one.chi2)) return one;
+    // Among broad light a line's own breadth (a tube's lines are broader than
+    // the sweep's) and the light's bands leave misfits two lines also take
+    // away: there two must explain the whole frame far better.
+    if (broad_light && !(two.chi2 < kTwoLinesOnLight * one.chi2)) return one;
     return more_lines_better(one, two, left_one, left_two) ? two : one;
 }
 
@@ -552,7 +553,7 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
     // line, or two humps joined, would also take away.
     double line_power = 0;
     for (const Group& g : lines) line_power += g.power;
-    const bool light = rest.head(k).sum() > kUnderShare * line_power;
+    const bool broad_light = rest.head(k).sum() > kUnderShare * line_power;
     std::vector<orb_spectrum_line> chosen;
     const Eigen::VectorXd all = line_model(w, single.lines);
     const std::vector<double> fine_width = widths(fine);
@@ -571,7 +572,7 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
                                       a[static_cast<Eigen::Index>(group.last)] / fine_width[group.last]);
         const bool on_light = group.spread < kMaxLineOnLightSpreadNm && level * 2 * kUnderHalfNm > kUnderShare * group.power;
         const Eigen::VectorXd under = on_light ? Eigen::VectorXd(basis * flat) : Eigen::VectorXd();
-        const FittedLines found = one_or_two(w, weight, z - others, group, fine, single.lines[g], under, light);
+        const FittedLines found = one_or_two(w, weight, z - others, group, fine, single.lines[g], under, broad_light);
         chosen.insert(chosen.end(), found.lines.begin(), found.lines.end());
         if (under.size() > 0) rest += found.under * flat;
     }
@@ -586,7 +587,7 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
         rest -= own;
     }
     const Eigen::VectorXd z_lines = z - basis * rest;
-    if (!light) join_neighbours(w, weight, z_lines, chosen);
+    if (!broad_light) join_neighbours(w, weight, z_lines, chosen);
     // And all together from there, each line held near where it was found.
     FittedLines fit = polished(w, weight, z_lines, chosen);
     // Lines the others, moved, no longer need are dropped, and the rest
