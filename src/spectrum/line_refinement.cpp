@@ -517,6 +517,7 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
     double strongest = 0;
     for (const Group& g : groups) strongest = std::max(strongest, g.power);
     std::vector<Group> lines, wide;
+    std::vector<bool> taken(fine.size(), false);  // the powers lines took the place of
     const Eigen::VectorXd misfit = weighted_basis * a - weighted_z;
     for (const Group& g : groups) {
         if (g.power < kLineShare * strongest) {
@@ -535,7 +536,10 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
             continue;
         }
         lines.push_back(g);
-        for (size_t c = g.first; c <= g.last; ++c) rest[static_cast<Eigen::Index>(c)] = 0;
+        for (size_t c = g.first; c <= g.last; ++c) {
+            rest[static_cast<Eigen::Index>(c)] = 0;
+            taken[c] = true;
+        }
     }
 
     // Each group as one line, all together, against what the rest leaves;
@@ -544,6 +548,7 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
     for (const Group& g : lines)
         seeds.push_back({g.centroid, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm, g.power});
     const FittedLines single = fit_lines(w, weight, z - basis * rest, seeds);
+    const Eigen::VectorXd first_weight = weight;
     weight = noise_weights(w, noise, counts, exposure_ms, single.lines);
 
     // Each group again, one line or two, against the frame less the others.
@@ -586,13 +591,28 @@ Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const dou
         chosen.insert(chosen.end(), pair.begin(), pair.end());
         rest -= own;
     }
-    const Eigen::VectorXd z_lines = z - basis * rest;
+    Eigen::VectorXd z_lines = z - basis * rest;
     if (!broad_light) join_neighbours(w, weight, z_lines, chosen);
     // And all together from there, each line held near where it was found.
     FittedLines fit = polished(w, weight, z_lines, chosen);
     // Lines the others, moved, no longer need are dropped, and the rest
     // polished again.
     if (drop_needless(w, weight, z_lines, fit.lines)) fit = polished(w, weight, z_lines, fit.lines);
+    if (broad_light) {
+        // The broad light again with the lines held (its powers were cut from
+        // theirs by the humps' dips), and the lines again on it.
+        const Eigen::VectorXd held = line_model(w, fit.lines).cwiseProduct(first_weight);
+        const Eigen::VectorXd again = (weighted_basis.transpose() * (weighted_z - held)).cwiseQuotient(d);
+        Eigen::VectorXd upper = Eigen::VectorXd::Constant(k + blocks, INFINITY);
+        for (Eigen::Index c = 0; c < k; ++c)
+            if (taken[static_cast<size_t>(c)]) upper[c] = 0;
+        Eigen::VectorXd powers = rest.cwiseProduct(d).cwiseMin(upper);
+        const Quadratic rest_fit{gram_scaled, again, scale};
+        minimise(rest_fit, powers, Eigen::VectorXd::Zero(k + blocks), upper, 1000);
+        rest = powers.cwiseQuotient(d);
+        z_lines = z - basis * rest;
+        fit = polished(w, weight, z_lines, fit.lines);
+    }
     std::sort(fit.lines.begin(), fit.lines.end(),
               [](const auto& p, const auto& q) { return p.wavelength_nm < q.wavelength_nm; });
 
