@@ -169,6 +169,14 @@ TEST_F(SpectrumTest, TheRefinementMeetsTheLineTargetsFromTheDefaultSweepAndADimF
         lines = refine(one, unit_.frame(nullptr, {{nm, 1.0}}, 1, 0.1));
         ASSERT_EQ(lines_near(lines, nm, 10), 1) << nm;
         dim.add(lines[0].wavelength_nm - nm);
+        EXPECT_NEAR(lines[0].power, 1.0, 0.1) << nm;
+    }
+    // Two dim lines 20 nm apart are both lines, and nothing else is.
+    for (double nm : {450.3, 700.3}) {
+        const auto lines = refine(one, unit_.frame(nullptr, {{nm, 1.0}, {nm + 20, 1.0}}, 1, 0.1));
+        EXPECT_EQ(lines_near(lines, nm, 1), 1) << nm;
+        EXPECT_EQ(lines_near(lines, nm + 20, 1), 1) << nm;
+        EXPECT_EQ(lines_near(lines, nm + 10, 60), 2) << nm;
     }
     orb_spectrum_destroy(one);
     std::printf("%d lines refined (2 nm sweep): 16 frames rms %.4f nm, max %.4f nm; 1 frame at 10%%: rms %.4f, max %.4f\n",
@@ -222,12 +230,14 @@ TEST_F(SpectrumTest, TheRefinementResolvesTwoLinesCloserThanAFilterWhereTheFastR
 }
 
 // Two lines the non-negative fit leaves in one group spread too wide for one
-// line (9 nm apart, within one window), and broad light, which outside the
-// windows the refinement keeps as the fast result had it.
+// line (9 nm apart, within one window); two at 1000 nm 13 nm apart, where the
+// filters are widest, as two lines and no third between them; and broad
+// light, which outside the windows the refinement keeps as the fast result
+// had it.
 TEST_F(SpectrumTest, TheRefinementKeepsTwoLinesOfOneWideGroupAndBroadLight) {
     prepare(2.0);
-    for (double centre : {800.0, 1000.0}) {
-        const double a = centre - 4.5, b = centre + 4.5;
+    for (auto [centre, separation] : {std::pair{800.0, 9.0}, {1000.0, 9.0}, {1000.0, 13.0}}) {
+        const double a = centre - separation / 2, b = centre + separation / 2;
         auto lines = refine(spectrum_, unit_.frame(nullptr, {{a, 1.0}, {b, 1.0}}, 16));
         ASSERT_EQ(lines_near(lines, centre, 12), 2) << centre;
         std::sort(lines.begin(), lines.begin() + 2, [](auto& p, auto& q) { return p.wavelength_nm < q.wavelength_nm; });
