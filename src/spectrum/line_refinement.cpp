@@ -2,18 +2,19 @@
 // the lines are; within a window around each of its peaks the spectrum is
 // fitted again as non-negative powers on a 0.25 nm grid (which separates lines
 // closer than a filter's width), and each group of powers that forms a line is
-// then fitted as one line of free position and power against the filters'
-// responses interpolated between the calibration's wavelengths, which places
-// it to a hundredth of a nm. Both fits are bound-constrained quasi-Newton
-// (LBFGS++'s L-BFGS-B).
+// then fitted as lines of free position and power (line_fit.h). How many
+// lines a group is, and whether neighbouring groups are one line, is judged
+// by the frame's chi-square: every filter weighted by the noise its counts
+// carry (frame_noise.h), shot noise and the calibration's error included.
+// The fits are bound-constrained quasi-Newton (LBFGS++'s L-BFGS-B).
 
 #include "line_refinement.h"
-
-#include <LBFGSB.h>
 
 #include <algorithm>
 #include <cmath>
 
+#include "bounded_minimum.h"
+#include "line_fit.h"
 #include "spectral_peaks.h"
 
 namespace orbspectrum {
@@ -24,36 +25,29 @@ constexpr double kWindowHalfNm = 40.0;     // wider than the broadest filter wit
 constexpr double kFineHalfNm = 12.0;
 constexpr double kFineStepNm = 0.25;
 constexpr double kCoarseStepNm = 1.0;
+constexpr double kBlockNm = 40.0;          // outside the windows, the fast result is scaled in blocks this wide
 constexpr double kPeakProminence = 0.05;   // of the fast result's highest value
 constexpr double kPeakSignificance = 5.0;  // times the fast result's noise
 constexpr size_t kMaxWindows = 8;
 constexpr double kLineShare = 0.01;        // of the strongest group's power: weaker groups stay as they are
-constexpr double kMaxLineSpreadNm = 4.5;   // a group spread wider than this (rms) is broad light, not a line
+constexpr double kMaxLineSpreadNm = 4.5;   // a group spread wider than this (rms) is not one line
+constexpr double kMaxPairSpreadNm = 9.0;   // nor two, spread wider than this
+constexpr double kWideSlack = 0.25;        // of what a wide group's own powers leave, that two lines may add
 constexpr double kDip = 0.7;
-constexpr double kDoubleLineSpreadNm = 0.5; // a group spread wider than this is tried as two lines
-constexpr double kTwoLineGain = 0.25;      // two lines must leave at most this share of one line's residual
+constexpr double kMinHalfSplitNm = 0.25;   // two lines are first tried at least this far to either side
+constexpr double kSeenShare = 0.01;        // a filter sees a line that puts this share of the brightest's counts on it
+constexpr double kMinDrop = 25;            // one line more must take this much chi-square off (5 sigma)
+constexpr double kTwoLineShare = 0.5;      // and leave at most this share of what was left
+constexpr double kPolishNm = 0.5;          // how far the joint fits move a line
+constexpr double kJoinNm = 8.0;            // lines closer are tried as one
+constexpr double kUnderHalfNm = 8.0;       // the light a line stands on, to either side
+constexpr double kUnderShare = 0.05;       // of the lines' power, beside them, for broad light
+constexpr double kTwoLinesOnLight = 0.25;  // the share of one line's chi-square two may leave there
+constexpr double kMaxLineOnLightSpreadNm = 2.5;  // a group spread wider is two lines, not one on light
 constexpr double kSameLineNm = 0.3;
 constexpr double kShadowNm = 1.5;          // a line this close to one twenty times stronger is its misfit
 constexpr double kShadowShare = 0.05;
 constexpr double kPositionFreedomNm = 1.0;
-
-// The whitened responses of the filters used to a line at nm (Catmull-Rom
-// between the calibration's wavelengths), and their slope along nm.
-void response_at(const WeightedResponse& w, double nm, Eigen::VectorXd& value, Eigen::VectorXd* slope) {
-    const std::vector<double>& x = w.wavelength_nm;
-    size_t j = static_cast<size_t>(std::upper_bound(x.begin(), x.end(), nm) - x.begin());
-    j = std::clamp<size_t>(j, 1, x.size() - 1) - 1;
-    const double h = x[j + 1] - x[j];
-    const double t = std::clamp((nm - x[j]) / h, 0.0, 1.0);
-    const double t2 = t * t, t3 = t2 * t;
-    const auto a = static_cast<Eigen::Index>(j), b = a + 1;
-    value = (2 * t3 - 3 * t2 + 1) * w.response.col(a) + (t3 - 2 * t2 + t) * h * w.slope.col(a) +
-            (-2 * t3 + 3 * t2) * w.response.col(b) + (t3 - t2) * h * w.slope.col(b);
-    if (slope)
-        *slope = ((6 * t2 - 6 * t) * w.response.col(a) + (3 * t2 - 4 * t + 1) * h * w.slope.col(a) +
-                  (-6 * t2 + 6 * t) * w.response.col(b) + (3 * t2 - 2 * t) * h * w.slope.col(b)) /
-                 h;
-}
 
 double interpolate(const std::vector<double>& x, const Eigen::VectorXd& y, double at) {
     size_t j = static_cast<size_t>(std::upper_bound(x.begin(), x.end(), at) - x.begin());
@@ -80,6 +74,28 @@ std::vector<Window> merged(std::vector<Window> w) {
 
 bool inside(const std::vector<Window>& windows, double nm) {
     return std::any_of(windows.begin(), windows.end(), [&](const Window& v) { return nm >= v.lo && nm <= v.hi; });
+}
+
+// The calibration's wavelengths outside the windows, in blocks of at most
+// kBlockNm: each one's block number, or -1 inside a window.
+std::vector<int> outside_blocks(const std::vector<double>& nm, const std::vector<Window>& windows) {
+    std::vector<int> block(nm.size(), -1);
+    int current = -1;
+    double start = 0;
+    bool open = false;
+    for (size_t j = 0; j < nm.size(); ++j) {
+        if (inside(windows, nm[j])) {
+            open = false;
+            continue;
+        }
+        if (!open || nm[j] - start >= kBlockNm) {
+            ++current;
+            start = nm[j];
+            open = true;
+        }
+        block[j] = current;
+    }
+    return block;
 }
 
 // Where the fast result is refitted: around the strongest kMaxWindows of its
@@ -125,22 +141,6 @@ Region refit_region(const std::vector<double>& nm, const Eigen::VectorXd& densit
     return {merged(outer), merged(inner)};
 }
 
-template <typename F>
-void minimise(F& f, Eigen::VectorXd& x, const Eigen::VectorXd& lo, const Eigen::VectorXd& hi, int iterations) {
-    LBFGSpp::LBFGSBParam<double> param;
-    param.epsilon = 1e-9;
-    param.epsilon_rel = 1e-9;
-    param.max_iterations = iterations;
-    LBFGSpp::LBFGSBSolver<double> solver(param);
-    double fx = 0;
-    try {
-        solver.minimize(f, x, fx, lo, hi);
-    } catch (const std::exception&) {
-        // The line search could not improve on x any further (rounding near
-        // the minimum): x is the best point found, which is what is wanted.
-    }
-}
-
 // 1/2 a^T Q a - q^T a, scaled to be of order 1.
 struct Quadratic {
     const Eigen::MatrixXd& q_matrix;
@@ -150,30 +150,6 @@ struct Quadratic {
         const Eigen::VectorXd qa = q_matrix * a;
         grad = (qa - q_vector) * scale;
         return (0.5 * a.dot(qa) - q_vector.dot(a)) * scale;
-    }
-};
-
-// 1/2 |sum_k P_k r(nm_k) - z|^2 over positions and relative powers.
-struct Lines {
-    const WeightedResponse& w;
-    const Eigen::VectorXd& z;
-    const std::vector<double>& unit;  // the power that a relative power of 1 stands for
-    double scale;
-    double operator()(const Eigen::VectorXd& x, Eigen::VectorXd& grad) const {
-        const Eigen::Index n = static_cast<Eigen::Index>(unit.size());
-        std::vector<Eigen::VectorXd> value(static_cast<size_t>(n)), slope(static_cast<size_t>(n));
-        Eigen::VectorXd residual = -z;
-        for (Eigen::Index k = 0; k < n; ++k) {
-            response_at(w, x[k], value[static_cast<size_t>(k)], &slope[static_cast<size_t>(k)]);
-            residual += x[n + k] * unit[static_cast<size_t>(k)] * value[static_cast<size_t>(k)];
-        }
-        grad.resize(2 * n);
-        for (Eigen::Index k = 0; k < n; ++k) {
-            const double power = x[n + k] * unit[static_cast<size_t>(k)];
-            grad[k] = scale * power * slope[static_cast<size_t>(k)].dot(residual);
-            grad[n + k] = scale * unit[static_cast<size_t>(k)] * value[static_cast<size_t>(k)].dot(residual);
-        }
-        return 0.5 * scale * residual.squaredNorm();
     }
 };
 
@@ -239,9 +215,6 @@ std::vector<Group> line_groups(const Eigen::VectorXd& a, const std::vector<doubl
         std::vector<size_t> cuts;
         size_t hump = c;
         for (size_t j = c; j <= end; ++j) {
-            if (mean[j] <= mean[hump] && j > hump) {
-                // Still falling from (or level with) the current hump.
-            }
             if (mean[j] > mean[hump]) {
                 size_t dip = hump;
                 for (size_t i = hump; i <= j; ++i)
@@ -262,139 +235,386 @@ std::vector<Group> line_groups(const Eigen::VectorXd& a, const std::vector<doubl
     return out;
 }
 
-struct LineFit {
-    std::vector<orb_spectrum_line> lines;
-    double residual = 0;
+// Each filter's weight: what turns a residual whitened as the operator's
+// responses are into standard deviations of the frame (FrameNoise), the
+// lines' calibration error included once they are known.
+Eigen::VectorXd noise_weights(const WeightedResponse& w, const FrameNoise& noise, const Eigen::VectorXd& counts,
+                              double exposure_ms, const std::vector<orb_spectrum_line>& lines) {
+    Eigen::VectorXd weight(counts.size());
+    for (Eigen::Index i = 0; i < counts.size(); ++i) {
+        double calibration = 0;
+        for (const orb_spectrum_line& line : lines)
+            calibration += line.power * noise.response_error(i, line.wavelength_nm);
+        const double variance = noise.variance(i, counts[i]) + std::pow(calibration * exposure_ms, 2);
+        weight[i] = exposure_ms / (w.inverse_sigma[i] * std::sqrt(variance));
+    }
+    return weight;
+}
+
+// The chi-square of a residual (whitened as the responses) over the filters
+// that see a model: those it puts at least kSeenShare of its brightest's
+// counts on.
+struct Local {
+    Eigen::VectorXd seen;
+    double threshold;
+    double chi2(const Eigen::VectorXd& residual, const Eigen::VectorXd& weight) const {
+        double sum = 0;
+        for (Eigen::Index i = 0; i < seen.size(); ++i)
+            if (seen[i] > threshold) sum += std::pow(residual[i] * weight[i], 2);
+        return sum;
+    }
 };
 
-// Fits the groups as lines of free position and power (a split group as two,
-// started a spread to either side of its centroid), in wavelength order.
-LineFit fit_lines(const WeightedResponse& w, const Eigen::VectorXd& z, const std::vector<Group>& groups,
-                  const std::vector<bool>& split) {
-    std::vector<double> unit, seed, freedom;
-    for (size_t g = 0; g < groups.size(); ++g) {
-        const Group& group = groups[g];
-        if (split[g]) {
-            for (double side : {-1.0, 1.0}) {
-                unit.push_back(group.power / 2);
-                seed.push_back(group.centroid + side * group.spread);
-                freedom.push_back(group.spread);
-            }
-        } else {
-            unit.push_back(group.power);
-            seed.push_back(group.centroid);
-            freedom.push_back(kPositionFreedomNm);
+Local seen_by(const Eigen::VectorXd& model, const Eigen::VectorXd& weight) {
+    Local l{model.cwiseProduct(weight).cwiseAbs(), 0};
+    l.threshold = kSeenShare * l.seen.maxCoeff();
+    return l;
+}
+
+// One line more is a line: it takes more off the frame's chi-square than
+// noise would, and at least half of what was left on the filters that see
+// it. A line's misfit (the responses interpolated between the calibration's
+// wavelengths, the calibration's own error) takes a few per cent; noise
+// split into two humps, a few units.
+bool more_lines_better(const FittedLines& one, const FittedLines& two, double left_one, double left_two) {
+    return one.chi2 - two.chi2 > kMinDrop && left_two < kTwoLineShare * left_one;
+}
+
+// Two lines, one to either side of centre, each within [lo, hi], started as
+// far apart as a group's powers are spread and twice that: the better fit.
+FittedLines two_lines(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z, double centre,
+                      double power, double spread, double lo, double hi, const Eigen::VectorXd& under) {
+    FittedLines two;
+    two.chi2 = INFINITY;
+    for (double half : {std::max(spread, kMinHalfSplitNm), 2 * std::max(spread, kMinHalfSplitNm)}) {
+        FittedLines t = fit_lines(w, weight, z,
+                                  {{centre - half, std::max(lo, centre - 2 * half), centre, power / 2},
+                                   {centre + half, centre, std::min(hi, centre + 2 * half), power / 2}},
+                                  under);
+        if (t.chi2 < two.chi2) two = std::move(t);
+    }
+    return two;
+}
+
+// What a fit puts on the filters, whitened as w is.
+Eigen::VectorXd model_of(const WeightedResponse& w, const FittedLines& fit, const Eigen::VectorXd& under) {
+    Eigen::VectorXd model = line_model(w, fit.lines);
+    if (under.size() > 0) model += fit.under * under;
+    return model;
+}
+
+// A group of powers as the lines it is, standing on light as broad as the
+// group (under, whitened as w: a fluorescent tube's lines stand on its
+// phosphors' light, which a second line would otherwise take the place of):
+// none when the rule for one line more would not add one, two when it would
+// add a second (among broad light, by kTwoLinesOnLight). z is the frame less
+// all else.
+FittedLines one_or_two(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
+                       const Group& g, const std::vector<double>& fine, const orb_spectrum_line& start,
+                       const Eigen::VectorXd& under, bool broad_light) {
+    const FittedLines one = fit_lines(
+        w, weight, z, {{start.wavelength_nm, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm, start.power}},
+        under);
+    // Whether it is a line at all is judged without the light under it,
+    // which over a few nm a filter cannot tell from a line.
+    const FittedLines alone = fit_lines(
+        w, weight, z, {{start.wavelength_nm, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm, start.power}});
+    FittedLines none;
+    none.chi2 = z.cwiseProduct(weight).squaredNorm();
+    const Local local = seen_by(line_model(w, alone.lines), weight);
+    const double lo = fine[g.first] - kPositionFreedomNm, hi = fine[g.last] + kPositionFreedomNm;
+    if (!more_lines_better(none, alone, local.chi2(-z, weight), local.chi2(line_model(w, alone.lines) - z, weight))) {
+        // Nor is it two lines that one line cannot stand for.
+        const FittedLines pair = two_lines(w, weight, z, alone.lines[0].wavelength_nm, alone.lines[0].power, g.spread, lo,
+                                           hi, Eigen::VectorXd());
+        if (!more_lines_better(none, pair, local.chi2(-z, weight), local.chi2(line_model(w, pair.lines) - z, weight)))
+            return none;
+    }
+    const double left_one = local.chi2(model_of(w, one, under) - z, weight);
+    const FittedLines two =
+        two_lines(w, weight, z, one.lines[0].wavelength_nm, one.lines[0].power, g.spread, lo, hi, under);
+    const double left_two = local.chi2(model_of(w, two, under) - z, weight);
+    // Among broad light a line's own breadth (a tube's lines are broader than
+    // the sweep's) and the light's bands leave misfits two lines also take
+    // away: there two must explain the whole frame far better.
+    if (broad_light && !(two.chi2 < kTwoLinesOnLight * one.chi2)) return one;
+    return more_lines_better(one, two, left_one, left_two) ? two : one;
+}
+
+// Neighbouring lines closer than kJoinNm (from two groups the non-negative
+// fit cut apart, as noise does to one faint line) held to the same rule as
+// a group tried as two lines: one line where two are not far better.
+void join_neighbours(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
+                     std::vector<orb_spectrum_line>& lines) {
+    std::sort(lines.begin(), lines.end(), [](const auto& p, const auto& q) { return p.wavelength_nm < q.wavelength_nm; });
+    size_t i = 0;
+    while (i + 1 < lines.size()) {
+        const orb_spectrum_line p = lines[i], q = lines[i + 1];
+        if (q.wavelength_nm - p.wavelength_nm >= kJoinNm) {
+            ++i;
+            continue;
         }
+        const Eigen::VectorXd target = z - (line_model(w, lines) - line_model(w, {p, q}));
+        const double power = p.power + q.power;
+        const double centroid = (p.wavelength_nm * p.power + q.wavelength_nm * q.power) / power;
+        const FittedLines one = fit_lines(
+            w, weight, target, {{centroid, p.wavelength_nm - kPositionFreedomNm, q.wavelength_nm + kPositionFreedomNm, power}});
+        const FittedLines two = fit_lines(w, weight, target,
+                                          {{p.wavelength_nm, p.wavelength_nm - kPolishNm, p.wavelength_nm + kPolishNm, p.power},
+                                           {q.wavelength_nm, q.wavelength_nm - kPolishNm, q.wavelength_nm + kPolishNm, q.power}});
+        const Eigen::VectorXd one_model = line_model(w, one.lines);
+        const Local local = seen_by(one_model, weight);
+        const double left_one = local.chi2(one_model - target, weight);
+        const double left_two = local.chi2(line_model(w, two.lines) - target, weight);
+        if (more_lines_better(one, two, left_one, left_two)) {
+            ++i;
+            continue;
+        }
+        // One line: it may now meet the line before it.
+        lines[i] = one.lines[0];
+        lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(i) + 1);
+        if (i > 0) --i;
     }
-    const Eigen::Index n = static_cast<Eigen::Index>(unit.size());
-    Eigen::VectorXd x(2 * n), lo(2 * n), hi(2 * n);
-    for (Eigen::Index i = 0; i < n; ++i) {
-        const auto u = static_cast<size_t>(i);
-        x[i] = seed[u];
-        lo[i] = std::max(w.wavelength_nm.front(), seed[u] - freedom[u]);
-        hi[i] = std::min(w.wavelength_nm.back(), seed[u] + freedom[u]);
-        x[n + i] = 1;
-        lo[n + i] = 0;
-        hi[n + i] = 10;
+}
+
+// All lines together, each held near where it is.
+FittedLines polished(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
+                     const std::vector<orb_spectrum_line>& lines) {
+    std::vector<LineSeed> seeds;
+    for (const orb_spectrum_line& line : lines)
+        seeds.push_back({line.wavelength_nm, line.wavelength_nm - kPolishNm, line.wavelength_nm + kPolishNm, line.power});
+    return fit_lines(w, weight, z, seeds);
+}
+
+// Drops, weakest first, each line that the rule for one line more would not
+// add to its neighbours (the lines within kJoinNm, refitted with it and
+// without it); true when one was. A line that only made up for its
+// neighbours' misfit goes.
+bool drop_needless(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
+                   std::vector<orb_spectrum_line>& lines) {
+    std::vector<size_t> order(lines.size());
+    for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::sort(order.begin(), order.end(), [&](size_t p, size_t q) { return lines[p].power < lines[q].power; });
+    std::vector<bool> dropped(lines.size(), false);
+    bool any = false;
+    for (size_t i : order) {
+        std::vector<orb_spectrum_line> near, others;
+        for (size_t j = 0; j < lines.size(); ++j) {
+            if (j == i || dropped[j]) continue;
+            (std::abs(lines[j].wavelength_nm - lines[i].wavelength_nm) < kJoinNm ? near : others).push_back(lines[j]);
+        }
+        const Eigen::VectorXd target = z - line_model(w, others);
+        std::vector<orb_spectrum_line> with = near;
+        with.push_back(lines[i]);
+        const FittedLines more = polished(w, weight, target, with), fewer = polished(w, weight, target, near);
+        const Local local = seen_by(line_model(w, {more.lines.back()}), weight);
+        if (more_lines_better(fewer, more, local.chi2(line_model(w, fewer.lines) - target, weight),
+                              local.chi2(line_model(w, more.lines) - target, weight)))
+            continue;
+        dropped[i] = any = true;
     }
-    LineFit fit;
-    const Lines objective{w, z, unit, 1.0 / std::max(z.squaredNorm(), 1e-300)};
-    if (n > 0) minimise(objective, x, lo, hi, 300);
-    Eigen::VectorXd grad;
-    fit.residual = n > 0 ? objective(x, grad) : 0.5;
-    for (Eigen::Index i = 0; i < n; ++i) fit.lines.push_back({x[i], x[n + i] * unit[static_cast<size_t>(i)]});
-    std::sort(fit.lines.begin(), fit.lines.end(),
-              [](const auto& p, const auto& q) { return p.wavelength_nm < q.wavelength_nm; });
-    return fit;
+    std::vector<orb_spectrum_line> kept;
+    for (size_t i = 0; i < lines.size(); ++i)
+        if (!dropped[i]) kept.push_back(lines[i]);
+    lines = std::move(kept);
+    return any;
+}
+
+// A group spread too wide for one line may be two: it is, when two lines
+// leave the filters that see it little more than its own non-negative powers
+// do (broad light leaves far more). z is the frame less all else.
+std::vector<orb_spectrum_line> wide_pair(const WeightedResponse& w, const Eigen::VectorXd& weight,
+                                         const Eigen::VectorXd& z, const Group& g, const std::vector<double>& fine,
+                                         const Eigen::VectorXd& powers_model) {
+    const FittedLines two =
+        two_lines(w, weight, z, g.centroid, g.power, g.spread, fine[g.first], fine[g.last], Eigen::VectorXd());
+    const Local local = seen_by(powers_model, weight);
+    const double left_powers = local.chi2(powers_model - z, weight), left_two = local.chi2(line_model(w, two.lines) - z, weight);
+    if (left_two < left_powers + std::max(kMinDrop, kWideSlack * left_powers)) return two.lines;
+    return {};
 }
 
 }  // namespace
 
-Refined refine_lines(const Reconstruction& r, const double* filters, const double* dark, double exposure_ms) {
+Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const double* filters, const double* dark,
+                     double exposure_ms) {
     const WeightedResponse& w = r.weighted();
     const Eigen::Index m = static_cast<Eigen::Index>(w.filters.size());
     Eigen::VectorXd fast = r.apply_at_calibration(filters, dark, exposure_ms);
-    Eigen::VectorXd y(m);
+    Eigen::VectorXd y(m), counts(m);
     for (Eigen::Index i = 0; i < m; ++i) {
         const int f = w.filters[static_cast<size_t>(i)];
-        y[i] = w.inverse_sigma[i] * (filters[f] - dark[f]) / exposure_ms;
+        counts[i] = filters[f] - dark[f];
+        y[i] = w.inverse_sigma[i] * counts[i] / exposure_ms;
     }
+    Eigen::VectorXd weight = noise_weights(w, noise, counts, exposure_ms, {});
 
     const Region region = refit_region(w.wavelength_nm, fast);
-    const Eigen::VectorXd before = fast;
-    for (Eigen::Index j = 0; j < fast.size(); ++j)
-        if (inside(region.outer, w.wavelength_nm[static_cast<size_t>(j)])) fast[j] = 0;
-    const Eigen::VectorXd widths_cal = Eigen::Map<const Eigen::VectorXd>(w.width_nm.data(), fast.size());
-    const Eigen::VectorXd z = y - w.response * fast.cwiseProduct(widths_cal);
-
     std::vector<double> fine;
     for (const Window& v : region.outer)
         for (double nm = v.lo; nm <= v.hi + 1e-9; nm += inside(region.inner, nm) ? kFineStepNm : kCoarseStepNm)
             fine.push_back(nm);
     const Eigen::Index k = static_cast<Eigen::Index>(fine.size());
-
     Refined out;
     const std::vector<double>& grid = r.wavelengths();
     const std::vector<double> grid_width = widths(grid);
     out.density = r.to_output(fast);
     if (k == 0) return out;
 
-    // The non-negative fit on the fine grid.
-    Eigen::MatrixXd basis(m, k);
+    // Outside the windows the fast result stays, in blocks each scaled by a
+    // non-negative factor of the fit: where the light is broad a block keeps
+    // its factor near 1; where there is none, the fast result's ripple would
+    // otherwise stay in the frame the lines are fitted to, summed over
+    // hundreds of filters far above their noise.
+    const std::vector<int> block = outside_blocks(w.wavelength_nm, region.outer);
+    const int blocks = block.empty() ? 0 : *std::max_element(block.begin(), block.end()) + 1;
+    const Eigen::VectorXd widths_cal = Eigen::Map<const Eigen::VectorXd>(w.width_nm.data(), fast.size());
+    Eigen::MatrixXd basis = Eigen::MatrixXd::Zero(m, k + blocks);
     Eigen::VectorXd column;
     for (Eigen::Index c = 0; c < k; ++c) {
         response_at(w, fine[static_cast<size_t>(c)], column, nullptr);
         basis.col(c) = column;
     }
+    for (Eigen::Index j = 0; j < fast.size(); ++j)
+        if (block[static_cast<size_t>(j)] >= 0)
+            basis.col(k + block[static_cast<size_t>(j)]) += w.response.col(j) * (fast[j] * widths_cal[j]);
+    const Eigen::VectorXd& z = y;
+
+    // The non-negative fit, each filter weighted by its noise.
+    const Eigen::MatrixXd weighted_basis = weight.asDiagonal() * basis;
+    const Eigen::VectorXd weighted_z = z.cwiseProduct(weight);
     // Solved for D a, D = sqrt(diag(B^T B)), which evens out the curvature
     // along the variables so that the solver converges in far fewer steps.
-    Eigen::MatrixXd gram = basis.transpose() * basis;
+    Eigen::MatrixXd gram = weighted_basis.transpose() * weighted_basis;
     gram.diagonal().array() += 1e-9 * gram.diagonal().mean();
     const Eigen::VectorXd d = gram.diagonal().cwiseSqrt();
     const Eigen::MatrixXd gram_scaled = d.cwiseInverse().asDiagonal() * gram * d.cwiseInverse().asDiagonal();
-    const Eigen::VectorXd target = (basis.transpose() * z).cwiseQuotient(d);
-    const double scale = 1.0 / std::max(z.squaredNorm(), 1e-300);
-    // Started from the fast result's own powers on the fine grid.
-    Eigen::VectorXd b(k);
+    const Eigen::VectorXd target = (weighted_basis.transpose() * weighted_z).cwiseQuotient(d);
+    const double scale = 1.0 / std::max(weighted_z.squaredNorm(), 1e-300);
+    // Started from the fast result's own powers on the fine grid, and the
+    // blocks as they are.
+    Eigen::VectorXd b(k + blocks);
     for (Eigen::Index c = 0; c < k; ++c) {
         const double nm = fine[static_cast<size_t>(c)];
         const double step = inside(region.inner, nm) ? kFineStepNm : kCoarseStepNm;
-        b[c] = std::max(0.0, interpolate(w.wavelength_nm, before, nm)) * step * d[c];
+        b[c] = std::max(0.0, interpolate(w.wavelength_nm, fast, nm)) * step * d[c];
     }
+    for (Eigen::Index c = k; c < k + blocks; ++c) b[c] = d[c];
     const Quadratic quadratic{gram_scaled, target, scale};
     // A line search that gives up early leaves a usable point; further runs
     // from it go on with a fresh curvature estimate.
     for (int run = 0; run < 3; ++run)
-        minimise(quadratic, b, Eigen::VectorXd::Zero(k), Eigen::VectorXd::Constant(k, INFINITY), 1000);
+        minimise(quadratic, b, Eigen::VectorXd::Zero(k + blocks), Eigen::VectorXd::Constant(k + blocks, INFINITY), 1000);
     const Eigen::VectorXd a = b.cwiseQuotient(d);
+    for (Eigen::Index j = 0; j < fast.size(); ++j)
+        fast[j] = block[static_cast<size_t>(j)] >= 0 ? fast[j] * a[k + block[static_cast<size_t>(j)]] : 0;
+    out.density = r.to_output(fast);
 
-    // Groups of powers that each look like one line; the rest stays as it is.
-    std::vector<Group> groups = line_groups(a, fine);
+    // Groups of powers that each look like one line, and those spread too
+    // wide for one that may be two; the rest stays as it is.
+    Eigen::VectorXd rest = a;
+    const std::vector<Group> groups = line_groups(a.head(k), fine);
     double strongest = 0;
     for (const Group& g : groups) strongest = std::max(strongest, g.power);
-    std::vector<Group> lines;
-    Eigen::VectorXd rest = a;
+    std::vector<Group> lines, wide;
+    std::vector<bool> taken(fine.size(), false);  // the powers lines took the place of
+    const Eigen::VectorXd misfit = weighted_basis * a - weighted_z;
     for (const Group& g : groups) {
-        if (g.power < kLineShare * strongest || g.spread > kMaxLineSpreadNm) continue;
+        if (g.power < kLineShare * strongest) {
+            // A hump too faint to be a line that the frame does not need
+            // either (noise, which one dim frame puts beside its line) goes.
+            Eigen::VectorXd own = Eigen::VectorXd::Zero(a.size());
+            for (size_t c = g.first; c <= g.last; ++c) own[static_cast<Eigen::Index>(c)] = a[static_cast<Eigen::Index>(c)];
+            const Eigen::VectorXd model = weighted_basis * own;
+            if ((misfit - model).squaredNorm() - misfit.squaredNorm() < kMinDrop)
+                for (size_t c = g.first; c <= g.last; ++c) rest[static_cast<Eigen::Index>(c)] = 0;
+            continue;
+        }
+        if (g.spread > kMaxPairSpreadNm) continue;
+        if (g.spread > kMaxLineSpreadNm) {
+            wide.push_back(g);
+            continue;
+        }
         lines.push_back(g);
-        for (size_t c = g.first; c <= g.last; ++c) rest[static_cast<Eigen::Index>(c)] = 0;
+        for (size_t c = g.first; c <= g.last; ++c) {
+            rest[static_cast<Eigen::Index>(c)] = 0;
+            taken[c] = true;
+        }
     }
 
-    // Each line's position and power, against what the rest leaves. A group
-    // spread wider than one line is fitted as two as well, and kept as two
-    // when that explains the frame far better.
-    const Eigen::VectorXd z_lines = z - basis * rest;
-    std::vector<bool> split(lines.size(), false);
-    LineFit fit = fit_lines(w, z_lines, lines, split);
+    // Each group as one line, all together, against what the rest leaves;
+    // then the weights with the lines' calibration error.
+    std::vector<LineSeed> seeds;
+    for (const Group& g : lines)
+        seeds.push_back({g.centroid, g.centroid - kPositionFreedomNm, g.centroid + kPositionFreedomNm, g.power});
+    const FittedLines single = fit_lines(w, weight, z - basis * rest, seeds);
+    const Eigen::VectorXd first_weight = weight;
+    weight = noise_weights(w, noise, counts, exposure_ms, single.lines);
+
+    // Each group again, one line or two, against the frame less the others.
+    // Broad light in the windows (as much as a twentieth of the lines'
+    // power: a fluorescent tube's phosphors) changes the rules: there a
+    // line's own breadth and the light's bands leave misfits that a second
+    // line, or two humps joined, would also take away.
+    double line_power = 0;
+    for (const Group& g : lines) line_power += g.power;
+    const bool broad_light = rest.head(k).sum() > kUnderShare * line_power;
+    std::vector<orb_spectrum_line> chosen;
+    const Eigen::VectorXd all = line_model(w, single.lines);
+    const std::vector<double> fine_width = widths(fine);
+    const Eigen::VectorXd rest_of_groups = rest;
     for (size_t g = 0; g < lines.size(); ++g) {
-        if (lines[g].spread <= kDoubleLineSpreadNm) continue;
-        split[g] = true;
-        LineFit two = fit_lines(w, z_lines, lines, split);
-        if (two.residual < kTwoLineGain * fit.residual)
-            fit = std::move(two);
-        else
-            split[g] = false;
+        const Eigen::VectorXd others = basis * rest_of_groups + all - line_model(w, {single.lines[g]});
+        // The light under the group: a flat density over its span.
+        const Group& group = lines[g];
+        Eigen::VectorXd flat = Eigen::VectorXd::Zero(k + blocks);
+        for (size_t c = 0; c < fine.size(); ++c)
+            if (std::abs(fine[c] - group.centroid) <= kUnderHalfNm) flat[static_cast<Eigen::Index>(c)] = fine_width[c];
+        // Only where the non-negative fit left such light at both ends of the
+        // group (a group cut from its neighbour at a dip ends near zero on
+        // its other side).
+        const double level = std::min(a[static_cast<Eigen::Index>(group.first)] / fine_width[group.first],
+                                      a[static_cast<Eigen::Index>(group.last)] / fine_width[group.last]);
+        const bool on_light = group.spread < kMaxLineOnLightSpreadNm && level * 2 * kUnderHalfNm > kUnderShare * group.power;
+        const Eigen::VectorXd under = on_light ? Eigen::VectorXd(basis * flat) : Eigen::VectorXd();
+        const FittedLines found = one_or_two(w, weight, z - others, group, fine, single.lines[g], under, broad_light);
+        chosen.insert(chosen.end(), found.lines.begin(), found.lines.end());
+        if (under.size() > 0) rest += found.under * flat;
     }
+    for (const Group& g : wide) {
+        Eigen::VectorXd own = Eigen::VectorXd::Zero(a.size());
+        for (size_t c = g.first; c <= g.last; ++c)
+            own[static_cast<Eigen::Index>(c)] = a[static_cast<Eigen::Index>(c)];
+        const Eigen::VectorXd powers_model = basis * own;
+        const auto pair = wide_pair(w, weight, z - basis * rest + powers_model - all, g, fine, powers_model);
+        if (pair.empty()) continue;
+        chosen.insert(chosen.end(), pair.begin(), pair.end());
+        rest -= own;
+    }
+    Eigen::VectorXd z_lines = z - basis * rest;
+    if (!broad_light) join_neighbours(w, weight, z_lines, chosen);
+    // And all together from there, each line held near where it was found.
+    FittedLines fit = polished(w, weight, z_lines, chosen);
+    // Lines the others, moved, no longer need are dropped, and the rest
+    // polished again.
+    if (drop_needless(w, weight, z_lines, fit.lines)) fit = polished(w, weight, z_lines, fit.lines);
+    if (broad_light) {
+        // The broad light again with the lines held (its powers were cut from
+        // theirs by the humps' dips), and the lines again on it.
+        const Eigen::VectorXd held = line_model(w, fit.lines).cwiseProduct(first_weight);
+        const Eigen::VectorXd again = (weighted_basis.transpose() * (weighted_z - held)).cwiseQuotient(d);
+        Eigen::VectorXd upper = Eigen::VectorXd::Constant(k + blocks, INFINITY);
+        for (Eigen::Index c = 0; c < k; ++c)
+            if (taken[static_cast<size_t>(c)]) upper[c] = 0;
+        Eigen::VectorXd powers = rest.cwiseProduct(d).cwiseMin(upper);
+        const Quadratic rest_fit{gram_scaled, again, scale};
+        minimise(rest_fit, powers, Eigen::VectorXd::Zero(k + blocks), upper, 1000);
+        rest = powers.cwiseQuotient(d);
+        z_lines = z - basis * rest;
+        fit = polished(w, weight, z_lines, fit.lines);
+    }
+    std::sort(fit.lines.begin(), fit.lines.end(),
+              [](const auto& p, const auto& q) { return p.wavelength_nm < q.wavelength_nm; });
 
     for (size_t c = 0; c < fine.size(); ++c)
         if (rest[static_cast<Eigen::Index>(c)] > 0)

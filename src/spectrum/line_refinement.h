@@ -4,6 +4,7 @@
 #include <Eigen/Dense>
 #include <vector>
 
+#include "frame_noise.h"
 #include "orb_spectrum.h"
 #include "reconstruction.h"
 
@@ -15,7 +16,8 @@ struct Refined {
 };
 
 // The non-negative refinement for line spectra (docs/spectra.md).
-Refined refine_lines(const Reconstruction& r, const double* filters, const double* dark, double exposure_ms);
+Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const double* filters, const double* dark,
+                     double exposure_ms);
 
 }  // namespace orbspectrum
 
