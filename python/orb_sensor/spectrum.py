@@ -10,6 +10,7 @@ sensor unit's calibration (Sensor.spectrum()), or read from a CSV file.
     spectrum.colour().cct_k
 """
 
+import copy
 import json
 import math
 import os
@@ -85,6 +86,31 @@ class Spectrum:
         # The operator that made these values, which knows where it puts a
         # line's peak; None once they are another spectrum's or refined.
         self._operator = operator
+
+    # The operator is shared, never copied: it does not change once built,
+    # and it lives in this process (a pickled spectrum finds its peaks as
+    # any spectrum's).
+    def __getstate__(self) -> Dict[str, Any]:
+        return {name: getattr(self, name) for name in self.__slots__ if name != "_operator"}
+
+    def __setstate__(self, state: Dict[str, Any]) -> None:
+        for name, value in state.items():
+            setattr(self, name, value)
+        self._operator = None
+
+    def __copy__(self) -> "Spectrum":
+        out = Spectrum.__new__(Spectrum)
+        for name in self.__slots__:
+            setattr(out, name, getattr(self, name))
+        return out
+
+    def __deepcopy__(self, memo: Dict[int, Any]) -> "Spectrum":
+        out = Spectrum.__new__(Spectrum)
+        memo[id(self)] = out
+        for name in self.__slots__:
+            value = getattr(self, name)
+            setattr(out, name, value if name == "_operator" else copy.deepcopy(value, memo))
+        return out
 
     def peaks(self, min_prominence: float = 0.05) -> List[Peak]:
         """Peaks whose prominence is at least `min_prominence` times the

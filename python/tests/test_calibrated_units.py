@@ -56,3 +56,22 @@ def test_a_line_near_the_blind_end_is_placed_where_the_spectrums_own_peak_is_not
     placed, own_peak = json.loads(result.stdout)
     assert abs(placed - 1066.3) < 0.4
     assert abs(own_peak - 1066.3) > 0.4
+
+
+def test_a_spectrum_made_by_an_operator_copies_and_pickles(calibrated_units, monkeypatch):  # noqa: F811
+    """Its operator is shared by a copy and left behind by a pickle, whose
+    peaks are then any spectrum's."""
+    import copy
+    import pickle
+    monkeypatch.setenv("ORB_DEVICE_LIBRARY", LIBRARY)
+    from orb_sensor._spectrum import calibration, engine
+    from orb_sensor.spectrum import Spectrum
+    op = engine.Operator(calibration.Calibration(calibrated_units["C1234-7-20-33-1"]), averages=16)
+    spectrum = Spectrum(op.wavelengths, np.exp(-0.5 * ((op.wavelengths - 1070) / 8) ** 2), operator=op)
+    placed = spectrum.peaks()[0].wavelength_nm
+    assert abs(placed - 1070) > 0.5  # as narrow as a line there: moved to the line that makes it
+    for copied in (copy.copy(spectrum), copy.deepcopy(spectrum)):
+        assert copied.peaks()[0].wavelength_nm == placed
+    again = pickle.loads(pickle.dumps(spectrum))
+    np.testing.assert_array_equal(again.values, spectrum.values)
+    assert abs(again.peaks()[0].wavelength_nm - 1070) < 0.01
