@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "frame_noise.h"
+#include "line_response.h"
 #include "orb_spectrum.h"
 #include "reconstruction.h"
 
@@ -16,8 +17,8 @@ struct Refined {
 };
 
 // The non-negative refinement for line spectra (docs/spectra.md).
-Refined refine_lines(const Reconstruction& r, const FrameNoise& noise, const double* filters, const double* dark,
-                     double exposure_ms);
+Refined refine_lines(const Reconstruction& r, const LineResponse& line_response, const FrameNoise& noise,
+                     const double* filters, const double* dark, double exposure_ms);
 
 }  // namespace orbspectrum
 

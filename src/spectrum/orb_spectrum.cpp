@@ -194,8 +194,8 @@ extern "C" int orb_spectrum_refine(const orb_spectrum* spectrum, const double* f
     if (checked != ORB_SPECTRUM_OK) return checked;
     if (count == nullptr || capacity < 0 || (capacity > 0 && lines == nullptr)) return ORB_SPECTRUM_ERR_INVALID;
     return guarded(nullptr, 0, [&] {
-        const orbspectrum::Refined r = orbspectrum::refine_lines(spectrum->reconstruction, spectrum->noise, filters, dark,
-                                                                     exposure_ms);
+        const orbspectrum::Refined r = orbspectrum::refine_lines(spectrum->reconstruction, spectrum->line_response,
+                                                                 spectrum->noise, filters, dark, exposure_ms);
         std::copy(r.density.data(), r.density.data() + r.density.size(), value);
         *count = static_cast<int>(r.lines.size());
         for (int i = 0; i < capacity && i < *count; ++i) lines[i] = r.lines[static_cast<size_t>(i)];
