@@ -6,10 +6,8 @@
 // lines a group is, and whether neighbouring groups are one line, is judged
 // by the frame's chi-square: every filter weighted by the noise its counts
 // carry (frame_noise.h), shot noise and the calibration's error included.
-// Among broad light, where no model fits a frame to its noise, the rule is
-// an F-test on what the better model leaves; and a line whose powers run on
-// into the light with no dip (404.7 nm on a tube's blue phosphor) is found
-// from the fast result's peaks instead.
+// A line whose powers run on into broad light with no dip (404.7 nm on a
+// tube's blue phosphor) is found from the fast result's peaks instead.
 // The fits are bound-constrained quasi-Newton (LBFGS++'s L-BFGS-B).
 
 #include "line_refinement.h"
@@ -47,6 +45,7 @@ constexpr double kPolishNm = 0.5;          // how far the joint fits move a line
 constexpr double kJoinNm = 8.0;            // lines closer are tried as one
 constexpr double kUnderHalfNm = 8.0;       // the light a line stands on, to either side
 constexpr double kUnderShare = 0.05;       // of the lines' power, beside them, for broad light
+constexpr double kTwoLinesOnLight = 0.25;  // the share of one line's chi-square two may leave there
 constexpr double kMaxLineOnLightSpreadNm = 2.5;  // a group spread wider is two lines, not one on light
 constexpr double kSameLineNm = 0.3;
 constexpr double kShadowNm = 1.5;          // a line this close to one twenty times stronger is its misfit
@@ -285,21 +284,14 @@ bool more_lines_better(const FittedLines& one, const FittedLines& two, double le
     return one.chi2 - two.chi2 > kMinDrop && left_two < kTwoLineShare * left_one;
 }
 
-// Among broad light what a model leaves is not noise alone (a tube's lines
-// are broader than the sweep's, the light under them is not flat), and two
-// lines nearly as far apart as a filter is wide may leave much of what one
-// leaves. There one line more must take kMinDrop off the chi-square of the
-// filters that see it, in units of what the better model leaves per filter
-// (its reduced chi-square, at least 1): an F-test.
-bool more_lines_on_light_better(double left_one, double left_two, int seen) {
-    const double per_filter = std::max(1.0, left_two / std::max(1, seen - 4));
-    return left_one - left_two > kMinDrop * per_filter;
-}
-
-bool more_lines_better(bool broad_light, const FittedLines& one, const FittedLines& two, double left_one,
-                       double left_two, int seen) {
-    return broad_light ? more_lines_on_light_better(left_one, left_two, seen)
-                       : more_lines_better(one, two, left_one, left_two);
+// A line standing on broad light, against the light alone: what either
+// leaves is not noise alone (a tube's lines are broader than the sweep's, the
+// light under them is not flat), so the line must take kMinDrop off the
+// chi-square of the filters that see it in units of what it leaves per
+// filter (its reduced chi-square, at least 1): an F-test.
+bool line_on_light_better(double left_light, double left_line, int seen) {
+    const double per_filter = std::max(1.0, left_line / std::max(1, seen - 3));
+    return left_light - left_line > kMinDrop * per_filter;
 }
 
 // Two lines, one to either side of centre, each within [lo, hi], started as
@@ -329,7 +321,8 @@ Eigen::VectorXd model_of(const WeightedResponse& w, const FittedLines& fit, cons
 // group (under, whitened as w: a fluorescent tube's lines stand on its
 // phosphors' light, which a second line would otherwise take the place of):
 // none when the rule for one line more would not add one, two when it would
-// add a second. z is the frame less all else.
+// add a second (among broad light, by kTwoLinesOnLight). z is the frame less
+// all else.
 FittedLines one_or_two(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
                        const Group& g, const std::vector<double>& fine, const orb_spectrum_line& start,
                        const Eigen::VectorXd& under, bool broad_light) {
@@ -355,7 +348,11 @@ FittedLines one_or_two(const WeightedResponse& w, const Eigen::VectorXd& weight,
     const FittedLines two =
         two_lines(w, weight, z, one.lines[0].wavelength_nm, one.lines[0].power, g.spread, lo, hi, under);
     const double left_two = local.chi2(model_of(w, two, under) - z, weight);
-    return more_lines_better(broad_light, one, two, left_one, left_two, local.count()) ? two : one;
+    // Among broad light a line's own breadth (a tube's lines are broader than
+    // the sweep's) and the light's bands leave misfits two lines also take
+    // away: there two must explain the whole frame far better.
+    if (broad_light && !(two.chi2 < kTwoLinesOnLight * one.chi2)) return one;
+    return more_lines_better(one, two, left_one, left_two) ? two : one;
 }
 
 // Neighbouring lines closer than kJoinNm (from two groups the non-negative
@@ -408,7 +405,7 @@ FittedLines polished(const WeightedResponse& w, const Eigen::VectorXd& weight, c
 // without it); true when one was. A line that only made up for its
 // neighbours' misfit goes.
 bool drop_needless(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
-                   std::vector<orb_spectrum_line>& lines, bool broad_light) {
+                   std::vector<orb_spectrum_line>& lines) {
     std::vector<size_t> order(lines.size());
     for (size_t i = 0; i < order.size(); ++i) order[i] = i;
     std::sort(order.begin(), order.end(), [&](size_t p, size_t q) { return lines[p].power < lines[q].power; });
@@ -425,8 +422,8 @@ bool drop_needless(const WeightedResponse& w, const Eigen::VectorXd& weight, con
         with.push_back(lines[i]);
         const FittedLines more = polished(w, weight, target, with), fewer = polished(w, weight, target, near);
         const Local local = seen_by(line_model(w, {more.lines.back()}), weight);
-        if (more_lines_better(broad_light, fewer, more, local.chi2(line_model(w, fewer.lines) - target, weight),
-                              local.chi2(line_model(w, more.lines) - target, weight), local.count()))
+        if (more_lines_better(fewer, more, local.chi2(line_model(w, fewer.lines) - target, weight),
+                              local.chi2(line_model(w, more.lines) - target, weight)))
             continue;
         dropped[i] = any = true;
     }
@@ -455,8 +452,8 @@ std::vector<orb_spectrum_line> wide_pair(const WeightedResponse& w, const Eigen:
 // blue phosphor) leaves no group of its own: its powers run on into the
 // light with no dip between. Each peak of the fast result in the fine
 // windows that no line took is tried as a line standing on flat light, and
-// kept when the rule for one line more adds it to the light alone; the
-// light replaces the powers around it.
+// kept when line_on_light_better says so; the light replaces the powers
+// around it.
 void lines_on_rising_light(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
                            const Eigen::MatrixXd& basis, const std::vector<double>& fine,
                            const std::vector<orb_spectrum_peak>& peaks, const std::vector<Window>& fine_windows,
@@ -480,8 +477,8 @@ void lines_on_rising_light(const WeightedResponse& w, const Eigen::VectorXd& wei
         const FittedLines line =
             fit_lines(w, weight, target, {{at, at - kPositionFreedomNm, at + kPositionFreedomNm, own.sum()}}, under);
         const Local local = seen_by(line_model(w, line.lines), weight);
-        if (!more_lines_on_light_better(local.chi2(model_of(w, light, under) - target, weight),
-                                        local.chi2(model_of(w, line, under) - target, weight), local.count()))
+        if (!line_on_light_better(local.chi2(model_of(w, light, under) - target, weight),
+                                  local.chi2(model_of(w, line, under) - target, weight), local.count()))
             continue;
         chosen.push_back(line.lines[0]);
         rest += line.under * flat - own;
@@ -657,7 +654,7 @@ Refined refine_lines(const Reconstruction& r, const LineResponse& line_response,
     FittedLines fit = polished(w, weight, z_lines, chosen);
     // Lines the others, moved, no longer need are dropped, and the rest
     // polished again.
-    if (drop_needless(w, weight, z_lines, fit.lines, broad_light)) fit = polished(w, weight, z_lines, fit.lines);
+    if (drop_needless(w, weight, z_lines, fit.lines)) fit = polished(w, weight, z_lines, fit.lines);
     if (broad_light) {
         // The broad light again with the lines held (its powers were cut from
         // theirs by the humps' dips), and the lines again on it. Where lines
