@@ -51,6 +51,7 @@ constexpr double kSameLineNm = 0.3;
 constexpr double kShadowNm = 1.5;          // a line this close to one twenty times stronger is its misfit
 constexpr double kShadowShare = 0.05;
 constexpr double kPositionFreedomNm = 1.0;
+constexpr double kLineOverPowers = 1.25;   // what a line on light may leave, against the powers it replaces
 
 double interpolate(const std::vector<double>& x, const Eigen::VectorXd& y, double at) {
     size_t j = static_cast<size_t>(std::upper_bound(x.begin(), x.end(), at) - x.begin());
@@ -452,8 +453,9 @@ std::vector<orb_spectrum_line> wide_pair(const WeightedResponse& w, const Eigen:
 // blue phosphor) leaves no group of its own: its powers run on into the
 // light with no dip between. Each peak of the fast result in the fine
 // windows that no line took is tried as a line standing on flat light, and
-// kept when line_on_light_better says so; the light replaces the powers
-// around it.
+// kept when line_on_light_better says so and it fits the frame nearly as
+// well as the powers it replaces (broad light with a bend in it is fitted
+// far better by those); the light replaces the powers around it.
 void lines_on_rising_light(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
                            const Eigen::MatrixXd& basis, const std::vector<double>& fine,
                            const std::vector<orb_spectrum_peak>& peaks, const std::vector<Window>& fine_windows,
@@ -477,8 +479,9 @@ void lines_on_rising_light(const WeightedResponse& w, const Eigen::VectorXd& wei
         const FittedLines line =
             fit_lines(w, weight, target, {{at, at - kPositionFreedomNm, at + kPositionFreedomNm, own.sum()}}, under);
         const Local local = seen_by(line_model(w, line.lines), weight);
-        if (!line_on_light_better(local.chi2(model_of(w, light, under) - target, weight),
-                                  local.chi2(model_of(w, line, under) - target, weight), local.count()))
+        const double left_line = local.chi2(model_of(w, line, under) - target, weight);
+        if (!line_on_light_better(local.chi2(model_of(w, light, under) - target, weight), left_line, local.count()) ||
+            left_line > kLineOverPowers * local.chi2(basis * own - target, weight))
             continue;
         chosen.push_back(line.lines[0]);
         rest += line.under * flat - own;
