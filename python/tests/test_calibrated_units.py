@@ -75,3 +75,20 @@ def test_a_spectrum_made_by_an_operator_copies_and_pickles(calibrated_units, mon
     again = pickle.loads(pickle.dumps(spectrum))
     np.testing.assert_array_equal(again.values, spectrum.values)
     assert abs(again.peaks()[0].wavelength_nm - 1070) < 0.01
+
+
+def test_the_refinement_places_a_tubes_lines_among_its_phosphors_light(orb_sensor, calibrated_units):  # noqa: F811
+    """404.7 nm stands on the rising side of the blue phosphor's band, with no
+    dip between its light and the band's; 435.8 and 611.6 nm on the bands
+    themselves. Two draws of the scene's noise: in the second the band's
+    powers and the line's run together. The refinement aims at 0.1 nm; the
+    calibration here is the one swept at build time, whose noise this test
+    cannot choose."""
+    for seed in ("1", "3"):
+        result = orb_sensor("spectrum", "-n", "16", "--take-dark", "--refine", "--peaks",
+                            emulate=["--sensors", "1", "--seed", seed, "--scene", "fluorescent"])
+        assert result.returncode == 0, result.stderr
+        lines = [float(row.split()[1]) for row in result.stdout.splitlines() if row.startswith("line ")]
+        print(f"seed {seed}: refined lines {lines}")
+        for nm in (404.7, 435.8, 611.6):
+            assert min(abs(line - nm) for line in lines) < 0.15, (seed, nm, lines)
