@@ -437,16 +437,27 @@ bool drop_needless(const WeightedResponse& w, const Eigen::VectorXd& weight, con
 
 // A group spread too wide for one line may be two: it is, when two lines
 // leave the filters that see it little more than its own non-negative powers
-// do (broad light leaves far more). z is the frame less all else.
+// do (broad light leaves far more). Among broad light (under non-empty: flat
+// light over the group's span) they must also be better than that light by
+// line_on_light_better: a stretch of a phosphor's band, which the powers
+// fit no better than two lines do, is fitted as well by flat light. z is the
+// frame less all else.
 std::vector<orb_spectrum_line> wide_pair(const WeightedResponse& w, const Eigen::VectorXd& weight,
                                          const Eigen::VectorXd& z, const Group& g, const std::vector<double>& fine,
-                                         const Eigen::VectorXd& powers_model) {
+                                         const Eigen::VectorXd& powers_model, const Eigen::VectorXd& under) {
     const FittedLines two =
         two_lines(w, weight, z, g.centroid, g.power, g.spread, fine[g.first], fine[g.last], Eigen::VectorXd());
     const Local local = seen_by(powers_model, weight);
     const double left_powers = local.chi2(powers_model - z, weight), left_two = local.chi2(line_model(w, two.lines) - z, weight);
-    if (left_two < left_powers + std::max(kMinDrop, kWideSlack * left_powers)) return two.lines;
-    return {};
+    if (!(left_two < left_powers + std::max(kMinDrop, kWideSlack * left_powers))) return {};
+    if (under.size() > 0) {
+        const FittedLines light = fit_lines(w, weight, z, {}, under);
+        const Local near = seen_by(line_model(w, two.lines), weight);
+        if (!line_on_light_better(near.chi2(light.under * under - z, weight),
+                                  near.chi2(line_model(w, two.lines) - z, weight), near.count()))
+            return {};
+    }
+    return two.lines;
 }
 
 // A line on light that rises on one side of it (a tube's 404.7 nm on its
@@ -648,7 +659,10 @@ Refined refine_lines(const Reconstruction& r, const LineResponse& line_response,
         for (size_t c = g.first; c <= g.last; ++c)
             own[static_cast<Eigen::Index>(c)] = a[static_cast<Eigen::Index>(c)];
         const Eigen::VectorXd powers_model = basis * own;
-        const auto pair = wide_pair(w, weight, z - basis * rest + powers_model - all, g, fine, powers_model);
+        Eigen::VectorXd flat = Eigen::VectorXd::Zero(k + blocks);
+        for (size_t c = g.first; c <= g.last; ++c) flat[static_cast<Eigen::Index>(c)] = fine_width[c];
+        const auto pair = wide_pair(w, weight, z - basis * rest + powers_model - all, g, fine, powers_model,
+                                    broad_light ? Eigen::VectorXd(basis * flat) : Eigen::VectorXd());
         if (pair.empty()) continue;
         chosen.insert(chosen.end(), pair.begin(), pair.end());
         rest -= own;
