@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "sample_grid.h"
+
 namespace orbspectrum {
 
 namespace {
@@ -67,11 +69,8 @@ FrameNoise::FrameNoise(const Calibration& c, const std::vector<int>& filters, in
 }
 
 double FrameNoise::response_error(Eigen::Index row, double nm) const {
-    const std::vector<double>& x = wavelength_nm_;
-    size_t j = static_cast<size_t>(std::upper_bound(x.begin(), x.end(), nm) - x.begin());
-    j = std::clamp<size_t>(j, 1, x.size() - 1);
-    const double t = std::clamp((nm - x[j - 1]) / (x[j] - x[j - 1]), 0.0, 1.0);
-    const auto a = static_cast<Eigen::Index>(j - 1);
+    const auto [lower, t] = bracket(wavelength_nm_, nm);
+    const auto a = static_cast<Eigen::Index>(lower);
     // Mixed as variances: between two samples the interpolation adds an
     // error of their order.
     return std::sqrt((1 - t) * std::pow(response_error_(row, a), 2) + t * std::pow(response_error_(row, a + 1), 2));

@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "bounded_minimum.h"
+#include "sample_grid.h"
 
 namespace orbspectrum {
 
@@ -52,10 +53,8 @@ struct Lines {
 
 void response_at(const WeightedResponse& w, double nm, Eigen::VectorXd& value, Eigen::VectorXd* slope) {
     const std::vector<double>& x = w.wavelength_nm;
-    size_t j = static_cast<size_t>(std::upper_bound(x.begin(), x.end(), nm) - x.begin());
-    j = std::clamp<size_t>(j, 1, x.size() - 1) - 1;
+    const auto [j, t] = bracket(x, nm);
     const double h = x[j + 1] - x[j];
-    const double t = std::clamp((nm - x[j]) / h, 0.0, 1.0);
     const double t2 = t * t, t3 = t2 * t;
     const auto a = static_cast<Eigen::Index>(j), b = a + 1;
     value = (2 * t3 - 3 * t2 + 1) * w.response.col(a) + (t3 - 2 * t2 + t) * h * w.slope.col(a) +

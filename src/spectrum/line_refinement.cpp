@@ -18,6 +18,7 @@
 #include "bounded_minimum.h"
 #include "line_fit.h"
 #include "line_response.h"
+#include "sample_grid.h"
 #include "spectral_peaks.h"
 
 namespace orbspectrum {
@@ -54,10 +55,8 @@ constexpr double kPositionFreedomNm = 1.0;
 constexpr double kLineOverPowers = 1.25;   // what a line on light may leave, against the powers it replaces
 
 double interpolate(const std::vector<double>& x, const Eigen::VectorXd& y, double at) {
-    size_t j = static_cast<size_t>(std::upper_bound(x.begin(), x.end(), at) - x.begin());
-    j = std::clamp<size_t>(j, 1, x.size() - 1);
-    const double f = std::clamp((at - x[j - 1]) / (x[j] - x[j - 1]), 0.0, 1.0);
-    return (1 - f) * y[static_cast<Eigen::Index>(j - 1)] + f * y[static_cast<Eigen::Index>(j)];
+    const auto [lower, f] = bracket(x, at);
+    return (1 - f) * y[static_cast<Eigen::Index>(lower)] + f * y[static_cast<Eigen::Index>(lower + 1)];
 }
 
 struct Window {
@@ -162,18 +161,9 @@ struct Quadratic {
 void deposit(const std::vector<double>& grid, const std::vector<double>& width, double nm, double power,
              Eigen::VectorXd& density) {
     if (grid.size() < 2 || nm < grid.front() || nm > grid.back()) return;
-    size_t j = static_cast<size_t>(std::upper_bound(grid.begin(), grid.end(), nm) - grid.begin());
-    j = std::clamp<size_t>(j, 1, grid.size() - 1);
-    const double f = (nm - grid[j - 1]) / (grid[j] - grid[j - 1]);
-    density[static_cast<Eigen::Index>(j - 1)] += power * (1 - f) / width[j - 1];
-    density[static_cast<Eigen::Index>(j)] += power * f / width[j];
-}
-
-std::vector<double> widths(const std::vector<double>& nm) {
-    std::vector<double> w(nm.size());
-    for (size_t j = 0; j < nm.size(); ++j)
-        w[j] = 0.5 * (nm[std::min(j + 1, nm.size() - 1)] - nm[j == 0 ? 0 : j - 1]);
-    return w;
+    const auto [lower, f] = bracket(grid, nm);
+    density[static_cast<Eigen::Index>(lower)] += power * (1 - f) / width[lower];
+    density[static_cast<Eigen::Index>(lower + 1)] += power * f / width[lower + 1];
 }
 
 struct Group {
@@ -469,9 +459,8 @@ std::vector<orb_spectrum_line> wide_pair(const WeightedResponse& w, const Eigen:
 // far better by those); the light replaces the powers around it.
 void lines_on_rising_light(const WeightedResponse& w, const Eigen::VectorXd& weight, const Eigen::VectorXd& z,
                            const Eigen::MatrixXd& basis, const std::vector<double>& fine,
-                           const std::vector<orb_spectrum_peak>& peaks, const std::vector<Window>& fine_windows,
+                           const std::vector<double>& fine_width, const std::vector<orb_spectrum_peak>& peaks, const std::vector<Window>& fine_windows,
                            std::vector<orb_spectrum_line>& chosen, Eigen::VectorXd& rest, std::vector<bool>& taken) {
-    const std::vector<double> fine_width = widths(fine);
     for (const orb_spectrum_peak& p : peaks) {
         const double at = p.wavelength_nm;
         if (!inside(fine_windows, at) || std::any_of(chosen.begin(), chosen.end(), [&](const orb_spectrum_line& l) {
@@ -524,7 +513,7 @@ Refined refine_lines(const Reconstruction& r, const LineResponse& line_response,
     const Eigen::Index k = static_cast<Eigen::Index>(fine.size());
     Refined out;
     const std::vector<double>& grid = r.wavelengths();
-    const std::vector<double> grid_width = widths(grid);
+    const std::vector<double> grid_width = sample_widths(grid);
     out.density = r.to_output(fast);
     const Eigen::VectorXd fast_output = out.density;
     if (k == 0) return out;
@@ -634,7 +623,7 @@ Refined refine_lines(const Reconstruction& r, const LineResponse& line_response,
     const bool broad_light = rest.head(k).sum() > kUnderShare * line_power;
     std::vector<orb_spectrum_line> chosen;
     const Eigen::VectorXd all = line_model(w, single.lines);
-    const std::vector<double> fine_width = widths(fine);
+    const std::vector<double> fine_width = sample_widths(fine);
     const Eigen::VectorXd rest_of_groups = rest;
     for (size_t g = 0; g < lines.size(); ++g) {
         const Eigen::VectorXd others = basis * rest_of_groups + all - line_model(w, {single.lines[g]});
@@ -668,8 +657,9 @@ Refined refine_lines(const Reconstruction& r, const LineResponse& line_response,
         rest -= own;
     }
     if (broad_light)
-        lines_on_rising_light(w, weight, z, basis, fine, line_response.peaks(fast_output.data(), kPeakProminence),
-                              region.inner, chosen, rest, taken);
+        lines_on_rising_light(w, weight, z, basis, fine, fine_width,
+                              line_response.peaks(fast_output.data(), kPeakProminence), region.inner, chosen, rest,
+                              taken);
     Eigen::VectorXd z_lines = z - basis * rest;
     if (!broad_light) join_neighbours(w, weight, z_lines, chosen);
     // And all together from there, each line held near where it was found.

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <utility>
 
+#include "sample_grid.h"
 #include "spectral_peaks.h"
 
 namespace orbspectrum {
@@ -37,11 +38,8 @@ size_t nearest(const std::vector<double>& nm, double x) {
 }
 
 double interpolate(const std::vector<double>& x, const std::vector<double>& y, double at) {
-    if (at <= x.front()) return y.front();
-    if (at >= x.back()) return y.back();
-    const size_t j = static_cast<size_t>(std::upper_bound(x.begin(), x.end(), at) - x.begin());
-    const double w = (at - x[j - 1]) / (x[j] - x[j - 1]);
-    return y[j - 1] + w * (y[j] - y[j - 1]);
+    const auto [lower, w] = bracket(x, at);
+    return y[lower] + w * (y[lower + 1] - y[lower]);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <cmath>
 
 #include "engine_error.h"
+#include "sample_grid.h"
 #include "smoothness_prior.h"
 #include "strength_choice.h"
 
@@ -57,20 +58,11 @@ Eigen::MatrixXd interpolation(const std::vector<double>& from, const std::vector
     for (size_t r = 0; r < to.size(); ++r) {
         const double x = to[r];
         if (x < from.front() - 1e-9 || x > from.back() + 1e-9) continue;
-        size_t j = static_cast<size_t>(std::upper_bound(from.begin(), from.end(), x) - from.begin());
-        j = std::clamp<size_t>(j, 1, from.size() - 1);
-        const double w = std::clamp((x - from[j - 1]) / (from[j] - from[j - 1]), 0.0, 1.0);
-        t(static_cast<Eigen::Index>(r), static_cast<Eigen::Index>(j - 1)) = 1 - w;
-        t(static_cast<Eigen::Index>(r), static_cast<Eigen::Index>(j)) = w;
+        const auto [lower, w] = bracket(from, x);
+        t(static_cast<Eigen::Index>(r), static_cast<Eigen::Index>(lower)) = 1 - w;
+        t(static_cast<Eigen::Index>(r), static_cast<Eigen::Index>(lower + 1)) = w;
     }
     return t;
-}
-
-std::vector<double> sample_widths(const std::vector<double>& nm) {
-    const size_t n = nm.size();
-    std::vector<double> w(n);
-    for (size_t j = 0; j < n; ++j) w[j] = 0.5 * (nm[std::min(j + 1, n - 1)] - nm[j == 0 ? 0 : j - 1]);
-    return w;
 }
 
 // Catmull-Rom tangents along wavelength of each row.
