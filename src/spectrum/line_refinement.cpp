@@ -427,23 +427,49 @@ bool drop_needless(const WeightedResponse& w, const Eigen::VectorXd& weight, con
 
 // A group spread too wide for one line may be two: it is, when two lines
 // leave the filters that see it little more than its own non-negative powers
-// do (broad light leaves far more). Among broad light (under non-empty: flat
-// light over the group's span) they must also be better than that light by
-// line_on_light_better: a stretch of a phosphor's band, which the powers
-// fit no better than two lines do, is fitted as well by flat light. z is the
-// frame less all else.
+// do (broad light leaves far more). Among broad light (ramps non-empty: the
+// two ramps of a straight density over the group's span) they must also be
+// better than straight light by line_on_light_better: a stretch of a
+// phosphor's band, which the powers fit no better than two lines do, is
+// fitted as well by straight light (flat light leaves its slope, which two
+// lines take up). z is the frame less all else.
+// What the straight non-negative density over a span that fits z best puts
+// on the filters: a non-negative mix of its two ramps (ramps' columns, as w
+// whitens them), each filter weighted by weight.
+Eigen::VectorXd straight_light(const Eigen::MatrixXd& ramps, const Eigen::VectorXd& weight, const Eigen::VectorXd& z) {
+    const Eigen::MatrixXd a = weight.asDiagonal() * ramps;
+    const Eigen::VectorXd b = z.cwiseProduct(weight);
+    Eigen::Vector2d mix = a.colPivHouseholderQr().solve(b);
+    if (mix.minCoeff() < 0) {
+        // The best straight line dips below zero within the span: the better
+        // of the two ramps alone.
+        Eigen::Vector2d best = Eigen::Vector2d::Zero();
+        double least = INFINITY;
+        for (Eigen::Index c = 0; c < 2; ++c) {
+            Eigen::Vector2d one = Eigen::Vector2d::Zero();
+            one[c] = std::max(0.0, a.col(c).dot(b) / std::max(a.col(c).squaredNorm(), 1e-300));
+            const double left = (a * one - b).squaredNorm();
+            if (left < least) {
+                least = left;
+                best = one;
+            }
+        }
+        mix = best;
+    }
+    return ramps * mix;
+}
+
 std::vector<orb_spectrum_line> wide_pair(const WeightedResponse& w, const Eigen::VectorXd& weight,
                                          const Eigen::VectorXd& z, const Group& g, const std::vector<double>& fine,
-                                         const Eigen::VectorXd& powers_model, const Eigen::VectorXd& under) {
+                                         const Eigen::VectorXd& powers_model, const Eigen::MatrixXd& ramps) {
     const FittedLines two =
         two_lines(w, weight, z, g.centroid, g.power, g.spread, fine[g.first], fine[g.last], Eigen::VectorXd());
     const Local local = seen_by(powers_model, weight);
     const double left_powers = local.chi2(powers_model - z, weight), left_two = local.chi2(line_model(w, two.lines) - z, weight);
     if (!(left_two < left_powers + std::max(kMinDrop, kWideSlack * left_powers))) return {};
-    if (under.size() > 0) {
-        const FittedLines light = fit_lines(w, weight, z, {}, under);
+    if (ramps.cols() > 0) {
         const Local near = seen_by(line_model(w, two.lines), weight);
-        if (!line_on_light_better(near.chi2(light.under * under - z, weight),
+        if (!line_on_light_better(near.chi2(straight_light(ramps, weight, z) - z, weight),
                                   near.chi2(line_model(w, two.lines) - z, weight), near.count()))
             return {};
     }
@@ -648,10 +674,14 @@ Refined refine_lines(const Reconstruction& r, const LineResponse& line_response,
         for (size_t c = g.first; c <= g.last; ++c)
             own[static_cast<Eigen::Index>(c)] = a[static_cast<Eigen::Index>(c)];
         const Eigen::VectorXd powers_model = basis * own;
-        Eigen::VectorXd flat = Eigen::VectorXd::Zero(k + blocks);
-        for (size_t c = g.first; c <= g.last; ++c) flat[static_cast<Eigen::Index>(c)] = fine_width[c];
+        Eigen::MatrixXd ramps = Eigen::MatrixXd::Zero(k + blocks, 2);
+        for (size_t c = g.first; c <= g.last; ++c) {
+            const double u = (fine[c] - fine[g.first]) / std::max(fine[g.last] - fine[g.first], 1e-9);
+            ramps(static_cast<Eigen::Index>(c), 0) = (1 - u) * fine_width[c];
+            ramps(static_cast<Eigen::Index>(c), 1) = u * fine_width[c];
+        }
         const auto pair = wide_pair(w, weight, z - basis * rest + powers_model - all, g, fine, powers_model,
-                                    broad_light ? Eigen::VectorXd(basis * flat) : Eigen::VectorXd());
+                                    broad_light ? Eigen::MatrixXd(basis * ramps) : Eigen::MatrixXd());
         if (pair.empty()) continue;
         chosen.insert(chosen.end(), pair.begin(), pair.end());
         rest -= own;
